@@ -1,0 +1,41 @@
+"""The benchmark harness, with operators whose time is known."""
+
+from __future__ import annotations
+
+import time
+from typing import Callable
+
+import pytest
+
+import harness
+
+
+def test_measure_takes_turns_and_counts_calls() -> None:
+    calls: list[tuple[str, int]] = []
+
+    def sleeper(name: str, seconds: float) -> Callable[[int], None]:
+        def run(number: int) -> None:
+            calls.append((name, number))
+            time.sleep(seconds)
+
+        return run
+
+    ours, peer = sleeper("ours", 0.004), sleeper("peer", 0.012)
+    case = harness.Case("op", "1 x 1", "float", "q4_0", 8_000_000, ours, peer)
+    result = harness.measure(case, 0.0, bandwidth=4.0)
+    numbers = [0, 1, 2, 3, 4, 5]  # call 0 is not measured
+    assert calls == [(name, number) for number in numbers for name in ("ours", "peer")]
+    # 8 MB in 4 ms are 2 GB/s; sleeping takes a little longer than asked.
+    assert result.microseconds == pytest.approx(4000, rel=0.5)
+    assert result.gigabytes_per_second == pytest.approx(2, rel=0.5)
+    assert result.bandwidth_share == pytest.approx(0.5, rel=0.5)
+    assert result.speed_up == pytest.approx(3, rel=0.5)
+    header, row = harness.HEADER, harness.line(result)
+    assert len(row) == len(header) and row.split()[:2] == ["op", "1"]
+
+
+def test_spread_and_rotation() -> None:
+    assert harness.spread([1, 2, 3, 4, 5, 6, 7]) == pytest.approx((6 - 2) / 4)
+    for size in (100, 48_000_000, 360_000_000):
+        count = harness.copies_needed(size)
+        assert count * size >= 100_000_000 and (count == 1 or (count - 1) * size < 128_000_000)
