@@ -1,0 +1,20 @@
+#pragma once
+// Device memory: host memory aligned to 64 bytes, pooled by size, since fresh pages cost several times what
+// the arithmetic on them does.
+
+#include <c10/core/Allocator.h>
+#include <c10/core/Storage.h>
+
+namespace kelvor_xpu {
+
+/// The allocator behind every xpu storage.
+c10::Allocator* device_allocator();
+
+/// The same pool, but its memory says that it is the CPU's: for intermediate results of the CPU's operators.
+c10::Allocator* scratch_allocator();
+
+/// Hands the memory of a CPU storage to the device. The result keeps `storage` alive and counts as live
+/// bytes.
+c10::DataPtr adopt(c10::Storage storage);
+
+}  // namespace kelvor_xpu

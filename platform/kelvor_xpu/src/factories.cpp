@@ -1,0 +1,41 @@
+#include "factories.hpp"
+
+#include <ATen/EmptyTensor.h>
+
+#include "allocator.hpp"
+#include "guard.hpp"
+
+namespace kelvor_xpu {
+namespace {
+
+constexpr c10::DispatchKeySet xpu_keys(c10::DispatchKey::XPU);
+
+void check_options(c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
+                   c10::optional<bool> pin_memory) {
+  check_device(device.value_or(c10::Device(c10::DeviceType::XPU)));
+  TORCH_CHECK(!pin_memory.value_or(false),
+              "Only dense CPU tensors can be pinned, not tensors of the xpu device");
+  TORCH_CHECK_NOT_IMPLEMENTED(layout.value_or(c10::Layout::Strided) == c10::Layout::Strided,
+                              "The xpu device has strided tensors only, but layout ", *layout,
+                              " was asked for");
+}
+
+}  // namespace
+
+at::Tensor empty(at::IntArrayRef size, c10::optional<c10::ScalarType> dtype,
+                 c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
+                 c10::optional<bool> pin_memory, c10::optional<c10::MemoryFormat> memory_format) {
+  check_options(layout, device, pin_memory);
+  return at::detail::empty_generic(size, device_allocator(), xpu_keys, c10::dtype_or_default(dtype),
+                                   memory_format);
+}
+
+at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, c10::optional<c10::ScalarType> dtype,
+                         c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
+                         c10::optional<bool> pin_memory) {
+  check_options(layout, device, pin_memory);
+  return at::detail::empty_strided_generic(size, stride, device_allocator(), xpu_keys,
+                                           c10::dtype_or_default(dtype));
+}
+
+}  // namespace kelvor_xpu

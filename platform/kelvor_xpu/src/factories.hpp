@@ -1,0 +1,18 @@
+#pragma once
+// Tensors without values: the two factories on which all others are built.
+
+#include <ATen/core/Tensor.h>
+
+namespace kelvor_xpu {
+
+/// torch.empty. Pinned memory and layouts other than strided are refused.
+at::Tensor empty(at::IntArrayRef size, c10::optional<c10::ScalarType> dtype,
+                 c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
+                 c10::optional<bool> pin_memory, c10::optional<c10::MemoryFormat> memory_format);
+
+/// torch.empty_strided.
+at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, c10::optional<c10::ScalarType> dtype,
+                         c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
+                         c10::optional<bool> pin_memory);
+
+}  // namespace kelvor_xpu

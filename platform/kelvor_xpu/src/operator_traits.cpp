@@ -1,0 +1,89 @@
+#include "operator_traits.hpp"
+
+#include <algorithm>
+#include <limits>
+#include <mutex>
+#include <shared_mutex>
+#include <string_view>
+#include <unordered_map>
+
+namespace kelvor_xpu {
+namespace {
+
+using namespace std::string_view_literals;
+
+/// Operators whose sums the CPU's kernels would round after every step, or not offer at all, in reduced
+/// types.
+constexpr std::array computed_in_float{"mm"sv,
+                                       "addmm"sv,
+                                       "bmm"sv,
+                                       "baddbmm"sv,
+                                       "addbmm"sv,
+                                       "mv"sv,
+                                       "addmv"sv,
+                                       "dot"sv,
+                                       "vdot"sv,
+                                       "_softmax"sv,
+                                       "_log_softmax"sv,
+                                       "_softmax_backward_data"sv,
+                                       "_log_softmax_backward_data"sv,
+                                       "native_layer_norm"sv,
+                                       "native_layer_norm_backward"sv,
+                                       "native_group_norm"sv,
+                                       "native_group_norm_backward"sv,
+                                       "native_batch_norm"sv,
+                                       "native_batch_norm_backward"sv,
+                                       "convolution"sv,
+                                       "_convolution"sv,
+                                       "convolution_backward"sv};
+
+constexpr std::array with_statistics{"native_layer_norm"sv, "native_group_norm"sv, "native_batch_norm"sv};
+
+/// "aten::add_" gives "add".
+std::string_view base_name(const c10::FunctionSchema& schema) {
+  std::string_view name = schema.name();
+  name.remove_prefix(name.rfind(':') + 1);
+  if (name.size() > 1 && name.back() == '_' && name[name.size() - 2] != '_') name.remove_suffix(1);
+  return name;
+}
+
+template <class Names>
+bool contains(const Names& names, std::string_view name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+Role role_of(const c10::Argument& argument) {
+  if (argument.alias_info() != nullptr && argument.alias_info()->isWrite()) {
+    return argument.kwarg_only() ? Role::output : Role::update;
+  }
+  return std::string_view(argument.name()).ends_with("dtype") ? Role::dtype : Role::input;
+}
+
+}  // namespace
+
+OperatorTraits::OperatorTraits(const c10::FunctionSchema& schema) {
+  for (const c10::Argument& argument : schema.arguments()) {
+    roles.push_back(role_of(argument));
+    writes |= roles.back() == Role::update || roles.back() == Role::output;
+  }
+  for (const c10::Argument& result : schema.returns()) {
+    is_view |= result.alias_info() != nullptr && !result.alias_info()->isWrite();
+  }
+  const std::string_view name = base_name(schema);
+  always_lift = contains(computed_in_float, name);
+  first_statistic = contains(with_statistics, name) ? 1 : std::numeric_limits<std::size_t>::max();
+}
+
+const OperatorTraits& traits_of(const c10::OperatorHandle& op) {
+  static auto& lock = *new std::shared_mutex;
+  static auto& known = *new std::unordered_map<const c10::FunctionSchema*, OperatorTraits>;
+  const c10::FunctionSchema& schema = op.schema();
+  {
+    const std::shared_lock hold(lock);
+    if (const auto found = known.find(&schema); found != known.end()) return found->second;
+  }
+  const std::unique_lock hold(lock);
+  return known.try_emplace(&schema, schema).first->second;
+}
+
+}  // namespace kelvor_xpu

@@ -1,0 +1,74 @@
+// The one place where the device enters PyTorch, when the library is loaded. Nothing registered here is ever
+// destroyed: tensors, and threads that use them, may outlive static destructors.
+
+#include <ATen/ops/_reshape_alias_native.h>
+#include <ATen/ops/as_strided_native.h>
+#include <ATen/ops/resize_native.h>
+#include <ATen/ops/set_native.h>
+#include <ATen/ops/unfold_native.h>
+#include <ATen/ops/view_native.h>
+#include <torch/library.h>
+
+#include <sycl/cpu.hpp>
+
+#include "allocator.hpp"
+#include "copy.hpp"
+#include "factories.hpp"
+#include "fallback.hpp"
+#include "gru.hpp"
+#include "guard.hpp"
+
+namespace kelvor_xpu {
+namespace {
+
+/// Operators that PyTorch would take apart into others, or refuse, on a device without a kernel for them; the
+/// CPU's kernels are faster and handle more cases.
+constexpr const char* named_fallbacks[] = {
+    "convolution",
+    "_convolution",
+    "convolution_backward",
+    "mse_loss",
+    "smooth_l1_loss",
+    "huber_loss",
+    "native_layer_norm",
+    "addr",
+    "_stack",
+    "native_channel_shuffle",
+    "mish_backward",
+    "silu_backward",
+};
+
+void register_operators(torch::Library& aten) {
+  aten.impl("empty.memory_format", TORCH_FN(empty));
+  aten.impl("empty_strided", TORCH_FN(empty_strided));
+  aten.impl("copy_", TORCH_FN(copy_));
+  aten.impl("_local_scalar_dense", TORCH_FN(local_scalar_dense));
+  aten.impl("_thnn_fused_gru_cell", TORCH_FN(gru_cell));
+  aten.impl("_thnn_fused_gru_cell_backward", TORCH_FN(gru_cell_backward));
+  // These only look at sizes and at the storage, whose allocator is ours.
+  aten.impl("as_strided", TORCH_FN(at::native::as_strided_tensorimpl));
+  aten.impl("view", TORCH_FN(at::native::view));
+  aten.impl("_reshape_alias", TORCH_FN(at::native::_reshape_alias));
+  aten.impl("unfold", TORCH_FN(at::native::unfold));
+  aten.impl("resize_", TORCH_FN(at::native::resize_));
+  aten.impl("set_.source_Storage_storage_offset", TORCH_FN(at::native::set_storage_cpu_));
+  for (const char* name : named_fallbacks) {
+    aten.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
+  }
+}
+
+const bool registered = [] {
+  // Somebody else's XPU device has precedence, and a second copy of this library changes nothing.
+  if (c10::impl::hasDeviceGuardImpl(c10::DeviceType::XPU) || !sycl::host::unsupported_cpu().empty())
+    return false;
+  c10::impl::DeviceGuardImplRegistrar(c10::DeviceType::XPU, new Guard);
+  c10::SetAllocator(c10::DeviceType::XPU, device_allocator());
+  auto* aten = new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::XPU, __FILE__, __LINE__);
+  register_operators(*aten);
+  auto* others = new torch::Library(torch::Library::IMPL, "_", c10::DispatchKey::XPU, __FILE__, __LINE__);
+  others->fallback(torch::CppFunction::makeFromBoxedFunction<&fallback>());
+  return true;
+}();
+
+}  // namespace
+}  // namespace kelvor_xpu
