@@ -71,6 +71,8 @@ def test_greedy_generation_equals_repeated_forward() -> None:
         next(generate(model, b"Anna was", 17))
     with pytest.raises(ValueError, match="empty"):
         next(generate(model, b"", 1))
+    with pytest.raises(ValueError, match="not 0"):
+        next(generate(model, b"Anna", 0))
 
 
 def test_checkpoint_round_trip(tmp_path) -> None:
