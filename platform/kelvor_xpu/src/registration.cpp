@@ -17,6 +17,7 @@
 #include "fallback.hpp"
 #include "gru.hpp"
 #include "guard.hpp"
+#include "linear.hpp"
 
 namespace kelvor_xpu {
 namespace {
@@ -43,6 +44,8 @@ void register_operators(torch::Library& aten) {
   aten.impl("empty_strided", TORCH_FN(empty_strided));
   aten.impl("copy_", TORCH_FN(copy_));
   aten.impl("_local_scalar_dense", TORCH_FN(local_scalar_dense));
+  aten.impl("mm.out", TORCH_FN(mm_out));
+  aten.impl("addmm.out", TORCH_FN(addmm_out));
   aten.impl("_thnn_fused_gru_cell", TORCH_FN(gru_cell));
   aten.impl("_thnn_fused_gru_cell_backward", TORCH_FN(gru_cell_backward));
   // These only look at sizes and at the storage, whose allocator is ours.

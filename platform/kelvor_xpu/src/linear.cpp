@@ -1,0 +1,113 @@
+#include "linear.hpp"
+
+#include <ATen/ExpandUtils.h>
+
+#include <algorithm>
+#include <sycl/pool.hpp>
+
+#include "alias.hpp"
+#include "allocator.hpp"
+#include "fallback.hpp"
+#include "linear_kernels.hpp"
+#include "settings.hpp"
+
+namespace kelvor_xpu {
+namespace {
+
+constexpr int64_t most_rows = 256;
+/// Multiply-adds that are worth a thread's attention.
+constexpr int64_t smallest_piece = int64_t{1} << 17;
+
+bool is_reduced_matrix(const at::Tensor& tensor, c10::ScalarType type) {
+  return on_xpu(tensor) && tensor.dim() == 2 && tensor.scalar_type() == type && !tensor.is_conj() &&
+         !tensor.is_neg();
+}
+
+bool dense_rows(const at::Tensor& matrix) {
+  return matrix.stride(1) == 1 && (matrix.stride(0) >= matrix.size(1) || matrix.size(0) == 1);
+}
+
+/// Whether the streaming kernels can do out = rows @ weights. All else, errors included, is for the CPU's
+/// operator.
+bool streams(const at::Tensor& rows, const at::Tensor& weights, const at::Tensor& out) {
+  const c10::ScalarType type = rows.scalar_type();
+  if (type != at::kHalf && type != at::kBFloat16) return false;
+  if (!is_reduced_matrix(rows, type) || !is_reduced_matrix(weights, type) || !is_reduced_matrix(out, type)) {
+    return false;
+  }
+  return rows.size(0) <= most_rows && rows.size(1) == weights.size(0) && out.size(0) == rows.size(0) &&
+         out.size(1) == weights.size(1) && rows.numel() > 0 && weights.numel() > 0 &&
+         dense_rows(weights.t()) && dense_rows(out) && !out.is_alias_of(rows) && !out.is_alias_of(weights);
+}
+
+bool can_add(const at::Tensor& addend, const at::Tensor& out) {
+  return on_xpu(addend) && addend.scalar_type() == out.scalar_type() &&
+         at::is_expandable_to(addend.sizes(), out.sizes()) &&
+         (addend.is_same(out) || !addend.is_alias_of(out));
+}
+
+const uint16_t* bits(const at::Tensor& tensor) {
+  return static_cast<const uint16_t*>(tensor.data_ptr());
+}
+
+/// Computes the call's sums; what it adds to them is set already.
+void run(LinearCall call, const at::Tensor& rows, const at::Tensor& weights, at::Tensor& out) {
+  settings();  // the number of threads
+  call.type = out.scalar_type() == at::kHalf ? Reduced::half : Reduced::bfloat16;
+  call.rows = rows.size(0);
+  call.depth = rows.size(1);
+  call.padded_depth = padded(call.depth);
+  call.weight = bits(weights);
+  call.weight_stride = weights.stride(1);
+  call.out = static_cast<uint16_t*>(out.data_ptr());
+  call.out_stride = out.stride(0);
+
+  const at::Tensor dense = dense_rows(rows) ? rows : rows.contiguous();
+  const c10::DataPtr wide = scratch_allocator()->allocate(call.rows * call.padded_depth * sizeof(float));
+  auto* x = static_cast<float*>(wide.get());
+  for (int64_t r = 0; r < call.rows; ++r) {
+    widen_padded(call.type, bits(dense) + r * dense.stride(0), call.depth, x + r * call.padded_depth);
+  }
+  call.x = x;
+
+  const int64_t columns = out.size(1);
+  const int64_t wanted = std::clamp(smallest_piece / (call.rows * call.depth), int64_t{1}, columns);
+  const int64_t grain =
+      (wanted + linear_columns_at_once - 1) / linear_columns_at_once * linear_columns_at_once;
+  sycl::host::parallel_for_pieces(columns, grain, [&](std::size_t begin, std::size_t end) {
+    linear_columns(call, static_cast<int64_t>(begin), static_cast<int64_t>(end));
+  });
+}
+
+}  // namespace
+
+at::Tensor& mm_out(const at::Tensor& self, const at::Tensor& weights, at::Tensor& out) {
+  if (streams(self, weights, out)) {
+    LinearCall call{};
+    call.alpha = 1.0F;
+    run(call, self, weights, out);
+  } else {
+    fall_back("aten::mm", "out", self, weights, out);
+  }
+  return out;
+}
+
+at::Tensor& addmm_out(const at::Tensor& self, const at::Tensor& rows, const at::Tensor& weights,
+                      const at::Scalar& beta, const at::Scalar& alpha, at::Tensor& out) {
+  if (streams(rows, weights, out) && can_add(self, out)) {
+    LinearCall call{};
+    call.alpha = alpha.to<float>();
+    call.beta = beta.to<float>();
+    const at::Tensor addend = self.expand(out.sizes());
+    // Without a factor, what is to be added does not count, not even as NaN.
+    if (call.beta != 0.0F) call.addend = bits(addend);
+    call.addend_row_stride = addend.stride(0);
+    call.addend_column_stride = addend.stride(1);
+    run(call, rows, weights, out);
+  } else {
+    fall_back("aten::addmm", "out", self, rows, weights, beta, alpha, out);
+  }
+  return out;
+}
+
+}  // namespace kelvor_xpu

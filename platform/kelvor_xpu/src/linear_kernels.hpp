@@ -1,0 +1,47 @@
+#pragma once
+// Matrix products of a few rows of activations with a large matrix of weights in half or bfloat16. The
+// weights are read from memory once, and widened to float in registers; sums are in float.
+//
+// linear_kernels.cpp is the one file of the library that is compiled for AVX2, FMA and F16C. Nothing with
+// inline functions that other files also use may be included here, since the linker might then pick the AVX2
+// copy for all.
+
+#include <cstdint>
+
+namespace kelvor_xpu {
+
+enum class Reduced { half, bfloat16 };
+
+/// out[r][c] = alpha * sum over k of x[r][k] * weight[c][k] + beta * addend[r][c]
+struct LinearCall {
+  Reduced type;
+  const float* x;  ///< rows of `padded_depth` values, zero from `depth` on
+  std::int64_t padded_depth;
+  const std::uint16_t* weight;
+  std::int64_t weight_stride;
+  std::int64_t rows;
+  std::int64_t depth;
+  const std::uint16_t* addend;  ///< null: none
+  std::int64_t addend_row_stride;
+  std::int64_t addend_column_stride;
+  float alpha;
+  float beta;
+  std::uint16_t* out;
+  std::int64_t out_stride;
+};
+
+/// Columns of `out` that are computed together; pieces of work should be multiples of it.
+constexpr std::int64_t linear_columns_at_once = 12;
+
+/// `depth` rounded up to what the kernels read at once.
+constexpr std::int64_t padded(std::int64_t depth) {
+  return (depth + 7) / 8 * 8;
+}
+
+/// Computes the columns [begin, end) of all rows.
+void linear_columns(const LinearCall& call, std::int64_t begin, std::int64_t end);
+
+/// Writes `count` widened values, and zeros up to padded(count).
+void widen_padded(Reduced type, const std::uint16_t* from, std::int64_t count, float* to);
+
+}  // namespace kelvor_xpu
