@@ -1,0 +1,506 @@
+#pragma once
+// lanes<T, N>: the values of one variable in the N work-items of a gang, held in AVX2 registers, and
+// arithmetic in T on them. N is 8, 16 or 32; with one work-item per gang a varying value is the plain scalar.
+// Half and bfloat16 are held widened to float and rounded after every operation, so each register value is
+// one that the type can hold.
+
+#include <immintrin.h>
+
+#include <bit>
+#include <cmath>
+#include <concepts>
+#include <cstdint>
+#include <type_traits>
+#include <utility>
+
+#include "sycl/half.hpp"
+
+namespace spmd {
+
+using sycl::half;
+using sycl::ext::kelvor::bfloat16;
+
+template <class T>
+concept reduced = std::same_as<T, half> || std::same_as<T, bfloat16>;
+
+/// The type that arithmetic in T is done in, and that registers hold.
+template <class T>
+using wide = std::conditional_t<reduced<T>, float, T>;
+
+template <class T, int Bytes>
+struct vector_of {
+  typedef T type __attribute__((vector_size(Bytes)));  // NOLINT: an alias would drop the attribute
+};
+/// One AVX2 register of T.
+template <class T>
+using native = typename vector_of<T, 32>::type;
+template <class T>
+inline constexpr int native_lanes = 32 / static_cast<int>(sizeof(T));
+
+/// Calls body(std::integral_constant<int, 0>()) … up to Count - 1, written out.
+template <int Count, class Body>
+[[gnu::always_inline]] inline void unrolled(const Body& body) {
+  [&]<int... I>(std::integer_sequence<int, I...>) [[gnu::always_inline]] {
+    (body(std::integral_constant<int, I>()), ...);
+  }
+  (std::make_integer_sequence<int, Count>());
+}
+
+template <class T, int N>
+struct lanes;
+
+/// A value per work-item: lanes, or the scalar where a gang has one lane.
+template <class T, int N>
+using varying_t =
+    typename std::conditional_t<N == 1, std::type_identity<T>, std::type_identity<lanes<T, N>>>::type;
+
+template <class T, int N>
+requires(!reduced<T> && !std::same_as<T, bool> && N == native_lanes<T>) struct lanes<T, N> {
+  native<T> v;
+  lanes() = default;
+  [[gnu::always_inline]] explicit lanes(native<T> value) : v(value) {}
+  [[gnu::always_inline]] lanes(T uniform)
+      : v(native<T>{} + uniform) {}  // NOLINT: a uniform value is a varying one
+};
+
+template <class T, int N>
+requires(!reduced<T> && !std::same_as<T, bool> && N > native_lanes<T>) struct lanes<T, N> {
+  lanes<T, N / 2> lo, hi;
+  lanes() = default;
+  [[gnu::always_inline]] lanes(lanes<T, N / 2> low, lanes<T, N / 2> high) : lo(low), hi(high) {}
+  [[gnu::always_inline]] lanes(T uniform) : lo(uniform), hi(uniform) {}  // NOLINT
+};
+
+/// Rounds floats to the nearest value of a reduced type. The result stays in float registers.
+template <reduced T>
+[[gnu::always_inline]] inline native<float> round_native(native<float> x) {
+  if constexpr (std::same_as<T, half>) {
+    return _mm256_cvtph_ps(_mm256_cvtps_ph(x, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
+  } else {
+    const auto bits = reinterpret_cast<native<std::uint32_t>>(x);
+    return reinterpret_cast<native<float>>((bits + 0x7FFF + (bits >> 16 & 1)) & 0xFFFF0000);
+  }
+}
+
+template <reduced T, int N>
+struct lanes<T, N> {
+  lanes<float, N> w;
+  lanes() = default;
+  [[gnu::always_inline]] explicit lanes(lanes<float, N> exact) : w(exact) {}
+  [[gnu::always_inline]] lanes(T uniform) : w(float(uniform)) {}  // NOLINT
+};
+
+/// A condition per lane: all bits of the 32-bit word set, or none.
+template <int N>
+struct lanes<bool, N> {
+  lanes<std::int32_t, N> mask;
+  lanes() = default;
+  [[gnu::always_inline]] explicit lanes(lanes<std::int32_t, N> bits) : mask(bits) {}
+  [[gnu::always_inline]] lanes(bool uniform) : mask(uniform ? -1 : 0) {}  // NOLINT
+};
+
+template <class T>
+inline constexpr bool is_lanes = false;
+template <class T, int N>
+inline constexpr bool is_lanes<lanes<T, N>> = true;
+
+/// Number of lanes of a varying type, 1 for a scalar.
+template <class V>
+inline constexpr int lane_count = 1;
+template <class T, int N>
+inline constexpr int lane_count<lanes<T, N>> = N;
+
+template <class V>
+struct element_of {
+  using type = V;
+};
+template <class T, int N>
+struct element_of<lanes<T, N>> {
+  using type = T;
+};
+/// The element type of a varying type.
+template <class V>
+using element = typename element_of<V>::type;
+
+/// Applies an operation on registers to lanes of plain types, register by register.
+template <class F, class T, int N, class... More>
+[[gnu::always_inline]] inline auto per_register(const F& f, const lanes<T, N>& first, const More&... more) {
+  if constexpr (N == native_lanes<T>) {
+    return lanes<T, N>(f(first.v, more.v...));
+  } else {
+    return lanes<T, N>(per_register(f, first.lo, more.lo...), per_register(f, first.hi, more.hi...));
+  }
+}
+
+/// `exact` rounded to T lane by lane.
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> rounded(const lanes<float, N>& exact) {
+  return lanes<T, N>(
+      per_register([](native<float> x) [[gnu::always_inline]] { return round_native<T>(x); }, exact));
+}
+
+// Operators on plain types
+// ------------------------------------------------------------------------------------------
+
+template <class T>
+concept plain = !reduced<T> && !std::same_as<T, bool>;
+
+template <plain T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator+(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x + y; }, a, b);
+}
+template <plain T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator-(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x - y; }, a, b);
+}
+template <plain T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator*(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x * y; }, a, b);
+}
+template <plain T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator/(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x / y; }, a, b);
+}
+template <std::integral T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator%(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x % y; }, a, b);
+}
+template <std::integral T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator&(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x & y; }, a, b);
+}
+template <std::integral T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator|(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x | y; }, a, b);
+}
+template <std::integral T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator^(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x ^ y; }, a, b);
+}
+template <std::integral T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator<<(const lanes<T, N>& a, int count) {
+  return per_register([count](auto x) [[gnu::always_inline]] { return x << count; }, a);
+}
+template <std::integral T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator>>(const lanes<T, N>& a, int count) {
+  return per_register([count](auto x) [[gnu::always_inline]] { return x >> count; }, a);
+}
+template <plain T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator-(const lanes<T, N>& a) {
+  return per_register([](auto x) [[gnu::always_inline]] { return -x; }, a);
+}
+
+// Operators on reduced types: in float, rounded once
+// ------------------------------------------------------------------
+
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator+(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return rounded<T>(a.w + b.w);
+}
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator-(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return rounded<T>(a.w - b.w);
+}
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator*(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return rounded<T>(a.w * b.w);
+}
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator/(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return rounded<T>(a.w / b.w);
+}
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> operator-(const lanes<T, N>& a) {
+  return lanes<T, N>(-a.w);
+}
+
+// A uniform operand on either side
+// -------------------------------------------------------------------------------------
+
+template <class T, int N>
+[[gnu::always_inline]] inline auto operator+(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a + lanes<T, N>(b);
+}
+template <class T, int N>
+[[gnu::always_inline]] inline auto operator-(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a - lanes<T, N>(b);
+}
+template <class T, int N>
+[[gnu::always_inline]] inline auto operator*(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a * lanes<T, N>(b);
+}
+template <class T, int N>
+[[gnu::always_inline]] inline auto operator/(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a / lanes<T, N>(b);
+}
+template <class T, int N>
+[[gnu::always_inline]] inline auto operator%(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a % lanes<T, N>(b);
+}
+template <class T, int N>
+[[gnu::always_inline]] inline auto operator&(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a & lanes<T, N>(b);
+}
+template <class T, int N>
+[[gnu::always_inline]] inline auto operator|(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a | lanes<T, N>(b);
+}
+template <class T, int N>
+[[gnu::always_inline]] inline auto operator^(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a ^ lanes<T, N>(b);
+}
+
+// Comparison and choice
+// --------------------------------------------------------------------------------------------------
+
+/// The 32-bit mask of a comparison of registers, whatever their width.
+template <class F, class T, int N>
+[[gnu::always_inline]] inline lanes<std::int32_t, N> compare(const F& f, const lanes<T, N>& a,
+                                                             const lanes<T, N>& b) {
+  if constexpr (N > native_lanes<T> && N > 8) {
+    return {compare(f, a.lo, b.lo), compare(f, a.hi, b.hi)};
+  } else if constexpr (sizeof(T) == 4) {
+    return lanes<std::int32_t, N>(f(a.v, b.v));
+  } else {
+    const auto low = __builtin_convertvector(f(a.lo.v, b.lo.v), typename vector_of<std::int32_t, 16>::type);
+    const auto high = __builtin_convertvector(f(a.hi.v, b.hi.v), typename vector_of<std::int32_t, 16>::type);
+    return lanes<std::int32_t, N>(__builtin_shufflevector(low, high, 0, 1, 2, 3, 4, 5, 6, 7));
+  }
+}
+
+template <plain T, int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator<(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return lanes<bool, N>(compare([](auto x, auto y) [[gnu::always_inline]] { return x < y; }, a, b));
+}
+template <plain T, int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator==(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return lanes<bool, N>(compare([](auto x, auto y) [[gnu::always_inline]] { return x == y; }, a, b));
+}
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator<(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return a.w < b.w;
+}
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator==(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return a.w == b.w;
+}
+template <class T, int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator<(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return a < lanes<T, N>(b);
+}
+template <class T, int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator>(const lanes<T, N>& a, const lanes<T, N>& b) {
+  return b < a;
+}
+template <class T, int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator>(const lanes<T, N>& a, std::type_identity_t<T> b) {
+  return lanes<T, N>(b) < a;
+}
+template <int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator&(const lanes<bool, N>& a, const lanes<bool, N>& b) {
+  return lanes<bool, N>(a.mask & b.mask);
+}
+template <int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator|(const lanes<bool, N>& a, const lanes<bool, N>& b) {
+  return lanes<bool, N>(a.mask | b.mask);
+}
+template <int N>
+[[gnu::always_inline]] inline lanes<bool, N> operator!(const lanes<bool, N>& a) {
+  return lanes<bool, N>(a.mask ^ lanes<std::int32_t, N>(-1));
+}
+
+/// condition ? yes : no, lane by lane; both are evaluated.
+template <class T, int N>
+[[gnu::always_inline]] inline lanes<T, N> select(const lanes<bool, N>& condition, const lanes<T, N>& yes,
+                                                 const lanes<T, N>& no) {
+  if constexpr (reduced<T>) {
+    return lanes<T, N>(select(condition, yes.w, no.w));
+  } else if constexpr (N > 8) {
+    return {select(lanes<bool, N / 2>(condition.mask.lo), yes.lo, no.lo),
+            select(lanes<bool, N / 2>(condition.mask.hi), yes.hi, no.hi)};
+  } else if constexpr (sizeof(T) == 4) {
+    return lanes<T, N>(condition.mask.v ? yes.v : no.v);
+  } else {
+    using mask4 = native<std::int64_t>;
+    const auto low = __builtin_shufflevector(condition.mask.v, condition.mask.v, 0, 1, 2, 3);
+    const auto high = __builtin_shufflevector(condition.mask.v, condition.mask.v, 4, 5, 6, 7);
+    return {lanes<T, 4>(__builtin_convertvector(low, mask4) ? yes.lo.v : no.lo.v),
+            lanes<T, 4>(__builtin_convertvector(high, mask4) ? yes.hi.v : no.hi.v)};
+  }
+}
+template <class T>
+[[gnu::always_inline]] inline T select(bool condition, T yes, std::type_identity_t<T> no) {
+  return condition ? yes : no;
+}
+
+// Conversion
+// -----------------------------------------------------------------------------------------------------------
+
+/// T(x): exact where T is wider, else rounded to nearest even. Float to integer truncates.
+template <class To, class From, int N>
+[[gnu::always_inline]] inline lanes<To, N> convert(const lanes<From, N>& x) {
+  if constexpr (std::same_as<To, From>) {
+    return x;
+  } else if constexpr (reduced<From>) {
+    return convert<To>(x.w);
+  } else if constexpr (reduced<To>) {
+    return rounded<To>(convert<float>(x));
+  } else if constexpr (N > 8) {
+    return {convert<To>(x.lo), convert<To>(x.hi)};
+  } else if constexpr (sizeof(To) == sizeof(From)) {
+    if constexpr (N == native_lanes<To>) {
+      return lanes<To, N>(__builtin_convertvector(x.v, native<To>));
+    } else {
+      return {convert<To>(x.lo), convert<To>(x.hi)};
+    }
+  } else if constexpr (sizeof(To) > sizeof(From)) {
+    return {lanes<To, 4>(__builtin_convertvector(__builtin_shufflevector(x.v, x.v, 0, 1, 2, 3), native<To>)),
+            lanes<To, 4>(__builtin_convertvector(__builtin_shufflevector(x.v, x.v, 4, 5, 6, 7), native<To>))};
+  } else {
+    using half_register = typename vector_of<To, 16>::type;
+    return lanes<To, N>(__builtin_shufflevector(__builtin_convertvector(x.lo.v, half_register),
+                                                __builtin_convertvector(x.hi.v, half_register), 0, 1, 2, 3, 4,
+                                                5, 6, 7));
+  }
+}
+template <class To, class From>
+requires(!is_lanes<From>) [[gnu::always_inline]] inline To convert(From x) {
+  if constexpr (reduced<To>) {
+    return To(static_cast<float>(x));
+  } else if constexpr (reduced<From>) {
+    return static_cast<To>(static_cast<float>(x));
+  } else {
+    return static_cast<To>(x);
+  }
+}
+
+/// The same bits as another type of the same width.
+template <plain To, plain From, int N>
+[[gnu::always_inline]] inline lanes<To, N> bit_cast(const lanes<From, N>& x) {
+  if constexpr (N == native_lanes<From>) {
+    return lanes<To, N>(reinterpret_cast<native<To>>(x.v));
+  } else {
+    return {bit_cast<To>(x.lo), bit_cast<To>(x.hi)};
+  }
+}
+
+/// x, which is a value of T as it stands (an integer of at most 8 bits, say): converted without rounding.
+template <class To, class From, int N>
+[[gnu::always_inline]] inline lanes<To, N> convert_exact(const lanes<From, N>& x) {
+  if constexpr (reduced<To>) {
+    return lanes<To, N>(convert<float>(x));
+  } else {
+    return convert<To>(x);
+  }
+}
+template <class To, class From>
+requires(!is_lanes<From>) [[gnu::always_inline]] inline To convert_exact(From x) {
+  return convert<To>(x);
+}
+
+/// The half whose upper byte is byte `Byte` of each word and whose lower byte is `Lower`, as float. Two
+/// neighbouring bytes share a byte shuffle and a permutation; 1 conversion each.
+template <int Byte, std::uint8_t Lower, int N>
+[[gnu::always_inline]] inline lanes<float, N> half_from_upper_byte(const lanes<std::uint32_t, N>& word) {
+  if constexpr (N > 8) {
+    return {half_from_upper_byte<Byte, Lower>(word.lo), half_from_upper_byte<Byte, Lower>(word.hi)};
+  } else {
+    constexpr char a = Byte / 2 * 2, b = a + 1;
+    const __m256i order =
+        _mm256_setr_epi8(-1, a, -1, a + 4, -1, a + 8, -1, a + 12, -1, b, -1, b + 4, -1, b + 8, -1, b + 12, -1,
+                         a, -1, a + 4, -1, a + 8, -1, a + 12, -1, b, -1, b + 4, -1, b + 8, -1, b + 12);
+    __m256i halves = _mm256_shuffle_epi8(reinterpret_cast<__m256i>(word.v), order);
+    halves = _mm256_permute4x64_epi64(halves, 0xD8);  // byte a of all lanes, then byte b of all lanes
+    if constexpr (Lower != 0) halves = _mm256_or_si256(halves, _mm256_set1_epi16(Lower));
+    return lanes<float, N>(_mm256_cvtph_ps(_mm256_extracti128_si256(halves, Byte % 2)));
+  }
+}
+template <int Byte, std::uint8_t Lower>
+[[gnu::always_inline]] inline float half_from_upper_byte(std::uint32_t word) {
+  return sycl::host::half_value(static_cast<std::uint16_t>((word >> (8 * Byte) & 0xFF) << 8 | Lower));
+}
+
+/// The unsigned field of Width bits from bit Bit of each word. 2 operations.
+template <int Width, int Bit, int N>
+[[gnu::always_inline]] inline lanes<std::uint32_t, N> field(const lanes<std::uint32_t, N>& word) {
+  if constexpr (Bit + Width == 32) return word >> Bit;
+  return (word >> Bit) & ((1u << Width) - 1);
+}
+template <int Width, int Bit>
+[[gnu::always_inline]] inline std::uint32_t field(std::uint32_t word) {
+  return word >> Bit & ((1u << Width) - 1);
+}
+
+/// That field plus Offset, as float: the field is put into the mantissa of a float whose unit is its lowest
+/// bit, and the rest of that float is taken away again. 3 operations, which use no shift or conversion port;
+/// where the field reaches into the exponent, the words are shifted down by 12 bits first, once for all such
+/// fields.
+template <int Width, int Bit, int Offset, int N>
+[[gnu::always_inline]] inline lanes<float, N> field_value(const lanes<std::uint32_t, N>& word) {
+  if constexpr (Bit + Width > 23) {
+    return field_value<Width, Bit - 12, Offset>(word >> 12);
+  } else {
+    constexpr float unit_bias = static_cast<float>(1 << (23 - Bit));
+    constexpr auto exponent = std::bit_cast<std::uint32_t>(unit_bias);
+    const auto biased = (word & (((1u << Width) - 1) << Bit)) | exponent;
+    return bit_cast<float>(biased) - (unit_bias - Offset);
+  }
+}
+template <int Width, int Bit, int Offset>
+[[gnu::always_inline]] inline float field_value(std::uint32_t word) {
+  return static_cast<float>(static_cast<int>(word >> Bit & ((1u << Width) - 1)) + Offset);
+}
+
+// Multiply-add
+// ----------------------------------------------------------------------------------------------------------
+
+/// a * b + c as a fused multiply-add of the wide type, rounded to T: the contraction of a multiply and an
+/// add.
+template <class T, int N>
+[[gnu::always_inline]] inline lanes<T, N> mad(const lanes<T, N>& a, const lanes<T, N>& b,
+                                              const lanes<T, N>& c) {
+  if constexpr (reduced<T>) {
+    return rounded<T>(mad(a.w, b.w, c.w));
+  } else {
+    return per_register(
+        [](native<T> x, native<T> y, native<T> z) [[gnu::always_inline]] -> native<T> {
+          if constexpr (std::same_as<T, float>) {
+            return _mm256_fmadd_ps(x, y, z);
+          } else if constexpr (std::same_as<T, double>) {
+            return _mm256_fmadd_pd(x, y, z);
+          } else {
+            return x * y + z;
+          }
+        },
+        a, b, c);
+  }
+}
+template <class T>
+requires(!is_lanes<T>) [[gnu::always_inline]] inline T mad(T a, T b, T c) {
+  if constexpr (reduced<T>) {
+    return T(std::fma(float(a), float(b), float(c)));
+  } else if constexpr (std::floating_point<T>) {
+    return std::fma(a, b, c);
+  } else {
+    return a * b + c;
+  }
+}
+
+// Lane ids
+// ---------------------------------------------------------------------------------------------------------------
+
+/// first, first + 1, … in lanes 0, 1, …; lanes from `live` on repeat the last live one.
+template <int N>
+[[gnu::always_inline]] inline auto ramp(int first, int live = N) {
+  if constexpr (N == 1) {
+    return first;
+  } else if constexpr (N == 8) {
+    const native<std::int32_t> lane = {0, 1, 2, 3, 4, 5, 6, 7};
+    const native<std::int32_t> last = native<std::int32_t>{} + (live - 1);
+    return lanes<std::int32_t, 8>((lane < last ? lane : last) + first);
+  } else {
+    return lanes<std::int32_t, N>(ramp<N / 2>(first, live), ramp<N / 2>(first + N / 2, live - N / 2));
+  }
+}
+
+}  // namespace spmd

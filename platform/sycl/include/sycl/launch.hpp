@@ -1,0 +1,125 @@
+#pragma once
+// Running a kernel over an index space: work-groups are dealt to the pool, the work-items of a group run as
+// gangs of lanes in lockstep.
+//
+// What a kernel functor may declare besides its operator():
+//   static constexpr int sub_group_size    the required sub-group size (16 or 32)
+//   static constexpr bool uses_sub_group   true if it calls sub-group operations: a gang is then one
+//   sub-group;
+//                                          otherwise it is as wide as pays, whatever sub-group size is
+//                                          required
+//   void prepare(host::arena&)             called once per submission, before the work-groups, on the
+//   launch's own
+//                                          copy of the functor: lays out what all groups read in the order of
+//                                          lanes
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <memory>
+
+#include "sycl/fiber.hpp"
+#include "sycl/item.hpp"
+#include "sycl/pool.hpp"
+#include "sycl/range.hpp"
+
+#if !defined(HOST_SYCL_LANES)
+/// Lanes of a gang where the kernel does not fix them. 1 gives the scalar reading of every kernel.
+#define HOST_SYCL_LANES 32
+#endif
+
+namespace sycl::host {
+
+inline constexpr std::size_t local_alignment = 64;
+
+/// Memory that lives as long as one submission.
+class arena {
+ public:
+  /// `count` elements, aligned to a cache line, not initialised.
+  template <class T>
+  T* allocate(std::size_t count) {
+    return reinterpret_cast<T*>(take(count * sizeof(T)));
+  }
+  explicit arena();
+  ~arena();
+  arena(const arena&) = delete;
+  arena& operator=(const arena&) = delete;
+
+ private:
+  std::byte* take(std::size_t bytes);
+  std::size_t mark_;  // what the thread's memory already held
+};
+
+/// Local memory for one work-group of the calling thread: at least `bytes`, aligned to a cache line.
+std::byte* local_memory(std::size_t bytes);
+
+/// Throws std::invalid_argument (in words of SYCL's nd_range errors) where the range cannot be run.
+void check_range(int dimensions, const std::array<std::size_t, 3>& global,
+                 const std::array<std::size_t, 3>& local, std::size_t max_work_group_size);
+
+template <int D>
+std::array<std::size_t, 3> padded(const range<D>& sizes) {
+  std::array<std::size_t, 3> result{1, 1, 1};
+  for (int d = 0; d < D; ++d) result[d] = sizes[d];
+  return result;
+}
+
+template <int D>
+void check_range(const nd_range<D>& range, std::size_t max_work_group_size) {
+  check_range(D, padded(range.get_global_range()), padded(range.get_local_range()), max_work_group_size);
+}
+
+template <class Kernel>
+constexpr int gang_lanes() {
+  if constexpr (requires { Kernel::uses_sub_group; }) {
+    if constexpr (Kernel::uses_sub_group) return HOST_SYCL_LANES == 1 ? 1 : Kernel::sub_group_size;
+  }
+  return HOST_SYCL_LANES;
+}
+
+/// One gang of one work-group: the kernel's whole body is inlined here.
+template <int D, int Lanes, class Kernel>
+[[gnu::flatten, gnu::noinline]] void run_gang(const Kernel& kernel, const group_state<D>& group, int gang) {
+  kernel(nd_item<D, Lanes>(group, gang));
+}
+
+template <int D, class Kernel>
+void launch(const nd_range<D>& range, const Kernel& original, std::size_t local_bytes) {
+  constexpr int lanes = gang_lanes<Kernel>();
+  const sycl::range<D> groups = range.get_group_range();
+  const std::size_t count = groups.size();
+  if (count == 0) return;
+  Kernel kernel = original;
+  arena memory;
+  if constexpr (requires { kernel.prepare(memory); }) kernel.prepare(memory);
+
+  const auto items = static_cast<int>(range.get_local_range().size());
+  const int gangs = (items + lanes - 1) / lanes;
+  const auto run_groups = [&](std::size_t begin, std::size_t end) {
+    gang_ring& ring = gang_ring::of_this_thread();
+    group_state<D> group(groups, range.get_local_range(), local_memory(local_bytes), ring);
+    for (std::size_t g = begin; g < end; ++g) {
+      group.move_to(g);
+      if (gangs == 1) {
+        run_gang<D, lanes>(kernel, group, 0);
+      } else {
+        struct call {
+          const Kernel& kernel;
+          const group_state<D>& group;
+        } argument{kernel, group};
+        ring.run(
+            gangs,
+            [](void* object, int gang) {
+              const auto& self = *static_cast<call*>(object);
+              run_gang<D, gang_lanes<Kernel>()>(self.kernel, self.group, gang);
+            },
+            &argument);
+      }
+    }
+  };
+  // Some twenty pieces per thread: even shares, and each piece still a long run through memory.
+  const std::size_t grain = std::max<std::size_t>(1, count / (static_cast<std::size_t>(pool_threads()) * 20));
+  parallel_for_pieces(count, grain, run_groups);
+}
+
+}  // namespace sycl::host

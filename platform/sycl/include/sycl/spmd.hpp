@@ -1,0 +1,289 @@
+#pragma once
+// The vocabulary that kernels are written in, beside SYCL's own names: values per work-item, loads in the
+// patterns that packed weights need, and sums over a work-group. On a gang of one lane each of them is
+// ordinary scalar SYCL code. Costs are for one AVX2 register of eight lanes.
+
+#include <cstdint>
+#include <cstring>
+
+#include "sycl/item.hpp"
+#include "sycl/lanes.hpp"
+#include "sycl/launch.hpp"
+
+namespace spmd {
+
+/// A value of its own per work-item of the gang that `Item` stands for.
+template <class T, class Item>
+using varying = varying_t<T, Item::lanes>;
+
+/// Which lanes of a gang take part: all of them, known when the kernel is compiled …
+template <int N>
+struct all_lanes {
+  static constexpr int count = N;
+};
+/// … or the first `count`, found when it runs.
+struct first_lanes {
+  int count;
+};
+
+/// The part of a gang of n lanes that its lower or upper half sees.
+template <int N>
+constexpr all_lanes<N / 2> lower_half(all_lanes<N>) {
+  return {};
+}
+template <int N>
+constexpr all_lanes<N / 2> upper_half(all_lanes<N>, int) {
+  return {};
+}
+constexpr first_lanes lower_half(first_lanes live) {
+  return live;
+}
+constexpr first_lanes upper_half(first_lanes live, int n) {
+  return {live.count - n / 2};
+}
+
+/// value where the lane takes part, else `kept`.
+template <class V, int N>
+[[gnu::always_inline]] inline V keep_unless(all_lanes<N>, const V& value, const V&) {
+  return value;
+}
+template <class T, int N>
+[[gnu::always_inline]] inline lanes<T, N> keep_unless(first_lanes live, const lanes<T, N>& value,
+                                                      const lanes<T, N>& kept) {
+  return select(ramp<N>(0) < live.count, value, kept);
+}
+
+/// Deals the indices 0 … count - 1 to the work-items of the group in turn and calls body(first, live) for
+/// every round: lane l of the gang has index first[r] + l in the r-th of the rounds that the call stands for.
+/// `Together` full rounds at a time come in one call, so that their work can overlap; full rounds come with
+/// all_lanes and cost no masking. Each first[r] is a multiple of the gang's width.
+template <int Together, class Item, class Body>
+[[gnu::always_inline]] inline void strided(const Item& item, int count, const Body& body) {
+  constexpr int n = Item::lanes;
+  const int step = item.group_size();
+  int first = item.first();
+  for (; first + (Together - 1) * step + n <= count; first += Together * step) {
+    std::array<int, Together> rounds;
+    unrolled<Together>([&](auto r) { rounds[r] = first + r * step; });
+    body(rounds, all_lanes<n>());
+  }
+  if constexpr (Together > 1) {
+    for (; first + n <= count; first += step) body(std::array{first}, all_lanes<n>());
+  }
+  if constexpr (n > 1) {
+    if (first < count) body(std::array{first}, first_lanes{count - first});
+  }
+}
+
+// Memory
+// -----------------------------------------------------------------------------------------------------------------
+
+/// Asks for the cache line at `address`, which need not exist.
+[[gnu::always_inline]] inline void prefetch(const void* address) {
+  _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
+}
+
+/// Element l of p in lane l; p need not be aligned. 1 load, and 1 conversion for reduced types.
+template <int N, class T>
+[[gnu::always_inline]] inline varying_t<T, N> load(const T* p, all_lanes<N> = {}) {
+  if constexpr (N == 1) {
+    T value;
+    std::memcpy(&value, p, sizeof value);
+    return value;
+  } else if constexpr (reduced<T>) {
+    if constexpr (N > 8) {
+      return lanes<T, N>({load<N / 2>(p).w, load<N / 2>(p + N / 2).w});
+    } else {
+      const __m128i bits = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+      if constexpr (std::same_as<T, half>) {
+        return lanes<T, N>(lanes<float, 8>(_mm256_cvtph_ps(bits)));
+      } else {
+        return lanes<T, N>(
+            lanes<float, 8>(_mm256_castsi256_ps(_mm256_slli_epi32(_mm256_cvtepu16_epi32(bits), 16))));
+      }
+    }
+  } else if constexpr (N == native_lanes<T>) {
+    native<T> value;
+    std::memcpy(&value, p, sizeof value);
+    return lanes<T, N>(value);
+  } else {
+    return {load<N / 2>(p), load<N / 2>(p + N / 2)};
+  }
+}
+
+/// The same for the first lanes only: nothing behind p[live.count - 1] is read, and the other lanes are 0.
+template <int N, class T>
+[[gnu::always_inline]] inline varying_t<T, N> load(const T* p, first_lanes live) {
+  alignas(32) T buffer[N] = {};
+  std::memcpy(buffer, p, static_cast<std::size_t>(live.count) * sizeof(T));
+  return load<N>(buffer);
+}
+
+/// Writes lane l to p[l]. 1 store, and 1 conversion for reduced types.
+template <class T, int N>
+[[gnu::always_inline]] inline void store(T* p, const lanes<T, N>& value) {
+  if constexpr (reduced<T>) {
+    if constexpr (N > 8) {
+      store(p, lanes<T, N / 2>(value.w.lo));
+      store(p + N / 2, lanes<T, N / 2>(value.w.hi));
+    } else {
+      __m128i bits;
+      if constexpr (std::same_as<T, half>) {
+        bits = _mm256_cvtps_ph(value.w.v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+      } else {
+        const __m256i words = _mm256_srli_epi32(_mm256_castps_si256(value.w.v), 16);
+        bits = _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi32(words, words), 0xD8));
+      }
+      _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bits);
+    }
+  } else if constexpr (N == native_lanes<T>) {
+    std::memcpy(p, &value.v, sizeof value.v);
+  } else {
+    store(p, value.lo);
+    store(p + N / 2, value.hi);
+  }
+}
+template <class T>
+[[gnu::always_inline]] inline void store(T* p, std::type_identity_t<T> value) {
+  *p = value;
+}
+
+/// Lanes First, First + 1, … of `few`, each Repeat times.
+template <int N, int Repeat, int First, class T>
+[[gnu::always_inline]] inline lanes<T, N> repeat_lanes(const lanes<T, 8>& few) {
+  if constexpr (reduced<T>) {
+    return lanes<T, N>(repeat_lanes<N, Repeat, First>(few.w));
+  } else if constexpr (N > 8) {
+    return {repeat_lanes<N / 2, Repeat, First>(few),
+            repeat_lanes<N / 2, Repeat, First + N / 2 / Repeat>(few)};
+  } else {
+    static_assert(sizeof(T) == 4);
+    constexpr auto at = [](int lane) { return First + lane / Repeat; };
+    return lanes<T, N>(
+        __builtin_shufflevector(few.v, few.v, at(0), at(1), at(2), at(3), at(4), at(5), at(6), at(7)));
+  }
+}
+
+/// Element l / Repeat of the T's at `p` (unaligned bytes) in lane l, so that Repeat neighbours share one.
+/// Lanes past the live ones read nothing. 1 shuffle per register, and one load for all.
+template <int N, int Repeat, class T, class Live>
+[[gnu::always_inline]] inline varying_t<T, N> load_repeated(const std::uint8_t* p, Live live) {
+  if constexpr (N == 1) {
+    return load<1>(reinterpret_cast<const T*>(p));
+  } else {
+    static_assert(N % Repeat == 0 && 8 % Repeat == 0);
+    constexpr int distinct = N / Repeat;
+    alignas(32) T buffer[8] = {};
+    const int count = (live.count + Repeat - 1) / Repeat;
+    std::memcpy(buffer, p,
+                (std::same_as<Live, first_lanes> ? static_cast<std::size_t>(count) : distinct) * sizeof(T));
+    const lanes<T, 8> few = load<8>(buffer);
+    return repeat_lanes<N, Repeat, 0>(few);
+  }
+}
+
+/// Eight bytes per lane, as two little-endian words: lane l's stand at p + 8 * l. 1 load and 1 or 2 shuffles
+/// per word.
+template <int N>
+struct tile8 {
+  varying_t<std::uint32_t, N> word[2];
+};
+
+[[gnu::always_inline]] inline tile8<8> split_words(__m256i first, __m256i second) {
+  const __m256 a = _mm256_castsi256_ps(first), b = _mm256_castsi256_ps(second);
+  const auto ordered = [](__m256 words) {
+    return lanes<std::uint32_t, 8>(
+        reinterpret_cast<native<std::uint32_t>>(_mm256_permute4x64_epi64(_mm256_castps_si256(words), 0xD8)));
+  };
+  return {{ordered(_mm256_shuffle_ps(a, b, 0x88)), ordered(_mm256_shuffle_ps(a, b, 0xDD))}};
+}
+
+template <int N, class Live>
+[[gnu::always_inline]] inline tile8<N> load_tile8(const std::uint8_t* p, Live live) {
+  if constexpr (N == 1) {
+    tile8<1> tile;
+    std::memcpy(tile.word, p, 8);
+    return tile;
+  } else if constexpr (N > 8) {
+    const auto low = load_tile8<N / 2>(p, lower_half(live));
+    const auto high = load_tile8<N / 2>(p + 4 * N, upper_half(live, N));
+    return {{{low.word[0], high.word[0]}, {low.word[1], high.word[1]}}};
+  } else if constexpr (std::same_as<Live, first_lanes>) {
+    const native<std::int64_t> lane = {0, 1, 2, 3};
+    const auto* words = reinterpret_cast<const long long*>(p);
+    const auto mask = [&](int from) { return reinterpret_cast<__m256i>(lane + from < live.count); };
+    return split_words(_mm256_maskload_epi64(words, mask(0)), _mm256_maskload_epi64(words + 4, mask(4)));
+  } else {
+    const auto* words = reinterpret_cast<const __m256i*>(p);
+    return split_words(_mm256_loadu_si256(words), _mm256_loadu_si256(words + 1));
+  }
+}
+
+// Sums over the work-group
+// -------------------------------------------------------------------------------------------------
+
+/// The sum of all lanes, adding lane l + stride to lane l for stride N / 2, N / 4, …, 1, in T.
+template <class T, int N>
+[[gnu::always_inline]] inline T tree_sum(const lanes<T, N>& x) {
+  if constexpr (reduced<T>) {
+    if constexpr (N > 8) {
+      return tree_sum(lanes<T, N / 2>(x.w.lo) + lanes<T, N / 2>(x.w.hi));
+    } else {
+      native<float> sum = x.w.v;
+      sum = round_native<T>(sum + __builtin_shufflevector(sum, sum, 4, 5, 6, 7, 4, 5, 6, 7));
+      sum = round_native<T>(sum + __builtin_shufflevector(sum, sum, 2, 3, 2, 3, 6, 7, 6, 7));
+      sum = round_native<T>(sum + __builtin_shufflevector(sum, sum, 1, 1, 3, 3, 5, 5, 7, 7));
+      return T(sum[0]);
+    }
+  } else if constexpr (N > native_lanes<T>) {
+    return tree_sum(x.lo + x.hi);
+  } else if constexpr (N == 8) {
+    native<T> sum = x.v;
+    sum += __builtin_shufflevector(sum, sum, 4, 5, 6, 7, 4, 5, 6, 7);
+    sum += __builtin_shufflevector(sum, sum, 2, 3, 2, 3, 6, 7, 6, 7);
+    return sum[0] + sum[1];
+  } else {
+    return (x.v[0] + x.v[2]) + (x.v[1] + x.v[3]);
+  }
+}
+
+/// Sums `Rows` values over the work-group, whose size is a power of two: Stage writes value j of work-item l
+/// to local[j * group size + l], Tree adds entry l + stride to entry l, for stride halving down to 1, in T.
+/// `local` holds Rows * group size elements. The result is work-item 0's; gangs other than the first get
+/// nothing useful. Where one gang is the whole group the same sums are made in registers.
+template <class T, class Item, class V, std::size_t Rows>
+[[gnu::always_inline]] inline std::array<T, Rows> tree_sum(const Item& item, const std::array<V, Rows>& value,
+                                                           T* local) {
+  constexpr int n = Item::lanes;
+  const int size = item.group_size();
+  std::array<T, Rows> sum{};
+  if constexpr (n > 1) {
+    if (size == n) {
+      unrolled<Rows>([&](auto j) { sum[j] = tree_sum(value[j]); });
+      return sum;
+    }
+  }
+  for (std::size_t j = 0; j < Rows; ++j) store(local + j * size + item.first(), value[j]);
+  item.barrier();
+  for (int stride = size / 2; stride >= n; stride /= 2) {
+    if (item.first() < stride) {
+      for (std::size_t j = 0; j < Rows; ++j) {
+        T* entry = local + j * size + item.first();
+        store(entry, load<n>(entry) + load<n>(entry + stride));
+      }
+    }
+    item.barrier();
+  }
+  if (item.first() == 0) {
+    for (std::size_t j = 0; j < Rows; ++j) {
+      if constexpr (n > 1) {
+        sum[j] = tree_sum(load<n>(local + j * size));
+      } else {
+        sum[j] = local[j * size];
+      }
+    }
+  }
+  return sum;
+}
+
+}  // namespace spmd
