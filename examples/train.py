@@ -1,6 +1,6 @@
 """Trains the example decoder on the generated corpus and writes its checkpoint.
 
-usage: train.py [--minutes M] [--threads N] [--start FILE] [--output FILE]
+usage: train.py [--minutes M] [--threads N] [--output FILE]
 """
 
 from __future__ import annotations
@@ -96,18 +96,16 @@ def load(path: Path = CHECKPOINT) -> Decoder:
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--minutes", type=float, default=11.0, help="how long to train")
+    parser.add_argument("--minutes", type=float, default=10.0, help="how long to train")
     parser.add_argument("--threads", type=int, default=1, help="threads of PyTorch")
     parser.add_argument("--batch", type=int, default=4, help="stretches per step")
     parser.add_argument("--rate", type=float, default=2e-3, help="peak learning rate")
-    parser.add_argument("--start", type=Path, help="a checkpoint to go on from")
-    parser.add_argument("--seed", type=int, default=0, help="of the weights and the stretches")
     parser.add_argument("--output", type=Path, default=CHECKPOINT, help="the checkpoint to write")
     arguments = parser.parse_args()
 
     torch.set_num_threads(arguments.threads)
-    torch.manual_seed(arguments.seed)
-    model = load(arguments.start).train() if arguments.start else Decoder(Config())
+    torch.manual_seed(0)
+    model = Decoder(Config())
     print(f"{sum(p.numel() for p in model.parameters()):,} parameters", flush=True)
     train(model, as_tokens(corpus.train_text()), arguments.minutes, arguments.batch, arguments.rate)
     save(model, arguments.output)
