@@ -88,8 +88,7 @@ void gang_ring::start(int gang) {
   context& fiber = *contexts_[gang];
   if (!fiber.stack) fiber.stack = std::make_unique<fiber_stack>();
   auto* top = reinterpret_cast<std::uintptr_t*>(fiber.stack->bottom() + fiber_stack::size);
-  // As after a call: the stack is 16-byte aligned before the (absent) return address of begin().
-  *--top = 0;
+  // As after a call: the stack is 16-byte aligned above the (absent) return address of begin().
   *--top = 0;
   *--top = reinterpret_cast<std::uintptr_t>(&entry::begin);
   for (int saved = 0; saved < 6; ++saved) *--top = 0;

@@ -46,6 +46,17 @@ template <int Count, class Body>
   (std::make_integer_sequence<int, Count>());
 }
 
+/// `uniform` in every lane of a register, bit for bit.
+template <class T>
+[[gnu::always_inline]] inline native<T> broadcast(T uniform) {
+  if constexpr (native_lanes<T> == 8) {
+    return native<T>{uniform, uniform, uniform, uniform, uniform, uniform, uniform, uniform};
+  } else {
+    static_assert(native_lanes<T> == 4);
+    return native<T>{uniform, uniform, uniform, uniform};
+  }
+}
+
 template <class T, int N>
 struct lanes;
 
@@ -60,7 +71,7 @@ requires(!reduced<T> && !std::same_as<T, bool> && N == native_lanes<T>) struct l
   lanes() = default;
   [[gnu::always_inline]] explicit lanes(native<T> value) : v(value) {}
   [[gnu::always_inline]] lanes(T uniform)
-      : v(native<T>{} + uniform) {}  // NOLINT: a uniform value is a varying one
+      : v(broadcast(uniform)) {}  // NOLINT: a uniform value is a varying one
 };
 
 template <class T, int N>

@@ -1,0 +1,80 @@
+// What the module knows of its device and of its interpreter.
+
+#include <ATen/ops/empty.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "device_frame.h"
+#include "formats.h"
+#include "python_gate.h"
+
+namespace {
+
+TEST(DeviceFrame, FirstMatchOfTheNameDecides) {
+  using namespace tolvane;
+  EXPECT_EQ(classify_gpu("A Rack GPU Summit 1550"), 0);
+  EXPECT_EQ(classify_gpu("Vela(TM) A770"), 1);
+  EXPECT_EQ(classify_gpu("Vela(TM) Graphics"), 4);
+  EXPECT_EQ(classify_gpu("Some IGX part"), 5);
+  EXPECT_EQ(classify_gpu("Rack GPU Ridge 1100"), 2);
+  EXPECT_EQ(classify_gpu("vela(tm) igx"), 5 - 2);
+  EXPECT_EQ(classify_gpu(""), 3);
+  EXPECT_EQ(classify_gpu("Rack GPU Summit IGX"), 0);
+  EXPECT_EQ(classify_gpu("Vela(TM) Vela(TM) A"), 1);
+  EXPECT_EQ(classify_gpu("Rack GPU Ridge IGX"), 5);
+}
+
+TEST(DeviceFrame, MatrixEngineSwitchFollowsTheEnvironment) {
+  unsetenv("QUARN_LLM_SYSARR_DISABLED");
+  EXPECT_TRUE(is_sysarr_enabled());
+  for (const char* value : {"", "0", "true", "11", " 1"}) {
+    setenv("QUARN_LLM_SYSARR_DISABLED", value, 1);
+    EXPECT_TRUE(is_sysarr_enabled()) << value;
+  }
+  setenv("QUARN_LLM_SYSARR_DISABLED", "1", 1);
+  EXPECT_FALSE(is_sysarr_enabled());
+  unsetenv("QUARN_LLM_SYSARR_DISABLED");
+}
+
+/// On tensors of one byte of storage, whose strides are never followed.
+TEST(DeviceFrame, IndexMathLooksAtTheLargestOffset) {
+  const auto with = [](at::IntArrayRef sizes, at::IntArrayRef strides) {
+    at::Tensor t = at::empty({1}, at::kByte);
+    t.unsafeGetTensorImpl()->set_sizes_and_strides(sizes, strides);
+    return canUse32BitIndexMath(t);
+  };
+  EXPECT_TRUE(with({0, 5}, {1L << 40, 1}));
+  EXPECT_TRUE(with({2147483646}, {1}));
+  EXPECT_FALSE(with({2147483647}, {1}));
+  EXPECT_TRUE(with({2, 2}, {2147483645, 1}));
+  EXPECT_FALSE(with({2, 2}, {2147483646, 1}));
+  EXPECT_TRUE(with({3, 1L << 20}, {0, 1}));
+}
+
+TEST(DeviceFrame, LargestWorkGroupIsTheDevices) {
+  EXPECT_EQ(get_workgroup_size(), 1024);
+}
+
+TEST(Formats, BlockSizesOfTheCatalogue) {
+  using namespace tolvane;
+  const auto bytes = [](int qtype, std::int64_t elements) {
+    return elements / GGML_BLCK_SIZE[qtype] * static_cast<std::int64_t>(GGML_TYPE_SIZE[qtype]);
+  };
+  EXPECT_EQ(bytes(qtype_q4_0, 2 * 128), 136);
+  EXPECT_EQ(bytes(qtype_q8_0, 2 * 128), 272);
+  EXPECT_EQ(bytes(qtype_nf3, 2 * 128), 104);
+  EXPECT_EQ(bytes(qtype_q5_0, 2 * 128), 176);
+  EXPECT_EQ(bytes(qtype_q2_k, 512), 168);
+}
+
+TEST(PythonGate, TakesTheSameMinorVersionOnly) {
+  using tolvane::same_python;
+  EXPECT_TRUE(same_python("3.10", "3.10.12 (main, Jan  1 2024)"));
+  EXPECT_TRUE(same_python("3.10", "3.10+"));
+  EXPECT_FALSE(same_python("3.10", "3.9.1"));
+  EXPECT_FALSE(same_python("3.10", "3.100.0"));
+  EXPECT_FALSE(same_python("3.10", "3.1"));
+}
+
+}  // namespace

@@ -1,0 +1,181 @@
+// The vocabulary of varying values, against plain loops.
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <numeric>
+#include <random>
+#include <vector>
+
+#include "reference.hpp"
+#include "sycl/sycl.hpp"
+
+namespace {
+
+using spmd::bfloat16;
+using spmd::half;
+using spmd::lanes;
+
+template <class T, int N>
+std::vector<T> list(const lanes<T, N>& x) {
+  std::vector<T> values(N);
+  spmd::store(values.data(), x);
+  return values;
+}
+
+template <class T, int N>
+lanes<T, N> counting(T first) {
+  std::vector<T> values(N);
+  std::iota(values.begin(), values.end(), first);
+  return spmd::load<N>(values.data());
+}
+
+/// Memory whose last byte is the last before an unmapped page.
+class guarded {
+ public:
+  explicit guarded(std::size_t bytes) : bytes_(bytes) {
+    const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    size_ = (bytes + page - 1) / page * page + page;
+    base_ = static_cast<std::uint8_t*>(
+        mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(base_ + size_ - page, page, PROT_NONE);
+    data_ = base_ + size_ - page - bytes;
+    for (std::size_t i = 0; i < bytes; ++i) data_[i] = static_cast<std::uint8_t>(i * 37 + 11);
+  }
+  ~guarded() { munmap(base_, size_); }
+  std::uint8_t* data() const { return data_; }
+  std::size_t size() const { return bytes_; }
+
+ private:
+  std::size_t bytes_, size_ = 0;
+  std::uint8_t* base_ = nullptr;
+  std::uint8_t* data_ = nullptr;
+};
+
+TEST(Lanes, ConvertsBetweenWidths) {
+  const auto small = counting<std::int32_t, 32>(-7);
+  const std::vector<double> wide = list(spmd::convert<double>(small));
+  const std::vector<std::int32_t> back = list(spmd::convert<std::int32_t>(spmd::convert<double>(small)));
+  const std::vector<float> narrow = list(spmd::convert<float>(spmd::convert<double>(small)));
+  for (int l = 0; l < 32; ++l) {
+    EXPECT_EQ(wide[l], l - 7);
+    EXPECT_EQ(back[l], l - 7);
+    EXPECT_EQ(narrow[l], l - 7);
+  }
+  // Float to half to bfloat16 goes through float and rounds each time.
+  const float x = 1.00146484375f;
+  EXPECT_EQ(float(list(spmd::convert<bfloat16>(spmd::convert<half>(lanes<float, 32>(x))))[9]),
+            reference::nearest_bfloat16(reference::nearest_half(x)));
+}
+
+TEST(Lanes, ComparesAndSelects) {
+  const auto check = []<class T>(T) {
+    const auto x = counting<T, 32>(T(0));
+    const std::vector<T> chosen = list(spmd::select(x < T(11), x, x + T(100)));
+    const std::vector<T> other =
+        list(spmd::select((x > T(3)) & !(x == lanes<T, 32>(T(20))), x, lanes<T, 32>(T(0))));
+    for (int l = 0; l < 32; ++l) {
+      EXPECT_EQ(chosen[l], l < 11 ? l : l + 100);
+      EXPECT_EQ(other[l], l > 3 && l != 20 ? l : 0);
+    }
+  };
+  check(float{});
+  check(double{});
+  check(std::int32_t{});
+}
+
+TEST(Lanes, RampRepeatsTheLastLiveLane) {
+  for (int live = 1; live <= 32; ++live) {
+    const std::vector<std::int32_t> ids = list(spmd::ramp<32>(64, live));
+    for (int l = 0; l < 32; ++l) ASSERT_EQ(ids[l], 64 + std::min(l, live - 1)) << live;
+  }
+}
+
+TEST(Lanes, FieldsOfWords) {
+  std::mt19937 random(3);
+  for (int round = 0; round < 1000; ++round) {
+    std::uint32_t words[32];
+    for (auto& word : words) word = random();
+    const auto x = spmd::load<32>(words);
+    spmd::unrolled<8>([&](auto nibble) {
+      constexpr int bit = nibble * 4;
+      const auto value = list(spmd::field_value<4, bit, -8>(x));
+      for (int l = 0; l < 32; ++l) {
+        ASSERT_EQ(value[l], static_cast<int>(words[l] >> bit & 15) - 8);
+        ASSERT_EQ((spmd::field_value<4, bit, -8>(words[l])), value[l]);
+      }
+    });
+    spmd::unrolled<4>([&](auto byte) {
+      const auto upper = list(spmd::half_from_upper_byte<byte, 0x80>(x));
+      for (int l = 0; l < 32; ++l) {
+        const double expected =
+            reference::half_value(static_cast<std::uint16_t>((words[l] >> (8 * byte)) << 8 | 0x80));
+        ASSERT_TRUE(reference::same(upper[l], expected));
+        ASSERT_TRUE(reference::same((spmd::half_from_upper_byte<byte, 0x80>(words[l])), expected));
+      }
+    });
+  }
+}
+
+/// Loads of fewer lanes than the gang has end at the last live lane's bytes and give 0 in the others.
+TEST(Lanes, PartialLoadsStopAtTheLastLiveLane) {
+  for (int live = 1; live <= 32; ++live) {
+    const guarded bytes(static_cast<std::size_t>(live) * 8);
+    const auto tile = spmd::load_tile8<32>(bytes.data(), spmd::first_lanes{live});
+    const std::vector<std::uint32_t> low = list(tile.word[0]), high = list(tile.word[1]);
+    const auto element =
+        list(spmd::load<32>(reinterpret_cast<const half*>(bytes.data()) + 3 * live, spmd::first_lanes{live}));
+    for (int l = 0; l < 32; ++l) {
+      std::uint32_t expected[2] = {0, 0};
+      if (l < live) std::memcpy(expected, bytes.data() + 8 * l, 8);
+      ASSERT_EQ(low[l], expected[0]) << live;
+      ASSERT_EQ(high[l], expected[1]) << live;
+      std::uint16_t bits = 0;
+      if (l < live) std::memcpy(&bits, bytes.data() + 6 * live + 2 * l, 2);
+      ASSERT_TRUE(reference::same(float(element[l]), reference::half_value(bits))) << live;
+    }
+  }
+}
+
+TEST(Lanes, RepeatedLoadsShareOneElementAmongNeighbours) {
+  for (int live = 1; live <= 32; ++live) {
+    const guarded halves(static_cast<std::size_t>((live + 3) / 4) * 2),
+        floats(static_cast<std::size_t>((live + 7) / 8) * 4);
+    const auto by_four = list(spmd::load_repeated<32, 4, half>(halves.data(), spmd::first_lanes{live}));
+    const auto by_eight = list(spmd::load_repeated<32, 8, float>(floats.data(), spmd::first_lanes{live}));
+    for (int l = 0; l < live; ++l) {
+      half h;
+      float f = 0;
+      std::memcpy(&h, halves.data() + l / 4 * 2, 2);
+      std::memcpy(&f, floats.data() + l / 8 * 4, 4);
+      ASSERT_TRUE(reference::same(float(by_four[l]), float(h)));
+      ASSERT_TRUE(reference::same(by_eight[l], f));
+    }
+  }
+}
+
+/// The order of a tree sum shows in half: lane l takes in lane l + stride for stride 16, 8, 4, 2, 1.
+TEST(Lanes, TreeSumKeepsTheStatedPairs) {
+  std::mt19937 random(4);
+  std::normal_distribution<float> normal;
+  const auto check = [&]<class T>(T) {
+    for (int round = 0; round < 200; ++round) {
+      T values[32];
+      for (auto& value : values) value = T(normal(random));
+      T expected[32];
+      std::memcpy(expected, values, sizeof values);
+      for (int stride = 16; stride >= 1; stride /= 2) {
+        for (int l = 0; l < stride; ++l) expected[l] = expected[l] + expected[l + stride];
+      }
+      ASSERT_EQ(spmd::tree_sum(spmd::load<32>(values)), expected[0]);
+    }
+  };
+  check(half(0.0f));
+  check(bfloat16(0.0f));
+  check(float{});
+  check(double{});
+}
+
+}  // namespace

@@ -1,0 +1,240 @@
+// Submissions: index spaces, gangs and barriers, local memory, faults inside kernels, the pool, fork.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <numeric>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "sycl/sycl.hpp"
+
+namespace {
+
+/// Calls body(local id) for every work-item of the gang.
+template <class Item, class Body>
+void for_each_item(const Item& item, const Body& body) {
+  for (int l = 0; l < item.live(); ++l) body(item.first() + l);
+}
+
+template <class Kernel>
+sycl::event run(sycl::queue& queue, std::size_t groups, std::size_t group_size, const Kernel& kernel) {
+  return queue.submit([&](sycl::handler& command) {
+    command.parallel_for(sycl::nd_range<1>(groups * group_size, group_size), kernel);
+  });
+}
+
+struct count_visits {
+  std::atomic<int>* visits;
+  template <class Item>
+  void operator()(const Item& item) const {
+    for_each_item(item, [&](int l) { ++visits[item.get_group(0) * item.get_local_range(0) + l]; });
+  }
+};
+
+TEST(Launch, EveryWorkItemRunsOnce) {
+  sycl::queue queue;
+  for (const std::size_t size : {1, 7, 16, 31, 32, 33, 64, 100}) {
+    for (const std::size_t groups : {1, 2, 41, 1000}) {
+      std::vector<std::atomic<int>> visits(groups * size);
+      run(queue, groups, size, count_visits{visits.data()});
+      for (const auto& count : visits) ASSERT_EQ(count.load(), 1) << size << " x " << groups;
+    }
+  }
+  run(queue, 0, 32, count_visits{nullptr});  // no work-groups: nothing runs
+}
+
+/// Each round adds the neighbour's value, which only a barrier makes visible: a wrong order changes the
+/// result.
+struct neighbour_sums {
+  int rounds;
+  sycl::local_accessor<long> local;
+  long* output;
+  template <class Item>
+  void operator()(const Item& item) const {
+    long* values = local.get(item);
+    const int size = item.group_size();
+    for_each_item(item, [&](int l) { values[l] = l + 1; });
+    for (int round = 0; round < rounds; ++round) {
+      item.barrier();
+      std::vector<long> next;
+      for_each_item(item, [&](int l) { next.push_back(values[l] + values[(l + 1) % size] % 1000); });
+      item.barrier();
+      for_each_item(item, [&](int l) { values[l] = next[l - item.first()]; });
+    }
+    item.barrier();
+    if (item.first() == 0) output[item.get_group(0)] = std::accumulate(values, values + size, 0L);
+  }
+};
+
+TEST(Launch, BarriersSeparatePhasesOfAllGangs) {
+  sycl::queue queue;
+  for (const int size : {8, 32, 64, 96, 128, 250}) {
+    std::vector<long> values(size), next(size);
+    std::iota(values.begin(), values.end(), 1);
+    for (int round = 0; round < 5; ++round) {
+      for (int l = 0; l < size; ++l) next[l] = values[l] + values[(l + 1) % size] % 1000;
+      values.swap(next);
+    }
+    const long expected = std::accumulate(values.begin(), values.end(), 0L);
+    std::vector<long> output(50);
+    queue.submit([&](sycl::handler& command) {
+      const sycl::local_accessor<long> local(static_cast<std::size_t>(size), command);
+      command.parallel_for(sycl::nd_range<1>(output.size() * size, size),
+                           neighbour_sums{5, local, output.data()});
+    });
+    for (const long sum : output) ASSERT_EQ(sum, expected) << size;
+  }
+}
+
+struct tree_of_halves {
+  const spmd::half* input;
+  sycl::local_accessor<spmd::half> local;
+  spmd::half* output;
+  template <class Item>
+  void operator()(const Item& item) const {
+    const std::array value = {spmd::load<Item::lanes>(input + item.first())};
+    const auto sum = spmd::tree_sum(item, value, local.get(item));
+    if (item.first() == 0) *output = sum[0];
+  }
+};
+
+TEST(Launch, TreeSumOverSeveralGangs) {
+  sycl::queue queue;
+  for (const int size : {32, 64, 128}) {
+    std::vector<spmd::half> input(size), expected;
+    for (int l = 0; l < size; ++l) input[l] = spmd::half(static_cast<float>((l * 7919) % 1013) / 97);
+    expected = input;
+    for (int stride = size / 2; stride >= 1; stride /= 2) {
+      for (int l = 0; l < stride; ++l) expected[l] = expected[l] + expected[l + stride];
+    }
+    spmd::half output;
+    queue.submit([&](sycl::handler& command) {
+      const sycl::local_accessor<spmd::half> local(static_cast<std::size_t>(size), command);
+      command.parallel_for(sycl::nd_range<1>(size, size), tree_of_halves{input.data(), local, &output});
+    });
+    EXPECT_EQ(output.bits(), expected[0].bits()) << size;
+  }
+}
+
+struct throws_in_group {
+  std::size_t group;
+  int gang;
+  template <class Item>
+  void operator()(const Item& item) const {
+    item.barrier();
+    if (item.get_group(0) == group && item.first() == gang * Item::lanes)
+      throw std::runtime_error("kernel fault");
+    item.barrier();
+  }
+};
+
+struct leaves_before_barrier {
+  bool first_leaves;
+  template <class Item>
+  void operator()(const Item& item) const {
+    if ((item.first() == 0) == first_leaves) return;
+    item.barrier();
+  }
+};
+
+struct does_nothing {
+  template <class Item>
+  void operator()(const Item&) const {}
+};
+
+TEST(Launch, FaultsReachTheCallerAndTheQueueGoesOn) {
+  sycl::queue queue;
+  for (const int gang : {0, 1, 2}) {
+    EXPECT_THROW(run(queue, 100, 96, throws_in_group{57, gang}), std::runtime_error) << gang;
+    EXPECT_NO_THROW(run(queue, 100, 96, throws_in_group{1000, gang}));
+  }
+  EXPECT_THROW(run(queue, 1, 96, leaves_before_barrier{true}), std::logic_error);
+  EXPECT_THROW(run(queue, 1, 96, leaves_before_barrier{false}), std::logic_error);
+  EXPECT_NO_THROW(run(queue, 3, 96, throws_in_group{1000, 0}));
+}
+
+TEST(Launch, RefusesRangesThatCannotRunAndRecordsNothing) {
+  sycl::queue queue(sycl::device("small", 64));
+  const auto before = sycl::host::submission_count();
+  const auto submit = [&](std::size_t global, std::size_t local) {
+    queue.submit([&](sycl::handler& command) {
+      command.parallel_for(sycl::nd_range<1>(global, local), leaves_before_barrier{true});
+    });
+  };
+  EXPECT_THROW(submit(100, 0), std::invalid_argument);
+  EXPECT_THROW(submit(100, 32), std::invalid_argument);
+  EXPECT_THROW(submit(256, 128), std::invalid_argument);
+  EXPECT_EQ(sycl::host::submission_count(), before);
+}
+
+TEST(Launch, LogShowsShapeWaitAndLabel) {
+  sycl::queue queue;
+  sycl::host::clear_submissions();
+  const auto waits = sycl::host::wait_count();
+  sycl::event plain = run(queue, 3, 32, does_nothing{});
+  sycl::host::record_label(plain.submission(), "a label");
+  run(queue, 2, 16, does_nothing{}).wait();
+  const auto log = sycl::host::submissions();
+  ASSERT_EQ(log.size(), 2u);
+  EXPECT_NE(log[0].kernel.find("does_nothing"), std::string::npos);
+  EXPECT_EQ(log[0].global[0], 96u);
+  EXPECT_EQ(log[0].local[0], 32u);
+  EXPECT_EQ(log[0].label, "a label");
+  EXPECT_FALSE(log[0].waited);
+  EXPECT_TRUE(log[1].waited);
+  EXPECT_EQ(sycl::host::wait_count(), waits + 1);
+}
+
+/// Several threads submit at once, and a forked child submits after its parent's pool has worked.
+TEST(Launch, ThreadsAndForkedChildren) {
+  const auto sums_are_right = [] {
+    sycl::queue queue;
+    for (int round = 0; round < 50; ++round) {
+      std::vector<std::atomic<int>> visits(64 * 100);
+      run(queue, 100, 64, count_visits{visits.data()});
+      for (const auto& count : visits) {
+        if (count.load() != 1) return false;
+      }
+    }
+    return true;
+  };
+  std::atomic<int> right{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) threads.emplace_back([&] { right += sums_are_right(); });
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(right.load(), 4);
+
+#if !defined(__SANITIZE_THREAD__)  // which does not follow threads started after fork
+  const pid_t child = fork();
+  if (child == 0) _exit(sums_are_right() ? 0 : 1);
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+#endif
+  EXPECT_TRUE(sums_are_right());
+}
+
+TEST(Pool, DealsEveryPieceOnceAndPassesOnTheFirstError) {
+  std::vector<int> hits(1001);
+  sycl::host::parallel_for_pieces(hits.size(), 10, [&](std::size_t begin, std::size_t end) {
+    for (std::size_t i = begin; i < end; ++i) ++hits[i];
+  });
+  EXPECT_EQ(hits, std::vector<int>(1001, 1));
+  EXPECT_THROW(sycl::host::parallel_for_pieces(100, 1,
+                                               [](std::size_t begin, std::size_t) {
+                                                 if (begin == 60) throw std::out_of_range("60");
+                                               }),
+               std::out_of_range);
+  // A piece may start a job of its own, which its thread then does alone.
+  std::atomic<int> inner{0};
+  sycl::host::parallel_for_pieces(4, 1, [&](std::size_t, std::size_t) {
+    sycl::host::parallel_for_pieces(5, 1, [&](std::size_t, std::size_t) { ++inner; });
+  });
+  EXPECT_EQ(inner.load(), 20);
+}
+
+}  // namespace
