@@ -184,8 +184,9 @@ struct Adopted {
 }  // namespace
 
 c10::Allocator* device_allocator() {
-  static auto* instance = new PoolAllocator(c10::Device(c10::DeviceType::XPU, 0));
-  return instance;
+  static auto* pooled = new PoolAllocator(c10::Device(c10::DeviceType::XPU, 0));
+  static const char* guard_pages = std::getenv("KELVOR_XPU_GUARD_PAGES");
+  return guard_pages != nullptr && *guard_pages == '1' ? guarded_allocator() : pooled;
 }
 
 c10::Allocator* scratch_allocator() {

@@ -13,6 +13,10 @@ c10::Allocator* device_allocator();
 /// The same pool, but its memory says that it is the CPU's: for intermediate results of the CPU's operators.
 c10::Allocator* scratch_allocator();
 
+/// The allocator that device_allocator() gives where KELVOR_XPU_GUARD_PAGES is set: every tensor ends at an
+/// unmapped page.
+c10::Allocator* guarded_allocator();
+
 /// Hands the memory of a CPU storage to the device. The result keeps `storage` alive and counts as live
 /// bytes.
 c10::DataPtr adopt(c10::Storage storage);
