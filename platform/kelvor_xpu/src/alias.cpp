@@ -71,6 +71,18 @@ c10::Storage Aliases::storage_to_xpu(const c10::Storage& cpu) {
   return xpu;
 }
 
+at::Tensor Aliases::new_tensor(c10::Storage storage, caffe2::TypeMeta type) const {
+  for (const TensorPair& pair : tensors_) {
+    if (!pair.xpu.storage().is_alias_of(storage)) continue;
+    // A view shares its base's version counter and its keys, autograd's among them.
+    const c10::DispatchKeySet keys =
+        pair.xpu.key_set() - c10::DispatchKeySet({c10::DispatchKey::Conjugate, c10::DispatchKey::Negative});
+    return at::detail::make_tensor<c10::TensorImpl>(c10::TensorImpl::VIEW, std::move(storage), keys, type);
+  }
+  return at::detail::make_tensor<c10::TensorImpl>(std::move(storage),
+                                                  c10::DispatchKeySet(c10::DispatchKey::XPU), type);
+}
+
 at::Tensor Aliases::to_xpu(const at::Tensor& result) {
   if (!result.defined() || !result.is_cpu()) return result;
   for (const TensorPair& pair : tensors_) {
@@ -80,14 +92,8 @@ at::Tensor Aliases::to_xpu(const at::Tensor& result) {
       result.layout() == at::kStrided && result.has_storage() && !result.is_quantized(),
       "The xpu device has dense tensors only, but the result would be ", result.toString(),
       "; move the input to the CPU first, with .cpu()");
-  const std::size_t known = storages_.size();
   c10::Storage storage = storage_to_xpu(result.storage());
-  const bool is_view = storages_.size() == known;
-  const c10::DispatchKeySet keys(c10::DispatchKey::XPU);
-  at::Tensor xpu = is_view
-                       ? at::detail::make_tensor<c10::TensorImpl>(c10::TensorImpl::VIEW, std::move(storage),
-                                                                  keys, result.dtype())
-                       : at::detail::make_tensor<c10::TensorImpl>(std::move(storage), keys, result.dtype());
+  const at::Tensor xpu = new_tensor(std::move(storage), result.dtype());
   copy_layout(result, xpu.unsafeGetTensorImpl());
   return xpu;
 }

@@ -35,6 +35,7 @@ class Aliases {
     at::Tensor cpu;
   };
 
+  at::Tensor new_tensor(c10::Storage storage, caffe2::TypeMeta type) const;
   c10::Storage storage_to_xpu(const c10::Storage& cpu);
   static void carry_back(StoragePair& pair);
 

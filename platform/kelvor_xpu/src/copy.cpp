@@ -16,6 +16,7 @@ at::Tensor& copy_(at::Tensor& self, const at::Tensor& source, bool) {
   }
   Aliases aliases;
   const at::AutoDispatchBelowADInplaceOrView below_autograd;
+  if (source._is_zerotensor()) return self.zero_();
   at::Tensor to = on_xpu(self) ? aliases.alias(self) : self;
   to.copy_(on_xpu(source) ? aliases.alias(source) : source);
   return self;

@@ -20,6 +20,13 @@ void check_options(c10::optional<c10::Layout> layout, c10::optional<c10::Device>
                               " was asked for");
 }
 
+class NoMemory final : public c10::Allocator {
+ public:
+  c10::DataPtr allocate(std::size_t) const override {
+    return {nullptr, c10::Device(c10::DeviceType::XPU, 0)};
+  }
+};
+
 }  // namespace
 
 at::Tensor empty(at::IntArrayRef size, c10::optional<c10::ScalarType> dtype,
@@ -36,6 +43,15 @@ at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, c10::opti
   check_options(layout, device, pin_memory);
   return at::detail::empty_strided_generic(size, stride, device_allocator(), xpu_keys,
                                            c10::dtype_or_default(dtype));
+}
+
+at::Tensor efficient_zeros(at::IntArrayRef size, c10::optional<c10::ScalarType> dtype,
+                           c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
+                           c10::optional<bool> pin_memory) {
+  check_options(layout, device, pin_memory);
+  static auto* allocator = new NoMemory;
+  const c10::DispatchKeySet keys = xpu_keys | c10::DispatchKeySet(c10::DispatchKey::ZeroTensor);
+  return at::detail::empty_generic(size, allocator, keys, c10::dtype_or_default(dtype), c10::nullopt);
 }
 
 }  // namespace kelvor_xpu

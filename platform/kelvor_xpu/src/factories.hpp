@@ -1,5 +1,5 @@
 #pragma once
-// Tensors without values: the two factories on which all others are built.
+// Tensors without values: the factories on which all others are built.
 
 #include <ATen/core/Tensor.h>
 
@@ -14,5 +14,10 @@ at::Tensor empty(at::IntArrayRef size, c10::optional<c10::ScalarType> dtype,
 at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, c10::optional<c10::ScalarType> dtype,
                          c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
                          c10::optional<bool> pin_memory);
+
+/// A tensor of zeros without memory, as some gradients are.
+at::Tensor efficient_zeros(at::IntArrayRef size, c10::optional<c10::ScalarType> dtype,
+                           c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
+                           c10::optional<bool> pin_memory);
 
 }  // namespace kelvor_xpu

@@ -51,7 +51,7 @@ std::optional<c10::ScalarType> reduced_type(const OperatorTraits& traits,
       const c10::ScalarType type = tensor.scalar_type();
       if (!c10::isFloatingType(type) && !c10::isComplexType(type)) return;
       if (tensor.unsafeGetTensorImpl()->is_wrapped_number()) return;
-      if (type == at::kFloat && traits.always_lift) return;
+      if (type == at::kFloat && traits.accepts_float) return;
       mixed |= !is_reduced(type) || (found.has_value() && *found != type);
       found = type;
     });
@@ -166,8 +166,9 @@ class LiftedCall {
 /// How the CPU's kernels say that they do not know a type.
 bool is_missing_type(std::string_view message) {
   using namespace std::string_view_literals;
-  for (const auto phrase : {"not implemented for 'Half'"sv, "not implemented for 'BFloat16'"sv,
-                            "not implemented for half"sv, "not implemented for bfloat16"sv}) {
+  for (const auto phrase :
+       {"not implemented for 'Half'"sv, "not implemented for 'BFloat16'"sv, "not implemented for half"sv,
+        "not implemented for Half"sv, "not implemented for bfloat16"sv, "not implemented for BFloat16"sv}) {
     if (message.find(phrase) != std::string_view::npos) return true;
   }
   return false;

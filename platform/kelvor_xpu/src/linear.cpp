@@ -46,6 +46,12 @@ bool can_add(const at::Tensor& addend, const at::Tensor& out) {
          (addend.is_same(out) || !addend.is_alias_of(out));
 }
 
+void check_types(const at::Tensor& rows, const at::Tensor& weights) {
+  TORCH_CHECK(rows.scalar_type() == weights.scalar_type(),
+              "expected both matrices to have the same dtype, but got ", rows.scalar_type(), " and ",
+              weights.scalar_type());
+}
+
 const uint16_t* bits(const at::Tensor& tensor) {
   return static_cast<const uint16_t*>(tensor.data_ptr());
 }
@@ -82,6 +88,7 @@ void run(LinearCall call, const at::Tensor& rows, const at::Tensor& weights, at:
 }  // namespace
 
 at::Tensor& mm_out(const at::Tensor& self, const at::Tensor& weights, at::Tensor& out) {
+  check_types(self, weights);
   if (streams(self, weights, out)) {
     LinearCall call{};
     call.alpha = 1.0F;
@@ -94,6 +101,7 @@ at::Tensor& mm_out(const at::Tensor& self, const at::Tensor& weights, at::Tensor
 
 at::Tensor& addmm_out(const at::Tensor& self, const at::Tensor& rows, const at::Tensor& weights,
                       const at::Scalar& beta, const at::Scalar& alpha, at::Tensor& out) {
+  check_types(rows, weights);
   if (streams(rows, weights, out) && can_add(self, out)) {
     LinearCall call{};
     call.alpha = alpha.to<float>();

@@ -14,30 +14,27 @@ using namespace std::string_view_literals;
 
 /// Operators whose sums the CPU's kernels would round after every step, or not offer at all, in reduced
 /// types.
-constexpr std::array computed_in_float{"mm"sv,
-                                       "addmm"sv,
-                                       "bmm"sv,
-                                       "baddbmm"sv,
-                                       "addbmm"sv,
-                                       "mv"sv,
-                                       "addmv"sv,
-                                       "dot"sv,
-                                       "vdot"sv,
-                                       "_softmax"sv,
-                                       "_log_softmax"sv,
-                                       "_softmax_backward_data"sv,
-                                       "_log_softmax_backward_data"sv,
-                                       "native_layer_norm"sv,
-                                       "native_layer_norm_backward"sv,
-                                       "native_group_norm"sv,
-                                       "native_group_norm_backward"sv,
-                                       "native_batch_norm"sv,
-                                       "native_batch_norm_backward"sv,
-                                       "convolution"sv,
-                                       "_convolution"sv,
-                                       "convolution_backward"sv};
+constexpr std::array sums{"mm"sv,
+                          "addmm"sv,
+                          "bmm"sv,
+                          "baddbmm"sv,
+                          "addbmm"sv,
+                          "mv"sv,
+                          "addmv"sv,
+                          "dot"sv,
+                          "vdot"sv,
+                          "_softmax"sv,
+                          "_log_softmax"sv,
+                          "_softmax_backward_data"sv,
+                          "_log_softmax_backward_data"sv,
+                          "convolution"sv,
+                          "_convolution"sv,
+                          "convolution_backward"sv};
 
-constexpr std::array with_statistics{"native_layer_norm"sv, "native_group_norm"sv, "native_batch_norm"sv};
+/// The same, but these have statistics too, which are float where the rest is not.
+constexpr std::array norms{"native_layer_norm"sv, "native_group_norm"sv, "native_batch_norm"sv};
+constexpr std::array norm_backwards{"native_layer_norm_backward"sv, "native_group_norm_backward"sv,
+                                    "native_batch_norm_backward"sv};
 
 /// "aten::add_" gives "add".
 std::string_view base_name(const c10::FunctionSchema& schema) {
@@ -70,8 +67,9 @@ OperatorTraits::OperatorTraits(const c10::FunctionSchema& schema) {
     is_view |= result.alias_info() != nullptr && !result.alias_info()->isWrite();
   }
   const std::string_view name = base_name(schema);
-  always_lift = contains(computed_in_float, name);
-  first_statistic = contains(with_statistics, name) ? 1 : std::numeric_limits<std::size_t>::max();
+  accepts_float = contains(norms, name) || contains(norm_backwards, name);
+  always_lift = accepts_float || contains(sums, name);
+  first_statistic = contains(norms, name) ? 1 : std::numeric_limits<std::size_t>::max();
 }
 
 const OperatorTraits& traits_of(const c10::OperatorHandle& op) {

@@ -25,23 +25,16 @@ namespace {
 /// Operators that PyTorch would take apart into others, or refuse, on a device without a kernel for them; the
 /// CPU's kernels are faster and handle more cases.
 constexpr const char* named_fallbacks[] = {
-    "convolution",
-    "_convolution",
-    "convolution_backward",
-    "mse_loss",
-    "smooth_l1_loss",
-    "huber_loss",
-    "native_layer_norm",
-    "addr",
-    "_stack",
-    "native_channel_shuffle",
-    "mish_backward",
+    "convolution",    "_convolution", "convolution_backward",   "mse_loss",
+    "smooth_l1_loss", "huber_loss",   "native_layer_norm",      "native_group_norm",
+    "addr",           "_stack",       "native_channel_shuffle", "mish_backward",
     "silu_backward",
 };
 
 void register_operators(torch::Library& aten) {
   aten.impl("empty.memory_format", TORCH_FN(empty));
   aten.impl("empty_strided", TORCH_FN(empty_strided));
+  aten.impl("_efficientzerotensor", TORCH_FN(efficient_zeros));
   aten.impl("copy_", TORCH_FN(copy_));
   aten.impl("_local_scalar_dense", TORCH_FN(local_scalar_dense));
   aten.impl("mm.out", TORCH_FN(mm_out));

@@ -1,7 +1,7 @@
 """The ``xpu`` device of PyTorch on the CPU.
 
-Importing the package is enough: afterwards ``device="xpu"`` works wherever PyTorch takes a device. The functions below
-are also there as ``torch.xpu``, unless PyTorch brings a module of that name itself.
+Importing the package is enough: afterwards ``device="xpu"`` works wherever PyTorch takes a device.
+The functions below are also there as ``torch.xpu``, unless PyTorch has a module of that name.
 """
 
 from __future__ import annotations
@@ -131,7 +131,7 @@ def memory_allocated(device: Any = None) -> int:
 
 
 def max_memory_allocated(device: Any = None) -> int:
-    """The highest value of :func:`memory_allocated` so far, or since :func:`reset_peak_memory_stats`."""
+    """The highest :func:`memory_allocated` so far, or since :func:`reset_peak_memory_stats`."""
     _check(device)
     return _C.max_memory_allocated()
 
@@ -162,7 +162,7 @@ manual_seed_all = manual_seed
 
 
 def submissions() -> list[Submission]:
-    """The newest kernel submissions, oldest first: at most 1024, and those after :func:`clear_submissions` only.
+    """The newest kernel submissions since :func:`clear_submissions`, oldest first, at most 1024.
 
     PyTorch's own operators run on the CPU's kernels and submit nothing.
     """

@@ -29,7 +29,7 @@ def _rebuild_typed(storage: Any) -> Any:
 
 
 def install() -> None:
-    """Registers the location ``xpu`` with ``torch.serialization`` and makes pickling go through the CPU."""
+    """Registers the location ``xpu`` with ``torch.serialization``; pickling goes by the CPU."""
     torch.serialization.register_package(23, _tag, _restore)
     original = torch.storage.TypedStorage.__reduce__
 

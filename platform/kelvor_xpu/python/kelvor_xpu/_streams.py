@@ -1,4 +1,4 @@
-"""Streams and events. Every operation is complete when its call returns, so that they have nothing to wait for."""
+"""Streams and events. Work is complete when its call returns, so that they never wait."""
 
 from __future__ import annotations
 
@@ -13,7 +13,9 @@ from . import _C
 class Stream:
     """A stream of the xpu device: ``Stream()`` is one of a pool of 32."""
 
-    def __init__(self, device: Any = None, priority: int = 0, *, stream_id: int | None = None) -> None:
+    def __init__(
+        self, device: Any = None, priority: int = 0, *, stream_id: int | None = None
+    ) -> None:
         self.device = torch.device("xpu", 0)
         self.stream_id: int = _C.new_stream() if stream_id is None else stream_id
 
@@ -69,7 +71,7 @@ class Event:
     def elapsed_time(self, end: Event) -> float:
         """Milliseconds from this event to ``end``; both must have been recorded."""
         if self._time is None or end._time is None:
-            raise RuntimeError("elapsed_time needs two recorded events: call record() on both first")
+            raise RuntimeError("elapsed_time needs two recorded events: call record() first")
         return (end._time - self._time) * 1000.0
 
 

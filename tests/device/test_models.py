@@ -1,0 +1,145 @@
+"""Whole models on the xpu device: the same numbers as on the CPU, in training too."""
+
+from __future__ import annotations
+
+import copy
+import threading
+from typing import Callable
+
+import pytest
+import torch
+from torch import nn
+
+import kelvor_xpu
+
+
+class Recurrent(nn.Module):
+    def __init__(self, kind: type[nn.Module]) -> None:
+        super().__init__()
+        self.layers = kind(8, 8, num_layers=2, bidirectional=True)
+
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
+        return self.layers(x)[0]
+
+
+class Convolutions(nn.Module):
+    def __init__(self) -> None:
+        super().__init__()
+        self.layers = nn.Sequential(
+            nn.Conv1d(4, 6, 3, padding=1),
+            nn.BatchNorm1d(6),
+            nn.SiLU(),
+            nn.ConvTranspose1d(6, 4, 3, padding=1),
+            nn.GroupNorm(2, 4),
+            nn.MaxPool1d(2),
+        )
+
+    def forward(self, x: torch.Tensor) -> torch.Tensor:
+        return self.layers(x)
+
+
+MODELS: dict[str, Callable[[], nn.Module]] = {
+    "transformer": lambda: nn.TransformerEncoderLayer(8, 2, 16, dropout=0.0),
+    "lstm": lambda: Recurrent(nn.LSTM),
+    "gru": lambda: Recurrent(nn.GRU),
+    "convolutions": Convolutions,
+    "perceptron": lambda: nn.Sequential(
+        nn.Linear(8, 16), nn.GELU(), nn.LayerNorm(16), nn.Linear(16, 8)
+    ),
+}
+Optimiser = type[torch.optim.Optimizer]
+OPTIMISERS: list[Optimiser] = [torch.optim.SGD, torch.optim.Adam, torch.optim.RMSprop]
+
+
+def losses(model: nn.Module, optimiser: Optimiser, device: str, steps: int = 4) -> list[float]:
+    model = copy.deepcopy(model).to(device)
+    optimise = optimiser(model.parameters(), lr=0.01)
+    torch.manual_seed(2)
+    found = []
+    for _ in range(steps):
+        x = torch.randn(5, 4, 8).to(device)
+        y = model(x)
+        loss = nn.functional.mse_loss(y, torch.zeros_like(y))
+        optimise.zero_grad()
+        loss.backward()
+        nn.utils.clip_grad_norm_(model.parameters(), 1.0)
+        optimise.step()
+        found.append(loss.item())
+    return found
+
+
+@pytest.mark.parametrize("optimiser", OPTIMISERS)
+@pytest.mark.parametrize("make", MODELS.values(), ids=MODELS.keys())
+def test_training_gives_the_cpus_losses(
+    make: Callable[[], nn.Module], optimiser: Optimiser
+) -> None:
+    torch.manual_seed(1)
+    model = make()
+    expected = losses(model, optimiser, "cpu")
+    assert losses(model, optimiser, "xpu") == pytest.approx(expected, rel=1e-4)
+    assert expected[0] != expected[-1]
+
+
+@pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16], ids=str)
+@pytest.mark.parametrize("name", MODELS)
+def test_reduced_models_stay_close_to_float(name: str, dtype: torch.dtype) -> None:
+    torch.manual_seed(1)
+    model = MODELS[name]().eval()
+    reduced = copy.deepcopy(model).to("xpu", dtype)
+    x = torch.randn(5, 4, 8)
+    y = reduced(x.to("xpu", dtype))
+    torch.testing.assert_close(y.float().cpu(), model(x), rtol=0.06, atol=0.06)
+    y.float().square().mean().backward()
+    for parameter in reduced.parameters():
+        assert parameter.grad.dtype == dtype and parameter.grad.isfinite().all()
+
+
+def test_autograd_beyond_the_first_derivative() -> None:
+    def hessian(device: str) -> torch.Tensor:
+        weights = torch.linspace(-1, 1, 6, device=device).view(2, 3)
+        return torch.autograd.functional.hessian(lambda w: torch.sigmoid(w @ w.t()).sum(), weights)
+
+    torch.testing.assert_close(hessian("xpu").cpu(), hessian("cpu"))
+
+
+def test_several_threads_train_at_once() -> None:
+    model = nn.Linear(8, 8)
+    expected = losses(model, torch.optim.Adam, "xpu", 20)
+    failures: list[str] = []
+
+    def work() -> None:
+        # Random numbers are one sequence for all threads, so that each works on inputs of its own.
+        here = copy.deepcopy(model).to("xpu")
+        x = torch.linspace(-1, 1, 16, device="xpu").view(2, 8)
+        results = {float(here(x).tanh().sum().item()) for _ in range(300)}
+        here(x).sum().backward()
+        column_sums = x.sum(0).cpu().expand(8, 8)
+        if len(results) != 1 or not torch.allclose(here.weight.grad.cpu(), column_sums, atol=1e-6):
+            failures.append(f"{results}")
+
+    threads = [threading.Thread(target=work) for _ in range(6)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    assert not failures
+    assert losses(model, torch.optim.Adam, "xpu", 20) == expected
+
+
+def test_nothing_leaks() -> None:
+    def step() -> None:
+        x = torch.randn(4, 8, device="xpu", requires_grad=True)
+        model(x).square().mean().backward()
+        out = torch.empty(0, device="xpu")
+        torch.index_select(x.detach(), 0, torch.tensor([1, 2], device="xpu"), out=out)
+
+    before = kelvor_xpu.memory_allocated()
+    for _ in range(2):
+        model = MODELS["perceptron"]().to("xpu")
+        step()
+        level = kelvor_xpu.memory_allocated()
+        for _ in range(500):
+            step()
+        assert kelvor_xpu.memory_allocated() == level
+        del model
+    assert kelvor_xpu.memory_allocated() == before

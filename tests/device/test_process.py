@@ -1,0 +1,164 @@
+"""What needs a process of its own: settings, forks, exits, and the package's own functions."""
+
+from __future__ import annotations
+
+import os
+import shutil
+import subprocess
+import sys
+import textwrap
+from pathlib import Path
+
+import pytest
+import torch
+
+import kelvor_xpu
+
+
+def run(code: str, **variables: str) -> subprocess.CompletedProcess[str]:
+    """Runs ``code`` in a fresh interpreter with the given environment variables."""
+    environment = {**os.environ, **variables}
+    program = "import torch, kelvor_xpu\n" + textwrap.dedent(code)
+    return subprocess.run(
+        [sys.executable, "-c", program], env=environment, capture_output=True, text=True, timeout=60
+    )
+
+
+def output(code: str, **variables: str) -> str:
+    done = run(code, **variables)
+    assert done.returncode == 0, done.stderr
+    return done.stdout.strip()
+
+
+def test_settings_name_the_device() -> None:
+    show = "print(kelvor_xpu.device_name(), '|', torch.xpu.get_device_name(0))"
+    assert output(show, KELVOR_XPU_DEVICE_NAME="Some Card") == "Some Card | Some Card"
+    plain = output(show, KELVOR_XPU_DEVICE_NAME="")
+    assert plain == "Kelvor XPU (host emulation) | Kelvor XPU (host emulation)"
+
+
+@pytest.mark.parametrize("variable", ["KELVOR_XPU_MAX_WORK_GROUP_SIZE", "KELVOR_XPU_THREADS"])
+@pytest.mark.parametrize("value", ["0", "-1", "many", "4k", "99999999999", " 2"])
+def test_malformed_numbers_are_refused_at_every_use(variable: str, value: str) -> None:
+    code = """
+        for _ in range(2):
+            try:
+                torch.ones(2, device="xpu")
+            except Exception as error:
+                print(error)
+    """
+    lines = output(code, **{variable: value}).splitlines()
+    said = f'{variable} must be a whole number from 1 to 2147483647, but it is "{value}"'
+    assert len([line for line in lines if said in line]) == 2
+
+
+@pytest.mark.parametrize("threads", ["1", "3"])
+def test_thread_counts_do_not_change_results(threads: str) -> None:
+    code = """
+        torch.manual_seed(0)
+        x, w = torch.randn(7, 512).half(), torch.randn(900, 512).half()
+        print(float((x.to("xpu") @ w.to("xpu").t()).float().sum()), torch.get_num_threads())
+    """
+    assert output(code, KELVOR_XPU_THREADS=threads) == output(code, KELVOR_XPU_THREADS="2")
+
+
+def test_a_forked_child_can_use_the_device() -> None:
+    code = """
+        import os
+        w = torch.randn(600, 600, dtype=torch.half, device="xpu")
+        before = (w @ w.t()).sum().item()
+        child = os.fork()
+        if child == 0:
+            same = (w @ w.t()).sum().item() == before
+            new = torch.ones(1000, 1000, device="xpu").sum().item() == 1e6
+            os._exit(0 if same and new else 1)
+        assert os.waitpid(child, 0)[1] == 0
+        assert (w @ w.t()).sum().item() == before
+    """
+    output(code)
+
+
+def test_exit_with_live_tensors_and_a_sleeping_thread() -> None:
+    code = """
+        import threading, time
+        keep = torch.randn(300, 300, device="xpu", requires_grad=True)
+        (keep @ keep).sum().backward()
+
+        def work():
+            reduced = torch.randn(900, 900, device="xpu").half()
+            product = reduced[:200] @ reduced.t()  # the pool's threads
+            done.set()
+            time.sleep(600)  # with tensors of its own
+
+        done = threading.Event()
+        threading.Thread(target=work, daemon=True).start()
+        done.wait()
+        print(keep.shape[0])
+    """
+    assert output(code) == "300"
+
+
+def test_a_second_copy_of_the_library_changes_nothing(tmp_path: Path) -> None:
+    library = Path(kelvor_xpu.__file__).parents[1] / "libkelvor-xpu.so"
+    copy = shutil.copy(library, tmp_path / "libother-xpu.so")
+    code = f"""
+        import ctypes
+        x = torch.ones(3, device="xpu")
+        ctypes.CDLL({str(copy)!r})
+        assert (x + 1).tolist() == [2.0] * 3 and kelvor_xpu.memory_allocated() == 12
+    """
+    output(code)
+
+
+def test_memory_is_counted_reused_and_returned() -> None:
+    code = """
+        import gc
+        assert kelvor_xpu.memory_allocated() == 0
+        x = torch.empty(1 << 20, device="xpu")
+        y = x[::2].clone()
+        assert kelvor_xpu.memory_allocated() == 6 << 20, kelvor_xpu.memory_allocated()
+        assert x.data_ptr() % 64 == y.data_ptr() % 64 == 0
+        place = x.data_ptr()
+        del x
+        assert torch.empty((1 << 20) - 9, device="xpu").data_ptr() == place
+        h = torch.randn(64, 64, device="xpu").half().softmax(-1)  # passes through scratch
+        taken = torch.nonzero(torch.ones(50, device="xpu"))  # allocated by the CPU's kernel
+        assert kelvor_xpu.memory_allocated() == (2 << 20) + 8192 + 400
+        del y, h, taken
+        gc.collect()
+        assert kelvor_xpu.memory_allocated() == 0 and kelvor_xpu.max_memory_allocated() >= 6 << 20
+        assert torch.xpu.memory_reserved() > 0
+        kelvor_xpu.empty_cache()
+        kelvor_xpu.reset_peak_memory_stats()
+        assert torch.xpu.memory_reserved() == kelvor_xpu.max_memory_allocated() == 0
+    """
+    output(code)
+
+
+def test_the_device_module() -> None:
+    assert torch.xpu is kelvor_xpu and kelvor_xpu.is_available() and kelvor_xpu.device_count() == 1
+    assert torch.ones(1).xpu().is_xpu and next(torch.nn.Linear(1, 1).xpu().parameters()).is_xpu
+    with torch.xpu.device(0), pytest.raises(ValueError, match="xpu:0, but got xpu:1"):
+        torch.xpu.set_device(1)
+    # PyTorch's own operators are the CPU's kernels and submit nothing.
+    kelvor_xpu.clear_submissions()
+    count = kelvor_xpu.submission_count()
+    torch.ones(3, device="xpu").add_(1)
+    assert kelvor_xpu.submission_count() == count and kelvor_xpu.submissions() == []
+
+
+def test_streams_and_events() -> None:
+    default = torch.xpu.current_stream()
+    assert default == torch.xpu.default_stream()
+    other = torch.xpu.Stream()
+    start, end = torch.xpu.Event(enable_timing=True), torch.xpu.Event(enable_timing=True)
+    with torch.xpu.stream(other) as current:
+        assert current == torch.xpu.current_stream() == other != default
+        start.record()
+        torch.randn(64, 64, device="xpu").sum()
+        other.record_event(end)
+    torch.xpu.synchronize()
+    assert torch.xpu.current_stream() == default and start.elapsed_time(end) > 0 and end.query()
+    assert len({torch.xpu.Stream() for _ in range(64)}) == 32
+    with pytest.raises(RuntimeError, match="two recorded events"):
+        start.elapsed_time(torch.xpu.Event())
