@@ -29,7 +29,7 @@ class GuardedAllocator final : public c10::Allocator {
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     const std::size_t size = (bytes + page - 1) / page * page + page;
     void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    TORCH_CHECK(base != MAP_FAILED, "xpu: cannot map ", size, " bytes with a guard page");
+    TORCH_CHECK(base != MAP_FAILED, "xpu: cannot allocate ", bytes, " bytes with a guard page");
     auto* end = static_cast<std::uint8_t*>(base) + size - page;
     TORCH_CHECK(mprotect(end, page, PROT_NONE) == 0, "xpu: cannot protect a guard page");
     return {end - bytes, new Mapping{base, size}, unmap, device};
