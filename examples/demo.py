@@ -108,7 +108,7 @@ def compare_models(arguments: argparse.Namespace) -> None:
     dense = load()
     check_request(dense, arguments.prompt.encode(), arguments.tokens)
     dtype = DTYPES[arguments.dtype]
-    others = [name for name in quarn.FORMATS if name != arguments.format]
+    others = [name for name in quarn.MLP_FORMATS if name != arguments.format]
     results = []
     for name in (arguments.format, *others):
         show = name == arguments.format
@@ -150,7 +150,7 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--prompt", default="In Green Hollow there lived a", help="text to go on")
     parser.add_argument("--tokens", type=int, default=200, help="bytes to generate")
-    parser.add_argument("--format", choices=quarn.FORMATS, default="q4_0", help="whose text")
+    parser.add_argument("--format", choices=quarn.MLP_FORMATS, default="q4_0", help="whose text")
     parser.add_argument(
         "--dtype", choices=DTYPES, default="float", help="element type of the packed MLPs"
     )

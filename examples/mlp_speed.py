@@ -37,13 +37,14 @@ def measure(rounds: int = 11) -> list[list[str]]:
     x = torch.randn(1, STATE)
     gate, up = torch.randn(HIDDEN, STATE), torch.randn(HIDDEN, STATE)
     rows = []
-    for name, entry in quarn.FORMATS.items():
+    for name in quarn.MLP_FORMATS:
+        qtype = quarn.FORMATS[name].qtype
         packed = [quarn.synthetic(name, HIDDEN, STATE).to("xpu") for _ in range(2)]
         megabytes = sum(weight.numel() for weight in packed) / 1e6
         for dtype in TYPES:
             on_device = x.to(dtype).to("xpu")
             ours, dense = alternate(
-                lambda: tolvane.mlp_forward_xpu(on_device, *packed, 1, STATE, HIDDEN, entry.qtype),
+                lambda: tolvane.mlp_forward_xpu(on_device, *packed, 1, STATE, HIDDEN, qtype),
                 lambda: F.silu(F.linear(x, gate)) * F.linear(x, up),
                 rounds,
             )

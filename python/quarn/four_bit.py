@@ -1,18 +1,16 @@
-"""Formats with two codes to a byte: element j in the low nibble of byte j, j + 32 in the high."""
+"""Formats with two linear codes to a byte: q4_0 and q4_1."""
 
 from __future__ import annotations
 
 import torch
 from torch import Tensor
 
-HALF_MAX = torch.finfo(torch.float16).max
-Q4_0_LIMIT = 8 * HALF_MAX
+from .search import HALF_MAX, as_half, best_line, best_scale, check_range, line_codes, quotient
 
-# What the block's largest weight is divided by to get the scales that q4_0 tries. Code -8 has no
-# positive partner, so a negative scale is as good as a positive one. The whole numbers find the
-# scale of a block that the format can hold exactly; the others narrow the search near the ends of
-# the code range, where the best scales of other blocks lie.
-Q4_0_DIVISORS = (
+# Code -8 has no positive partner, so a negative scale is as good as a positive one. The whole
+# numbers find the scale of a block that the format can hold exactly; the others narrow the search
+# near the ends of the code range, where the best scales of other blocks lie.
+Q4_0_PEAKS = (
     *(-8.0, 7.0, 6.0, 5.0, 4.0, 3.0, 2.0, 1.0),
     *(-9.5, -9.0, -8.7, -8.4, -8.2, -7.8, -7.6, -7.4, -7.2, -6.8, -6.5),
     *(8.5, 8.0, 7.75, 7.5, 7.25, 6.75, 6.5, 6.25, 5.75),
@@ -20,7 +18,10 @@ Q4_0_DIVISORS = (
 
 
 def pack_nibbles(codes: Tensor) -> Tensor:
-    """[blocks, 64] of uint8 codes 0..15 to [blocks, 32] bytes."""
+    """[blocks, 64] of uint8 codes 0..15 to [blocks, 32] bytes.
+
+    Element j is the low nibble of byte j, element j + 32 the high one.
+    """
     low, high = codes.chunk(2, dim=1)
     return low | (high << 4)
 
@@ -33,31 +34,13 @@ def unpack_nibbles(values: Tensor) -> Tensor:
 def encode_q4_0(blocks: Tensor) -> tuple[Tensor, Tensor]:
     """Codes of value = (code - 8) * d with the half scale d of least squared error.
 
-    blocks: [blocks, 64] of finite float. Each candidate scale gives codes, and the codes give the
-    scale that fits them best: sum(x q) / sum(q^2), rounded to half, the minimum of the parabola
-    sum((x - d q)^2). The candidate that removes most from sum(x^2) wins. A block of zeros gets
-    scale 0 and code 8. Weights above 524032 (8 times the largest half) raise ValueError.
+    blocks: [blocks, 64] of finite float. A block of zeros gets scale 0 and code 8. Weights above
+    524032 (8 times the largest half) raise ValueError.
     """
-    low, high = torch.aminmax(blocks, dim=1, keepdim=True)
-    largest = torch.where(-low > high, low, high)
-    if largest.numel() and largest.abs().max() > Q4_0_LIMIT:
-        raise ValueError(
-            f"q4_0 holds weights up to {Q4_0_LIMIT:.0f}, because its scale is a half, but the "
-            f"weight has {largest.abs().max():g}; scale the weight down"
-        )
-    best_gain = torch.zeros_like(largest)
-    best_scale = torch.zeros_like(largest)
-    for divisor in Q4_0_DIVISORS:
-        codes = _q4_0_codes(blocks, _as_half(largest / divisor))
-        products = (blocks * codes).sum(1, keepdim=True)
-        squares = codes.square().sum(1, keepdim=True)
-        scale = _as_half(products / squares.clamp(min=1))
-        gain = scale * (2 * products - scale * squares)
-        better = gain > best_gain
-        best_gain = torch.where(better, gain, best_gain)
-        best_scale = torch.where(better, scale, best_scale)
-    codes = (_q4_0_codes(blocks, best_scale) + 8).to(torch.uint8)
-    return pack_nibbles(codes), best_scale.half().view(torch.uint8)
+    check_range(blocks, "q4_0", 8 * HALF_MAX, "its scale is a half")
+    scale = best_scale(blocks, Q4_0_PEAKS, _q4_0_levels, as_half)
+    codes = (_q4_0_levels(quotient(blocks, scale)) + 8).to(torch.uint8)
+    return pack_nibbles(codes), scale.half().view(torch.uint8)
 
 
 def decode_q4_0(values: Tensor, scales: Tensor) -> Tensor:
@@ -65,12 +48,22 @@ def decode_q4_0(values: Tensor, scales: Tensor) -> Tensor:
     return (unpack_nibbles(values).float() - 8) * scales.view(torch.float16).float()
 
 
-def _as_half(scale: Tensor) -> Tensor:
-    """The nearest finite half, kept in float."""
-    return scale.clamp(-HALF_MAX, HALF_MAX).half().float()
+def encode_q4_1(blocks: Tensor) -> tuple[Tensor, Tensor]:
+    """Codes of value = code * d + m with the halves d and m of least squared error.
+
+    blocks: [blocks, 64] of finite float. Weights above 65504 (the largest half) raise ValueError.
+    """
+    check_range(blocks, "q4_1", HALF_MAX, "its minimum is a half")
+    slope, minimum = best_line(blocks, 15)
+    codes = line_codes(blocks, slope, minimum, 15).to(torch.uint8)
+    return pack_nibbles(codes), torch.cat([slope, minimum], dim=1).half().view(torch.uint8)
 
 
-def _q4_0_codes(blocks: Tensor, scale: Tensor) -> Tensor:
-    """The nearest codes -8..7 in float; all 0 where the scale is 0."""
-    inverse = torch.where(scale == 0, scale, 1 / scale)
-    return (blocks * inverse).round_().clamp_(-8, 7)
+def decode_q4_1(values: Tensor, scales: Tensor) -> Tensor:
+    """code * d + m. values: [blocks, 32], scales: [blocks, 4]; returns [blocks, 64] of float."""
+    slope, minimum = scales.view(torch.float16).float().chunk(2, dim=1)
+    return unpack_nibbles(values).float() * slope + minimum
+
+
+def _q4_0_levels(x: Tensor) -> Tensor:
+    return x.round().clamp_(-8, 7)

@@ -22,7 +22,7 @@ def pack(weight: Tensor, format: str) -> Tensor:
     _check_weight(weight, entry)
     blocks = weight.detach().reshape(-1, entry.block_elements)
     packed = torch.empty(len(blocks) * entry.block_bytes, dtype=torch.uint8)
-    values, scales = _zones(packed, entry)
+    values, scales = zones(packed, entry)
     step = CHUNK_ELEMENTS // entry.block_elements
     for start in range(0, len(blocks), step):
         chunk = blocks[start : start + step].float()
@@ -42,7 +42,7 @@ def unpack(
     """
     entry = format_named(format)
     _check_packed(packed, entry, state_size)
-    values, scales = _zones(packed.cpu().contiguous(), entry)
+    values, scales = zones(packed.cpu().contiguous(), entry)
     weight = torch.empty(len(values), entry.block_elements, dtype=dtype)
     step = CHUNK_ELEMENTS // entry.block_elements
     for start in range(0, len(values), step):
@@ -51,7 +51,7 @@ def unpack(
     return weight.view(-1, state_size).to(packed.device)
 
 
-def _zones(packed: Tensor, entry: Format) -> tuple[Tensor, Tensor]:
+def zones(packed: Tensor, entry: Format) -> tuple[Tensor, Tensor]:
     """Views of the value zone and the scale zone, one row per block."""
     blocks = packed.numel() // entry.block_bytes
     values, scales = packed.split([blocks * entry.value_bytes, blocks * entry.scale_bytes])

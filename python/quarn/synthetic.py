@@ -6,7 +6,7 @@ import torch
 from torch import Tensor
 
 from .formats import format_named
-from .packing import pack
+from .packing import pack, zones
 
 SAMPLE_BLOCKS = 4096
 
@@ -20,6 +20,5 @@ def synthetic(format: str, output_size: int, state_size: int, deviation: float =
     entry = format_named(format)
     count = entry.packed_bytes(output_size, state_size) // entry.block_bytes
     sample = pack(torch.randn(SAMPLE_BLOCKS, entry.block_elements) * deviation, format)
-    zones = sample.split([SAMPLE_BLOCKS * entry.value_bytes, SAMPLE_BLOCKS * entry.scale_bytes])
     chosen = torch.arange(count) % SAMPLE_BLOCKS
-    return torch.cat([zone.view(SAMPLE_BLOCKS, -1)[chosen].flatten() for zone in zones])
+    return torch.cat([zone[chosen].flatten() for zone in zones(sample, entry)])

@@ -1,4 +1,4 @@
-"""QuantMLP against the dense arithmetic, on the CPU and through the operator."""
+"""QuantMLP and QuantLinear against the dense arithmetic, on the CPU and through the operator."""
 
 from __future__ import annotations
 
@@ -13,7 +13,8 @@ import quarn
 from model import MLP
 from reference import decode
 
-NAMES = sorted(quarn.FORMATS)
+NAMES = sorted(quarn.MLP_FORMATS)
+LINEAR_NAMES = sorted(name for name in quarn.FORMATS if name != "fp8_e5m2_linear")
 
 
 def small_mlp() -> MLP:
@@ -71,6 +72,8 @@ def test_state_dict_survives_saving_and_types() -> None:
 
 def test_refused_modules() -> None:
     mlp = small_mlp()
+    with pytest.raises(ValueError, match="q4_0, fp8_e5m2, not with 'nf4'"):
+        quarn.QuantMLP.from_float(mlp, "nf4")
     mlp.gate.bias = nn.Parameter(torch.zeros(192))
     with pytest.raises(ValueError, match="gate must have no bias"):
         quarn.QuantMLP.from_float(mlp, "q4_0")
@@ -81,3 +84,78 @@ def test_refused_modules() -> None:
     good = quarn.pack(torch.ones(192, 128), "q4_0")
     with pytest.raises(ValueError, match=r"up must be 13056 bytes, 192 rows of 128 in q4_0"):
         quarn.QuantMLP(good, good[:-1], small_mlp().down, "q4_0")
+
+
+def small_linear(format: str, bias: bool = True) -> quarn.QuantLinear:
+    torch.manual_seed(0)
+    return quarn.QuantLinear.from_float(nn.Linear(128, 96, bias), format)
+
+
+def expected_linear(module: quarn.QuantLinear, x: torch.Tensor) -> np.ndarray:
+    """x @ weight.T + bias in double, from an independent reading of the packed bytes."""
+    weight = decode(module.packed.cpu().numpy().tobytes(), module.format.name, 128)
+    bias = 0 if module.bias is None else module.bias.detach().cpu().double().numpy()
+    return x.double().numpy() @ weight.T + bias
+
+
+@pytest.mark.parametrize("bias", [True, False])
+@pytest.mark.parametrize("name", LINEAR_NAMES)
+def test_linear_on_cpu(name: str, bias: bool) -> None:
+    dense = nn.Linear(128, 96, bias)
+    module = quarn.QuantLinear.from_float(dense, name)
+    for x in (torch.randn(2, 3, 128), torch.randn(128), torch.randn(0, 128)):
+        actual = module(x).detach()
+        np.testing.assert_allclose(actual, expected_linear(module, x), atol=2e-6)
+    x = torch.randn(50, 128)
+    assert (module(x) - dense(x)).norm() < 0.2 * dense(x).norm()
+
+
+@pytest.mark.parametrize("dtype", [torch.float32, torch.float16, torch.bfloat16])
+@pytest.mark.parametrize("name", LINEAR_NAMES)
+def test_linear_on_xpu(name: str, dtype: torch.dtype) -> None:
+    tolvane = pytest.importorskip("tolvane")
+    if not hasattr(tolvane, "forward_new"):
+        pytest.skip("this build of tolvane has no forward_new")
+    module = small_linear(name).to(dtype)
+    x = torch.randn(4, 3, 128).to(dtype)
+    expected = expected_linear(module, x)
+    actual = module.to("xpu")(x.transpose(0, 1).to("xpu")).transpose(0, 1)
+    assert actual.device.type == "xpu" and actual.dtype == dtype and actual.shape == (4, 3, 96)
+    tolerance = {torch.float16: 6e-3, torch.bfloat16: 4e-2}.get(dtype, 1e-5)
+    error = np.abs(actual.detach().cpu().double().numpy() - expected).max()
+    assert error <= tolerance * np.abs(expected).max()
+
+
+def test_linear_on_xpu_names_the_missing_operator(monkeypatch: pytest.MonkeyPatch) -> None:
+    tolvane = pytest.importorskip("tolvane")
+    monkeypatch.delattr(tolvane, "forward_new", raising=False)
+    with pytest.raises(RuntimeError, match="needs tolvane.forward_new"):
+        small_linear("q4_0").to("xpu")(torch.ones(1, 128, device="xpu"))
+
+
+def test_linear_state_brings_its_format() -> None:
+    """nf4 has q4_0's size and fp8_e5m2 another; inside a model as well."""
+    x = torch.randn(3, 128)
+    for name, saved in (("nf4", "nf4"), ("fp8_e5m2", "fp8_e5m2_linear")):
+        module, other = nn.Sequential(small_linear(name)), nn.Sequential(small_linear("q4_0"))
+        file = io.BytesIO()
+        torch.save(module.state_dict(), file)
+        file.seek(0)
+        other.load_state_dict(torch.load(file))
+        assert other[0].format.name == saved and torch.equal(other(x), module(x))
+    assert module.half()[0].packed.dtype == torch.uint8
+    assert repr(small_linear("nf3", bias=False)) == (
+        "QuantLinear(output_size=96, state_size=128, format=nf3, bits_per_weight=3.25, bias=False)"
+    )
+
+
+def test_refused_linears() -> None:
+    packed = quarn.pack(torch.ones(96, 128), "q4_0")
+    with pytest.raises(ValueError, match=r"6528 bytes, 96 rows of 128 in nf4, .* \[6527\]"):
+        quarn.QuantLinear(packed[1:], 96, 128, "nf4", None)
+    with pytest.raises(ValueError, match=r"bias must have shape \[96\], but has \[128\]"):
+        quarn.QuantLinear(packed, 96, 128, "q4_0", torch.zeros(128))
+    with pytest.raises(ValueError, match="unknown format 'q9'"):
+        small_linear("q9")
+    with pytest.raises(ValueError, match=r"x must be \[..., 128\], but has shape \[2, 64\]"):
+        small_linear("q4_0")(torch.ones(2, 64))
