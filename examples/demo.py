@@ -1,46 +1,28 @@
 """Generates text with packed weights on the `xpu` device, and compares with the dense model.
 
 usage: demo.py [--prompt TEXT] [--tokens N] [--format F] [--dtype T] [--skip-speed]
+       demo.py --all-formats [--prompt TEXT] [--tokens N] [--dtype T]
 """
 
 from __future__ import annotations
 
 import argparse
-import copy
 import sys
 import time
 from dataclasses import dataclass
 from typing import Sequence
 
 import torch
-from torch import Tensor, nn
 
+import all_formats
 import corpus
 import quarn
+from all_formats import HELD_OUT_BYTES
 from generate import check_request, generate
 from mlp_speed import HIDDEN, STATE, measure
 from model import Decoder
+from packed_models import DTYPES, bytes_of, with_packed_mlps
 from train import as_tokens, load, perplexity
-
-DTYPES = {
-    "float": torch.float32,
-    "half": torch.float16,
-    "bfloat16": torch.bfloat16,
-    "double": torch.float64,
-}
-HELD_OUT_BYTES = 4097
-
-
-class InType(nn.Module):
-    """Runs a module in its own element type, between tensors of another."""
-
-    def __init__(self, module: nn.Module, dtype: torch.dtype) -> None:
-        super().__init__()
-        self.module = module.to(dtype)
-        self.dtype = dtype
-
-    def forward(self, x: Tensor) -> Tensor:
-        return self.module(x.to(self.dtype)).to(x.dtype)
 
 
 @dataclass
@@ -53,23 +35,6 @@ class Result:
     perplexity: float
     mlp_bytes: int
     all_bytes: int
-
-
-def with_packed_mlps(model: Decoder, format: str, dtype: torch.dtype) -> Decoder:
-    """A copy whose MLPs have packed gate and up and compute in `dtype`."""
-    model = copy.deepcopy(model)
-    for layer in model.layers:
-        layer.mlp = InType(quarn.QuantMLP.from_float(layer.mlp, format), dtype)
-    return model
-
-
-def bytes_of(module: nn.Module, parts: Sequence[str] = ("",)) -> int:
-    """Bytes of the parameters and saved buffers whose name contains one of `parts`."""
-    return sum(
-        tensor.numel() * tensor.element_size()
-        for name, tensor in module.state_dict().items()
-        if any(part in name for part in parts)
-    )
 
 
 def run(name: str, model: Decoder, prompt: str, count: int, show: bool) -> Result:
@@ -90,7 +55,7 @@ def run(name: str, model: Decoder, prompt: str, count: int, show: bool) -> Resul
         print("" if live else decoded)
     held_out = as_tokens(corpus.held_out_text(HELD_OUT_BYTES)).to("xpu")
     measured = perplexity(model, held_out, model.config.context)
-    sizes = bytes_of(model, ("gate", "up")), bytes_of(model)
+    sizes = bytes_of(model, lambda name: "gate" in name or "up" in name), bytes_of(model)
     return Result(name, decoded, count / seconds, measured, *sizes)
 
 
@@ -136,6 +101,21 @@ def compare_models(arguments: argparse.Namespace) -> None:
     )
 
 
+def compare_all_formats(arguments: argparse.Namespace) -> None:
+    """Prints the table of the decoder with every linear layer packed."""
+    place = all_formats.device()
+    how = {
+        "xpu": "the operator on packed weights, on xpu",
+        "cpu": "PyTorch on weights unpacked for each call, because tolvane has no forward_new",
+    }
+    print(
+        f"Every linear layer packed and computed in {arguments.dtype}: {how[place]}.\n"
+        f"Perplexity is per byte, over {HELD_OUT_BYTES - 1} bytes held out from training.\n"
+    )
+    rows = all_formats.measure(DTYPES[arguments.dtype], place, arguments.prompt, arguments.tokens)
+    print_table(all_formats.HEADER, [row.cells() for row in rows])
+
+
 def compare_speed() -> None:
     """Prints the table of one large MLP."""
     print(
@@ -152,15 +132,19 @@ def main() -> None:
     parser.add_argument("--tokens", type=int, default=200, help="bytes to generate")
     parser.add_argument("--format", choices=quarn.MLP_FORMATS, default="q4_0", help="whose text")
     parser.add_argument(
-        "--dtype", choices=DTYPES, default="float", help="element type of the packed MLPs"
+        "--dtype", choices=DTYPES, default="float", help="element type of the packed layers"
     )
     parser.add_argument("--skip-speed", action="store_true", help="leave the large MLP out")
+    parser.add_argument("--all-formats", action="store_true", help="only the table of all formats")
     arguments = parser.parse_args()
     try:
         import tolvane  # noqa: F401  registers the xpu device
     except ModuleNotFoundError:
         parser.exit(1, "tolvane is not built, or build/python is not on PYTHONPATH\n")
     try:
+        if arguments.all_formats:
+            compare_all_formats(arguments)
+            return
         compare_models(arguments)
     except (FileNotFoundError, ValueError) as error:
         parser.exit(1, f"{error}\n")

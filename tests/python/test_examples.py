@@ -8,8 +8,12 @@ import pytest
 import torch
 
 import corpus
+import quarn
+from all_formats import FORMATS, Row
 from generate import generate
 from model import Config, Decoder, rotate
+from packed_models import bytes_of, with_packed_linears
+from plot_formats import plot
 from train import load, save
 
 SMALL = Config(width=64, heads=2, layers=2, hidden=128, context=24)
@@ -85,6 +89,28 @@ def test_checkpoint_round_trip(tmp_path) -> None:
     torch.testing.assert_close(loaded.layers[1].mlp.up.weight, expected, rtol=2**-11, atol=1e-7)
     with pytest.raises(FileNotFoundError, match="train.py"):
         load(tmp_path / "absent.pt")
+
+
+@torch.no_grad()
+def test_packing_replaces_every_linear_layer() -> None:
+    """Per layer: qkv 3 * 64 * 64, out 64 * 64, and three of 64 * 128. The original stays dense."""
+    model = small_decoder()
+    expected = model(torch.arange(24)[None])
+    packed = with_packed_linears(model, "q8_0", torch.float32)
+    assert not any(isinstance(module, torch.nn.Linear) for module in packed.modules())
+    assert sum(isinstance(module, quarn.QuantLinear) for module in packed.modules()) == 10
+    weights = 2 * (4 * 64 * 64 + 3 * 64 * 128)
+    assert bytes_of(packed, lambda name: name.endswith("packed")) == weights // 64 * 68
+    error = (packed(torch.arange(24)[None]) - expected).norm() / expected.norm()
+    assert 0 < error < 0.02
+    assert torch.equal(model(torch.arange(24)[None]), expected)
+
+
+def test_plot_is_an_image(tmp_path) -> None:
+    pytest.importorskip("matplotlib")
+    rows = [Row(name, 0.5, 1000, 1.2, 10.0) for name in (*FORMATS, "dense")]
+    plot(rows, tmp_path / "new" / "plot.png")
+    assert (tmp_path / "new" / "plot.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
 
 
 def test_corpus_is_deterministic_and_held_out_is_unseen() -> None:
