@@ -35,10 +35,11 @@ fiber_stack::~fiber_stack() {
   munmap(mapping_, size + static_cast<std::size_t>(bottom_ - mapping_));
 }
 
-/// Where a gang goes on. Context 0 is the thread that called run(); the others own a stack. What the
-/// sanitizers must be told of a switch is kept beside it.
+/// Where a gang goes on. One gang at a time runs on the stack of the thread that called run(); the others own
+/// a stack. What the sanitizers must be told of a switch is kept beside it.
 struct gang_ring::context {
   void* top = nullptr;
+  bool finished = false;
   std::unique_ptr<fiber_stack> stack;
 #if defined(__SANITIZE_ADDRESS__)
   void* fake_stack = nullptr;
@@ -46,9 +47,10 @@ struct gang_ring::context {
   std::size_t size = 0;
 #endif
 #if defined(__SANITIZE_THREAD__)
+  void* own_fiber = nullptr;
   void* fiber = nullptr;
   ~context() {
-    if (stack && fiber) __tsan_destroy_fiber(fiber);
+    if (own_fiber) __tsan_destroy_fiber(own_fiber);
   }
 #endif
 };
@@ -58,23 +60,35 @@ gang_ring& gang_ring::of_this_thread() {
   return ring;
 }
 
+namespace {
+[[noreturn]] void wait_in_vain() {
+  throw std::logic_error(
+      "a barrier or sub-group operation was not reached by all work-items that take part in it");
+}
+}  // namespace
+
 /// The first frame of a fiber: runs its gang, keeps what it throws, and goes back to the thread's own stack.
 struct gang_ring::entry {
   static void run(gang_ring& ring) {
 #if defined(__SANITIZE_ADDRESS__)
-    context& caller = *ring.contexts_[0];
-    __sanitizer_finish_switch_fiber(nullptr, ring.current_ == 1 ? &caller.bottom : nullptr,
-                                    ring.current_ == 1 ? &caller.size : nullptr);
+    context& main = *ring.contexts_[ring.main_];
+    const void* from = nullptr;
+    std::size_t size = 0;
+    __sanitizer_finish_switch_fiber(nullptr, &from, &size);
+    if (main.bottom == nullptr) {  // the thread's own stack starts the first fiber
+      main.bottom = from;
+      main.size = size;
+    }
 #endif
     try {
       ring.body_(ring.argument_, ring.current_);
-      if (ring.finished_ == 0)
-        throw std::logic_error("a work-group barrier was not reached by all work-items");
     } catch (...) {
       if (!ring.error_) ring.error_ = std::current_exception();
     }
+    ring.contexts_[ring.current_]->finished = true;
     ++ring.finished_;
-    ring.switch_to(0);
+    ++ring.events_;
+    ring.switch_to(ring.main_);
     __builtin_unreachable();
   }
 
@@ -98,7 +112,8 @@ void gang_ring::start(int gang) {
   fiber.size = fiber_stack::size;
 #endif
 #if defined(__SANITIZE_THREAD__)
-  if (!fiber.fiber) fiber.fiber = __tsan_create_fiber(0);
+  if (!fiber.own_fiber) fiber.own_fiber = __tsan_create_fiber(0);
+  fiber.fiber = fiber.own_fiber;
 #endif
   started_ = gang + 1;
   switch_to(gang);
@@ -109,7 +124,7 @@ void gang_ring::switch_to(int gang) {
   context& to = *contexts_[gang];
   current_ = gang;
 #if defined(__SANITIZE_ADDRESS__)
-  __sanitizer_start_switch_fiber(&from.fake_stack, to.bottom, to.size);
+  __sanitizer_start_switch_fiber(from.finished ? nullptr : &from.fake_stack, to.bottom, to.size);
 #endif
 #if defined(__SANITIZE_THREAD__)
   __tsan_switch_to_fiber(to.fiber, 0);
@@ -120,15 +135,33 @@ void gang_ring::switch_to(int gang) {
 #endif
 }
 
-void gang_ring::hand_over() {
-  if (finished_ > 0) throw std::logic_error("a work-group barrier was not reached by all work-items");
-  const int next = current_ + 1 == gangs_ ? 0 : current_ + 1;
+/// Hands over to the next gang that has not returned.
+void gang_ring::yield() {
+  int next = current_;
+  do {
+    next = next + 1 == gangs_ ? 0 : next + 1;
+  } while (contexts_[next]->finished);
   if (next == started_) {
     start(next);
-  } else {
+  } else if (next != current_) {
     switch_to(next);
   }
-  if (current_ == 0 && error_) std::rethrow_exception(error_);
+  if (current_ == main_ && error_) std::rethrow_exception(error_);
+}
+
+void gang_ring::meet(meeting& place, int count) {
+  ++events_;
+  if (++place.waiting == count) {
+    place.waiting = 0;
+    ++place.round;
+    return;
+  }
+  const std::uint64_t round = place.round;
+  while (place.round == round) {
+    const std::uint64_t before = events_;
+    yield();
+    if (place.round == round && events_ == before) wait_in_vain();
+  }
 }
 
 void gang_ring::run(int gangs, gang_body body, void* argument) {
@@ -136,22 +169,31 @@ void gang_ring::run(int gangs, gang_body body, void* argument) {
   gangs_ = gangs;
   body_ = body;
   argument_ = argument;
-  current_ = 0;
-  started_ = 1;
+  started_ = 0;
   finished_ = 0;
   error_ = nullptr;
-#if defined(__SANITIZE_THREAD__)
-  contexts_[0]->fiber = __tsan_get_current_fiber();
+  all_ = {};
+  parts_.assign(static_cast<std::size_t>(gangs), {});
+  for (int gang = 0; gang < gangs; ++gang) contexts_[gang]->finished = false;
+  while (finished_ < gangs) {
+    if (started_ == finished_) {
+      // No gang waits, so this one may use the thread's own stack: without waiting, gangs just follow each
+      // other.
+      current_ = main_ = started_++;
+#if defined(__SANITIZE_ADDRESS__)
+      contexts_[main_]->bottom = nullptr;
 #endif
-  body(argument, 0);
-  ++finished_;
-  for (int gang = 1; gang < gangs; ++gang) {
-    if (gang < started_) {
-      switch_to(gang);
-      if (error_) std::rethrow_exception(error_);
+#if defined(__SANITIZE_THREAD__)
+      contexts_[main_]->fiber = __tsan_get_current_fiber();
+#endif
+      body(argument, main_);
+      contexts_[main_]->finished = true;
+      ++finished_;
+      ++events_;
     } else {
-      current_ = gang;
-      body(argument, gang);  // no barrier so far: nothing to switch, the gangs just follow each other
+      const std::uint64_t before = events_;
+      yield();
+      if (events_ == before) wait_in_vain();
     }
   }
 }

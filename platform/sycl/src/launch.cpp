@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "sycl/checks.hpp"
+
 namespace sycl::host {
 namespace {
 
@@ -51,7 +53,11 @@ std::byte* arena::take(std::size_t bytes) {
   thread_memory& memory = arenas();
   if (memory.used == memory.blocks.size()) memory.blocks.push_back({nullptr, 0});
   thread_memory::block& block = memory.blocks[memory.used];
-  if (block.size < bytes) block = {aligned(bytes), bytes};
+  if (block.size < bytes) {
+    if (block.memory) forbid_access(block.memory.get());
+    block = {aligned(bytes), bytes};
+    if (checks_enabled) allow_access(block.memory.get(), bytes);
+  }
   ++memory.used;
   return block.memory.get();
 }
@@ -60,9 +66,12 @@ std::byte* local_memory(std::size_t bytes) {
   thread_local aligned_memory memory;
   thread_local std::size_t size = 0;
   if (size < bytes) {
+    if (memory) forbid_access(memory.get());
     memory = aligned(bytes);
     size = bytes;
   }
+  if (checks_enabled && bytes > 0)
+    allow_access(memory.get(), bytes);  // what this kernel asked for, and no more
   return memory.get();
 }
 
@@ -83,6 +92,16 @@ void check_range(int dimensions, const std::array<std::size_t, 3>& global,
       refuse("too many work-groups to count");
   }
   if (items > std::numeric_limits<int>::max()) refuse("work-group sizes are 32-bit");
+}
+
+void check_range(int dimensions, const std::array<std::size_t, 3>& sizes) {
+  std::int64_t items = 1;
+  for (int d = 0; d < dimensions; ++d) {
+    if (__builtin_mul_overflow(items, sizes[d], &items)) {
+      throw std::invalid_argument("range " + text(dimensions, sizes) +
+                                  ": more work-items than 64-bit ids can count");
+    }
+  }
 }
 
 }  // namespace sycl::host

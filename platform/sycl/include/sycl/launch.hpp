@@ -64,23 +64,40 @@ std::array<std::size_t, 3> padded(const range<D>& sizes) {
   return result;
 }
 
+/// Throws std::invalid_argument where a plain range has more work-items than 64-bit ids can count.
+void check_range(int dimensions, const std::array<std::size_t, 3>& sizes);
+
 template <int D>
 void check_range(const nd_range<D>& range, std::size_t max_work_group_size) {
   check_range(D, padded(range.get_global_range()), padded(range.get_local_range()), max_work_group_size);
 }
 
+/// The required sub-group size of a kernel that uses sub-group operations, else 0.
+template <class Kernel>
+constexpr int sub_group_of() {
+  if constexpr (requires { Kernel::uses_sub_group; }) {
+    if constexpr (Kernel::uses_sub_group) return Kernel::sub_group_size;
+  }
+  return 0;
+}
+
+/// Lanes of the kernel's gangs: its sub-group where it uses one.
 template <class Kernel>
 constexpr int gang_lanes() {
-  if constexpr (requires { Kernel::uses_sub_group; }) {
-    if constexpr (Kernel::uses_sub_group) return HOST_SYCL_LANES == 1 ? 1 : Kernel::sub_group_size;
-  }
+  if constexpr (HOST_SYCL_LANES > 1 && sub_group_of<Kernel>() > 0) return sub_group_of<Kernel>();
   return HOST_SYCL_LANES;
 }
 
 /// One gang of one work-group: the kernel's whole body is inlined here.
-template <int D, int Lanes, class Kernel>
+template <int D, class Kernel>
 [[gnu::flatten, gnu::noinline]] void run_gang(const Kernel& kernel, const group_state<D>& group, int gang) {
-  kernel(nd_item<D, Lanes>(group, gang));
+  kernel(nd_item<D, gang_lanes<Kernel>(), sub_group_of<Kernel>()>(group, gang));
+}
+
+/// Pieces that `count` steps are dealt in: some twenty per thread give even shares, and each is still a long
+/// run through memory.
+inline std::size_t piece_of(std::size_t count) {
+  return std::max<std::size_t>(1, count / (static_cast<std::size_t>(pool_threads()) * 20));
 }
 
 template <int D, class Kernel>
@@ -97,29 +114,54 @@ void launch(const nd_range<D>& range, const Kernel& original, std::size_t local_
   const int gangs = (items + lanes - 1) / lanes;
   const auto run_groups = [&](std::size_t begin, std::size_t end) {
     gang_ring& ring = gang_ring::of_this_thread();
-    group_state<D> group(groups, range.get_local_range(), local_memory(local_bytes), ring);
+    std::byte* local = local_memory(local_bytes + static_cast<std::size_t>(items) * 16);
+    group_state<D> group(groups, range.get_local_range(), local, local + local_bytes, ring);
+    struct call {
+      const Kernel& kernel;
+      const group_state<D>& group;
+    } argument{kernel, group};
     for (std::size_t g = begin; g < end; ++g) {
       group.move_to(g);
       if (gangs == 1) {
-        run_gang<D, lanes>(kernel, group, 0);
+        ring.run_alone();
+        run_gang(kernel, group, 0);
       } else {
-        struct call {
-          const Kernel& kernel;
-          const group_state<D>& group;
-        } argument{kernel, group};
         ring.run(
             gangs,
             [](void* object, int gang) {
               const auto& self = *static_cast<call*>(object);
-              run_gang<D, gang_lanes<Kernel>()>(self.kernel, self.group, gang);
+              run_gang(self.kernel, self.group, gang);
             },
             &argument);
       }
     }
   };
-  // Some twenty pieces per thread: even shares, and each piece still a long run through memory.
-  const std::size_t grain = std::max<std::size_t>(1, count / (static_cast<std::size_t>(pool_threads()) * 20));
-  parallel_for_pieces(count, grain, run_groups);
+  parallel_for_pieces(count, piece_of(count), run_groups);
+}
+
+/// One gang of a plain range.
+template <int D, class Kernel>
+[[gnu::flatten, gnu::noinline]] void run_items(const Kernel& kernel, const item<D, HOST_SYCL_LANES>& items) {
+  kernel(items);
+}
+
+/// A plain range: gangs of neighbouring work-items, with no groups between them and the pool.
+template <int D, class Kernel>
+void launch(const range<D>& sizes, const Kernel& original) {
+  constexpr std::int64_t lanes = HOST_SYCL_LANES;
+  const auto count = static_cast<std::int64_t>(sizes.size());
+  Kernel kernel = original;
+  arena memory;
+  if constexpr (requires { kernel.prepare(memory); }) kernel.prepare(memory);
+  const auto gangs = static_cast<std::size_t>((count + lanes - 1) / lanes);
+  parallel_for_pieces(
+      gangs, std::max<std::size_t>(16, piece_of(gangs)), [&](std::size_t begin, std::size_t end) {
+        for (auto gang = static_cast<std::int64_t>(begin); gang < static_cast<std::int64_t>(end); ++gang) {
+          const std::int64_t first = gang * lanes;
+          run_items(kernel,
+                    item<D, HOST_SYCL_LANES>(sizes, first, static_cast<int>(std::min(lanes, count - first))));
+        }
+      });
 }
 
 }  // namespace sycl::host

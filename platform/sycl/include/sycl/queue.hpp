@@ -26,6 +26,14 @@ class handler {
     host::launch(range, kernel, local_bytes_);
   }
 
+  /// The same over a plain range, whose groups are the runtime's business: the kernel gets an `item`.
+  template <int D, class Kernel>
+  void parallel_for(const range<D>& sizes, const Kernel& kernel) {
+    host::check_range(D, host::padded(sizes));
+    submission_ = host::record_submission(typeid(Kernel), D, host::padded(sizes), {0, 0, 0});
+    if (sizes.size() > 0) host::launch(sizes, kernel);
+  }
+
   /// Takes `bytes` of every work-group's local memory and returns their offset.
   std::size_t reserve_local(std::size_t bytes) {
     const std::size_t offset = local_bytes_;
