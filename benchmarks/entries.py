@@ -54,7 +54,8 @@ def mlp_cases(name: str, state: int, hidden: int, rotate: bool = True) -> Iterat
     """Every format and type of one size, against the dense peer in float."""
     x = torch.randn(1, state)
     peer = dense_mlp_call(x, copies(torch.randn(hidden, state), 2, rotate))
-    for format, entry in quarn.FORMATS.items():
+    for format in quarn.MLP_FORMATS:
+        entry = quarn.FORMATS[format]
         packed = on_xpu(copies(quarn.synthetic(format, hidden, state), 2, rotate))
         size = 2 * entry.packed_bytes(hidden, state)
         for kind, dtype in TYPES.items():
@@ -75,4 +76,40 @@ def call(quick: bool) -> Iterator[Case]:
     yield from mlp_cases("call", 64, 2, rotate=False)
 
 
-ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp]
+def dense_linear_call(x: Tensor, weights: Weights) -> Call:
+    """torch.nn.functional.linear with the copy that the number of the call picks."""
+    return lambda number: F.linear(x, weights[number % len(weights)][0])
+
+
+def linear(quick: bool) -> Iterator[Case]:
+    """PyTorch's own linear with a dense weight on `xpu`, against the CPU's in float."""
+    size = 4096
+    weight = torch.randn(size, size)
+    peer_weights = copies(weight, 1, rotate=True)
+    for rows in (1, 16) if quick else (1, 2, 4, 8, 16, 32, 64):
+        x = torch.randn(rows, size)
+        for kind, dtype in TYPES.items():
+            dense = copies(weight.to(dtype), 1, rotate=True)
+            ours = dense_linear_call(x.to(dtype).to("xpu"), on_xpu(dense))
+            shape = f"{rows} x {size}^2"
+            bytes_read = dense[0][0].numel() * dense[0][0].element_size()
+            peer = dense_linear_call(x, peer_weights)
+            yield Case("linear", shape, kind, "dense", bytes_read, ours, peer)
+
+
+def overhead(quick: bool) -> Iterator[Case]:
+    """The smallest operator of PyTorch's: 16 floats plus 1, 100 times per call."""
+    x = torch.ones(16)
+
+    def adds(x: Tensor) -> Call:
+        def run(number: int) -> Tensor:
+            for _ in range(100):
+                sum = x + 1
+            return sum
+
+        return run
+
+    yield Case("overhead", "100 x 16", "float", "dense", 100 * 16 * 4, adds(x.to("xpu")), adds(x))
+
+
+ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, linear, overhead]
