@@ -158,7 +158,9 @@ Pool& pool() {
 }
 
 void give_back(void* context) {
-  pool().give_back(static_cast<Block*>(context));
+  auto* block = static_cast<Block*>(context);
+  close_to_kernels(block->memory);
+  pool().give_back(block);
 }
 
 class PoolAllocator final : public c10::Allocator {
@@ -169,6 +171,7 @@ class PoolAllocator final : public c10::Allocator {
     settings();  // a malformed setting is reported by whatever uses the device first
     if (bytes == 0) return {nullptr, device_};
     Block* block = pool().take(bytes);
+    open_to_kernels(block->memory, bytes);
     return {block->memory, block, give_back, device_};
   }
 
@@ -201,10 +204,12 @@ c10::DataPtr adopt(c10::Storage storage) {
   // Memory of the pool has been counted already.
   const std::size_t bytes = storage.data_ptr().get_deleter() == &give_back ? 0 : storage.nbytes();
   pool().count_adopted(bytes);
+  if (bytes > 0) open_to_kernels(data, bytes);
   auto* owner = new Adopted{std::move(storage), bytes};
   const auto release = [](void* context) {
     auto* adopted = static_cast<Adopted*>(context);
     pool().forget_live(adopted->bytes);
+    if (adopted->bytes > 0) close_to_kernels(adopted->storage.data());
     delete adopted;
   };
   return {data, owner, release, device};

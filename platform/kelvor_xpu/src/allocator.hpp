@@ -5,6 +5,8 @@
 #include <c10/core/Allocator.h>
 #include <c10/core/Storage.h>
 
+#include <sycl/checks.hpp>
+
 namespace kelvor_xpu {
 
 /// The allocator behind every xpu storage.
@@ -16,6 +18,14 @@ c10::Allocator* scratch_allocator();
 /// The allocator that device_allocator() gives where KELVOR_XPU_GUARD_PAGES is set: every tensor ends at an
 /// unmapped page.
 c10::Allocator* guarded_allocator();
+
+/// In builds that check the accesses of kernels: kernels may access this memory, and no longer may.
+inline void open_to_kernels(const void* memory, std::size_t bytes) {
+  if constexpr (sycl::host::checks_enabled) sycl::host::allow_access(memory, bytes);
+}
+inline void close_to_kernels(const void* memory) {
+  if constexpr (sycl::host::checks_enabled) sycl::host::forbid_access(memory);
+}
 
 /// Hands the memory of a CPU storage to the device. The result keeps `storage` alive and counts as live
 /// bytes.

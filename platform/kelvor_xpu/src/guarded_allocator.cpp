@@ -13,10 +13,12 @@ namespace {
 struct Mapping {
   void* base;
   std::size_t size;
+  void* tensor;
 };
 
 void unmap(void* context) {
   auto* mapping = static_cast<Mapping*>(context);
+  close_to_kernels(mapping->tensor);
   munmap(mapping->base, mapping->size);
   delete mapping;
 }
@@ -32,7 +34,9 @@ class GuardedAllocator final : public c10::Allocator {
     TORCH_CHECK(base != MAP_FAILED, "xpu: cannot allocate ", bytes, " bytes with a guard page");
     auto* end = static_cast<std::uint8_t*>(base) + size - page;
     TORCH_CHECK(mprotect(end, page, PROT_NONE) == 0, "xpu: cannot protect a guard page");
-    return {end - bytes, new Mapping{base, size}, unmap, device};
+    void* tensor = end - bytes;
+    open_to_kernels(tensor, bytes);
+    return {tensor, new Mapping{base, size, tensor}, unmap, device};
   }
 };
 
