@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <stdexcept>
 
 #include "device_frame.h"
 #include "formats.h"
 #include "python_gate.h"
+#include "sycl/checks.hpp"
 
 namespace {
 
@@ -54,6 +56,19 @@ TEST(DeviceFrame, IndexMathLooksAtTheLargestOffset) {
 
 TEST(DeviceFrame, LargestWorkGroupIsTheDevices) {
   EXPECT_EQ(get_workgroup_size(), 1024);
+}
+
+/// Debug builds: kernels may access tensors of the device, and only as long as those live.
+TEST(DeviceMemory, AccessChecksKnowTensors) {
+  if (!sycl::host::checks_enabled) GTEST_SKIP() << "this build checks no accesses";
+  const void* memory = nullptr;
+  {
+    const at::Tensor tensor = at::empty({100}, at::device(at::kXPU).dtype(at::kByte));
+    memory = tensor.data_ptr();
+    EXPECT_NO_THROW(sycl::host::check_access(memory, 100));
+    EXPECT_THROW(sycl::host::check_access(memory, 101), std::out_of_range);
+  }
+  EXPECT_THROW(sycl::host::check_access(memory, 1), std::out_of_range);
 }
 
 TEST(Formats, BlockSizesOfTheCatalogue) {

@@ -8,7 +8,7 @@
 #include <stdexcept>
 
 #if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/common_interface_defs.h>
+#include <sanitizer/asan_interface.h>
 #endif
 #if defined(__SANITIZE_THREAD__)
 #include <sanitizer/tsan_interface.h>
@@ -110,6 +110,8 @@ void gang_ring::start(int gang) {
 #if defined(__SANITIZE_ADDRESS__)
   fiber.bottom = fiber.stack->bottom();
   fiber.size = fiber_stack::size;
+  // Frames of the fiber's last run never returned, so that their red zones are still marked.
+  __asan_unpoison_memory_region(fiber.bottom, fiber.size);
 #endif
 #if defined(__SANITIZE_THREAD__)
   if (!fiber.own_fiber) fiber.own_fiber = __tsan_create_fiber(0);
