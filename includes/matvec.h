@@ -1,8 +1,9 @@
 #pragma once
-// The skeleton of every kernel that multiplies one activation row by packed weight rows. A work-group walks a
-// few weight rows together: their tiles are dealt to its work-items in turn, each tile is dotted with the
-// activations in T, its sum is scaled and added to the work-item's accumulator of that row.
+// The skeleton of every kernel that multiplies activation rows by packed weight rows, tile by tile. The tiles
+// of a weight row are dealt to the work-items of a group in turn; each is dotted with the activations in T,
+// its sum is scaled and added to the work-item's accumulator.
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
@@ -10,34 +11,76 @@
 
 namespace tolvane {
 
-/// The activation row, tile by tile, in the order in which a gang's lanes read it. All work-groups read the
-/// same row, so it is widened and transposed once per submission.
+/// In which order a tile's activations are summed, for the formats with a minimum: as the products are, or
+/// the two of a byte first.
+enum class activation_sum { in_order, by_byte };
+
+/// Activation rows, tile by tile, in the order in which a gang's lanes read them. All work-groups read the
+/// same rows, so they are widened and transposed once per submission.
 template <class Format, class T>
 class activation_tiles {
  public:
   static constexpr int lanes = HOST_SYCL_LANES;
 
-  /// Lays out `state_size` activations, a whole number of blocks. The lanes after the last tile are zero.
-  void prepare(sycl::host::arena& memory, const T* input, int state_size) {
+  /// Lays out `rows` rows of `state_size` activations, a whole number of blocks. Lanes after the last tile
+  /// are zero.
+  void prepare(sycl::host::arena& memory, const T* input, int state_size, int rows = 1,
+               activation_sum sums = activation_sum::in_order) {
     const int tiles = state_size / Format::tile;
-    const int rounds = (tiles + lanes - 1) / lanes;
-    auto* out =
-        memory.template allocate<spmd::wide<T>>(static_cast<std::size_t>(rounds) * lanes * Format::tile);
-    std::fill(out + static_cast<std::size_t>(rounds - 1) * lanes * Format::tile,
-              out + static_cast<std::size_t>(rounds) * lanes * Format::tile, 0);
-    for (int t = 0; t < tiles; ++t) {
-      spmd::wide<T>* tile = out + t / lanes * (lanes * Format::tile) + t % lanes;
-      for (int run = 0; run < Format::tile / 8; ++run) {
-        const T* from = input + Format::run_start(t, run);
-        for (int c = 0; c < 8; ++c) tile[(run * 8 + c) * lanes] = from[c];
-      }
-    }
+    const int padded = (tiles + lanes - 1) / lanes * lanes;
+    stride_ = static_cast<std::int64_t>(padded) * Format::tile;
+    auto* out = memory.template allocate<spmd::wide<T>>(static_cast<std::size_t>(stride_) * rows);
+    for (int row = 0; row < rows; ++row)
+      lay_out(out + row * stride_, input + std::int64_t{row} * state_size, tiles);
     tiles_ = out;
+    if constexpr (Format::needs_activation_sum) {
+      auto* total = memory.template allocate<spmd::wide<T>>(static_cast<std::size_t>(padded) * rows);
+      for (int row = 0; row < rows; ++row) {
+        const T* from = input + std::int64_t{row} * state_size;
+        for (int t = 0; t < padded; ++t) total[row * padded + t] = t < tiles ? static_cast<spmd::wide<T>>(sum_tile(from, t, sums)) : 0;
+      }
+      sums_ = total;
+    }
   }
 
   /// Activation `place` of tile first + l in lane l.
-  [[gnu::always_inline]] spmd::varying_t<T, lanes> element(int first, int place) const {
-    const spmd::wide<T>* at = tiles_ + first * Format::tile + place * lanes;
+  [[gnu::always_inline]] spmd::varying_t<T, lanes> element(int row, int first, int place) const {
+    return wide_load(tiles_ + row * stride_ + std::int64_t{first} * Format::tile + place * lanes);
+  }
+  /// The sum of the activations of tile first + l, for formats that ask for it.
+  [[gnu::always_inline]] spmd::varying_t<T, lanes> sum(int row, int first) const {
+    if constexpr (Format::needs_activation_sum) {
+      return wide_load(sums_ + row * (stride_ / Format::tile) + first);
+    } else {
+      return spmd::varying_t<T, lanes>(T(0.0f));
+    }
+  }
+
+ private:
+  static void lay_out(spmd::wide<T>* out, const T* from, int tiles) {
+    const int tail = tiles / lanes * lanes;
+    if (tail < tiles) std::fill_n(out + std::int64_t{tail} * Format::tile, lanes * Format::tile, 0);
+    for (int t = 0; t < tiles; ++t) {
+      spmd::wide<T>* tile = out + std::int64_t{t} / lanes * (lanes * Format::tile) + t % lanes;
+      for (int run = 0; run < Format::tile / 8; ++run) {
+        const T* elements = from + Format::run_start(t, run);
+        for (int c = 0; c < 8; ++c) tile[(run * 8 + c) * lanes] = elements[c];
+      }
+    }
+  }
+
+  static T sum_tile(const T* from, int t, activation_sum sums) {
+    const auto at = [&](int k) {
+      return from[Format::run_start(t, Format::order(k) / 8) + Format::order(k) % 8];
+    };
+    T total(0.0f);
+    for (int k = 0; k < Format::tile; k += 2) {
+      total = sums == activation_sum::by_byte ? total + (at(k) + at(k + 1)) : (total + at(k)) + at(k + 1);
+    }
+    return total;
+  }
+
+  [[gnu::always_inline]] static spmd::varying_t<T, lanes> wide_load(const spmd::wide<T>* at) {
     if constexpr (spmd::reduced<T> && lanes > 1) {
       return spmd::lanes<T, lanes>(spmd::load<lanes>(at));
     } else {
@@ -45,8 +88,9 @@ class activation_tiles {
     }
   }
 
- private:
   const spmd::wide<T>* tiles_ = nullptr;
+  const spmd::wide<T>* sums_ = nullptr;
+  std::int64_t stride_ = 0;
 };
 
 /// Where one weight row's packed values and scales begin.
@@ -60,50 +104,61 @@ template <class Format>
 [[gnu::always_inline]] inline packed_row zoned_row(const std::uint8_t* weight, std::int32_t scale_offset,
                                                    std::int64_t blocks_per_row, std::int64_t row) {
   return {weight + row * blocks_per_row * Format::value_bytes,
-          weight + scale_offset +
-              row * blocks_per_row * static_cast<std::int64_t>(sizeof(typename Format::scale_type))};
+          weight + scale_offset + row * blocks_per_row * Format::scale_bytes};
 }
 
-/// Step Walk over one weight row: returns the accumulators of the gang's work-items. Rows are walked one
-/// after the other, so that a work-group reads its packed bytes as one run of memory: two rows in turn halve
-/// the rate at which they come.
-template <class Format, class T, class Item>
-[[gnu::always_inline]] inline auto walk(const Item& item, const activation_tiles<Format, T>& input,
+/// Bytes from the start of a zoned weight to its scales, in the 32-bit arithmetic that kernels get it in.
+template <class Format>
+std::int32_t zoned_scale_offset(std::int64_t state_size, std::int64_t output_size) {
+  return static_cast<std::int32_t>(state_size * output_size / Format::block * Format::value_bytes);
+}
+
+/// Step Walk over one weight row, for `Rows` activation rows from `row0` on: returns the accumulators of the
+/// gang's work-items. Weight rows are walked one after the other, so that a work-group reads its packed bytes
+/// as one run of memory: two rows in turn halve the rate at which they come. Two tiles, or one against two
+/// activation rows, are in work at a time, as chains of rounded multiply-adds have long latencies.
+template <int Rows, class Format, class T, class Item>
+[[gnu::always_inline]] inline auto walk(const Item& item, const activation_tiles<Format, T>& input, int row0,
                                         int state_size, const packed_row& row) {
   constexpr int n = Item::lanes;
-  constexpr int tile_bytes = Format::value_bytes / Format::tiles_per_block;
   using value = spmd::varying<T, Item>;
-  using scale = typename Format::scale_type;
-  value acc = T(0.0f);
-  spmd::strided<2>(item, state_size / Format::tile, [&](const auto& first, auto live) [[gnu::always_inline]] {
-    constexpr int rounds = std::tuple_size_v<std::remove_cvref_t<decltype(first)>>;
-    // Load
-    std::array<decltype(Format::template load<n>(row.values, live)), rounds> tiles;
-    spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
-      tiles[r] =
-          Format::template load<n>(row.values + static_cast<std::int64_t>(first[r]) * tile_bytes, live);
-    });
-    // Tile dot
-    std::array<value, rounds> sum;
-    spmd::unrolled<Format::tile>([&](auto k) [[gnu::always_inline]] {
-      spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
-        const value x = input.element(first[r], Format::order(k));
-        const value w = Format::template value<T, n>(tiles[r], k);
-        if constexpr (k == 0) {
-          sum[r] = x * w;
-        } else {
-          sum[r] = spmd::mad(x, w, sum[r]);
-        }
+  std::array<value, Rows> acc;
+  spmd::unrolled<Rows>([&](auto a) { acc[a] = value(T(0.0f)); });
+  constexpr int together = Rows == 1 ? 2 : 1;
+  spmd::strided<together>(
+      item, state_size / Format::tile, [&](const auto& first, auto live) [[gnu::always_inline]] {
+        constexpr int rounds = std::tuple_size_v<std::remove_cvref_t<decltype(first)>>;
+        // Load
+        std::array<decltype(Format::template load<n>(row.values, 0, live)), rounds> tiles;
+        spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
+          tiles[r] = Format::template load<n>(row.values, first[r], live);
+        });
+        // Tile dot
+        std::array<value, rounds * Rows> sum;
+        spmd::unrolled<Format::tile>([&](auto k) [[gnu::always_inline]] {
+          spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
+            const value w = Format::template element<Format, T, n>(tiles[r], k);
+            spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
+              const value x = input.element(row0 + a, first[r], Format::order(k));
+              if constexpr (k == 0) {
+                sum[r * Rows + a] = x * w;
+              } else {
+                sum[r * Rows + a] = spmd::mad(x, w, sum[r * Rows + a]);
+              }
+            });
+          });
+        });
+        // Scale
+        spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
+          const std::int64_t block = first[r] / Format::tiles_per_block;
+          spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
+            const value scaled = Format::template accumulate<Format::tiles_per_block, T, n>(
+                acc[a], sum[r * Rows + a], input.sum(row0 + a, first[r]),
+                row.scales + block * Format::scale_bytes, live);
+            acc[a] = spmd::keep_unless(live, scaled, acc[a]);
+          });
+        });
       });
-    });
-    // Scale
-    spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
-      const std::int64_t block = first[r] / Format::tiles_per_block;
-      const auto d = spmd::load_repeated<n, Format::tiles_per_block, scale>(
-          row.scales + block * static_cast<std::int64_t>(sizeof(scale)), live);
-      acc = spmd::keep_unless(live, spmd::mad(sum[r], spmd::convert<T>(d), acc), acc);
-    });
-  });
   return acc;
 }
 

@@ -6,7 +6,9 @@
 #include <stdexcept>
 #include <string>
 
+#include "linear_xpu_kernel.h"
 #include "mlp_xpu_kernel.h"
+#include "profiler_scope.h"
 #include "python_gate.h"
 #include "sycl/cpu.hpp"
 
@@ -29,7 +31,30 @@ void require_environment() {
   }
 }
 
+/// A wrapper's check of one of its tensors, in fixed words.
+void check_tensor(const at::Tensor& tensor, const char* name) {
+  TORCH_CHECK(tensor.device().type() == c10::DeviceType::XPU, name, " must be a XPU tensor");
+  TORCH_CHECK(tensor.is_contiguous(), name, " must be contiguous");
+}
+
+at::Tensor linear_forward_new(at::Tensor input, at::Tensor weights, int qtype, std::int64_t size_hint) {
+  check_tensor(input, "input");
+  check_tensor(weights, "weights");
+  const profiler_scope scope("quarn_qlinear_forward", input);
+  return linear_xpu_forward_new(input, weights, qtype, size_hint);
+}
+
+at::Tensor dequant(at::Tensor input, at::Tensor weight, int qtype) {
+  check_tensor(input, "input");
+  check_tensor(weight, "weight");
+  const profiler_scope scope("quarn_xpu_dequant", input);
+  return xpu_dequant(input, weight, qtype);
+}
+
+/// The operators, in the order of their table.
 void register_operators(pybind11::module_& m) {
+  m.def("forward_new", torch::wrap_pybind_function(linear_forward_new), "Linear forward (XPU) new format");
+  m.def("dequant", torch::wrap_pybind_function(dequant), "Dequantize weight (XPU)");
   m.def("mlp_forward_xpu", torch::wrap_pybind_function(mlp_forward_xpu), "fused mlp");
 }
 

@@ -59,7 +59,7 @@ struct mlp_forward_kernel {
                              zoned_row<Format>(weight_up, scale_offset, blocks_per_row, row0 + 1)};
     // Walk
     std::array<spmd::varying<T, Item>, 4> acc;
-    for (int j = 0; j < 4; ++j) acc[j] = walk(item, tiles, static_cast<int>(state_size), rows[j]);
+    for (int j = 0; j < 4; ++j) acc[j] = walk<1>(item, tiles, 0, static_cast<int>(state_size), rows[j])[0];
     // Stage, Tree
     const auto sum = spmd::tree_sum(item, acc, local.get(item));
     // Write
@@ -74,8 +74,7 @@ struct mlp_forward_kernel {
 template <class Format, class T, int sg_size, int wg_size>
 void launch(const T* input, const std::uint8_t* gate, const std::uint8_t* up, T* output,
             std::int64_t state_size, std::int64_t output_size, c10::Device device) {
-  const auto scale_offset =
-      static_cast<std::int32_t>(state_size * output_size / Format::block * Format::value_bytes);
+  const std::int32_t scale_offset = zoned_scale_offset<Format>(state_size, output_size);
   const auto groups = static_cast<std::size_t>(output_size / 2);
   submit(device, [&](sycl::handler& command) {
     const sycl::local_accessor<T> local(4 * wg_size, command);

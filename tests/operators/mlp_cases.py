@@ -8,7 +8,7 @@ from functools import lru_cache
 
 import numpy as np
 
-from packed import Weight, random_weight
+from packed import FUSED, Weight, random_weight
 
 TYPES = ("float16", "float32", "float64", "bfloat16")
 
@@ -46,7 +46,7 @@ def cases(selection: str) -> list[Case]:
 
 @lru_cache(maxsize=4)
 def weights(form: str, state: int, output: int, kind: str) -> tuple[Weight, Weight]:
-    return random_weight(form, output, state, 1, kind), random_weight(form, output, state, 2, kind)
+    return random_weight(FUSED[form], output, state, 1, kind), random_weight(FUSED[form], output, state, 2, kind)
 
 
 def activations(case: Case) -> np.ndarray:

@@ -6,6 +6,7 @@
 
 #include <immintrin.h>
 
+#include <array>
 #include <bit>
 #include <cmath>
 #include <concepts>
@@ -141,6 +142,17 @@ template <class F, class T, int N, class... More>
     return lanes<T, N>(f(first.v, more.v...));
   } else {
     return lanes<T, N>(per_register(f, first.lo, more.lo...), per_register(f, first.hi, more.hi...));
+  }
+}
+
+/// The same for an operation that gives registers of another type To of the same width.
+template <class To, class F, class T, int N>
+[[gnu::always_inline]] inline lanes<To, N> per_register_as(const F& f, const lanes<T, N>& x) {
+  static_assert(sizeof(To) == sizeof(T));
+  if constexpr (N == native_lanes<T>) {
+    return lanes<To, N>(f(x.v));
+  } else {
+    return lanes<To, N>(per_register_as<To>(f, x.lo), per_register_as<To>(f, x.hi));
   }
 }
 
@@ -405,26 +417,127 @@ requires(!is_lanes<From>) [[gnu::always_inline]] inline To convert_exact(From x)
   return convert<To>(x);
 }
 
-/// The half whose upper byte is byte `Byte` of each word and whose lower byte is `Lower`, as float. Two
-/// neighbouring bytes share a byte shuffle and a permutation; 1 conversion each.
+/// Halves of 8 lanes, byte `Byte` of each word as their upper byte: two neighbouring bytes in the two parts
+/// of the register, so that they share their shuffles.
+template <int Byte>
+[[gnu::always_inline]] inline __m256i upper_bytes(native<std::uint32_t> word) {
+  constexpr char a = Byte / 2 * 2, b = a + 1;
+  const __m256i order =
+      _mm256_setr_epi8(-1, a, -1, a + 4, -1, a + 8, -1, a + 12, -1, b, -1, b + 4, -1, b + 8, -1, b + 12, -1,
+                       a, -1, a + 4, -1, a + 8, -1, a + 12, -1, b, -1, b + 4, -1, b + 8, -1, b + 12);
+  return _mm256_permute4x64_epi64(_mm256_shuffle_epi8(reinterpret_cast<__m256i>(word), order), 0xD8);
+}
+
+/// The half whose upper byte is byte `Byte` of each word and whose lower byte is `Lower`, as float. 1
+/// conversion, and a byte shuffle and a permutation for two neighbouring bytes.
 template <int Byte, std::uint8_t Lower, int N>
 [[gnu::always_inline]] inline lanes<float, N> half_from_upper_byte(const lanes<std::uint32_t, N>& word) {
-  if constexpr (N > 8) {
-    return {half_from_upper_byte<Byte, Lower>(word.lo), half_from_upper_byte<Byte, Lower>(word.hi)};
-  } else {
-    constexpr char a = Byte / 2 * 2, b = a + 1;
-    const __m256i order =
-        _mm256_setr_epi8(-1, a, -1, a + 4, -1, a + 8, -1, a + 12, -1, b, -1, b + 4, -1, b + 8, -1, b + 12, -1,
-                         a, -1, a + 4, -1, a + 8, -1, a + 12, -1, b, -1, b + 4, -1, b + 8, -1, b + 12);
-    __m256i halves = _mm256_shuffle_epi8(reinterpret_cast<__m256i>(word.v), order);
-    halves = _mm256_permute4x64_epi64(halves, 0xD8);  // byte a of all lanes, then byte b of all lanes
-    if constexpr (Lower != 0) halves = _mm256_or_si256(halves, _mm256_set1_epi16(Lower));
-    return lanes<float, N>(_mm256_cvtph_ps(_mm256_extracti128_si256(halves, Byte % 2)));
-  }
+  return per_register_as<float>(
+      [](native<std::uint32_t> x) -> native<float> {
+        __m256i halves = upper_bytes<Byte>(x);
+        if constexpr (Lower != 0) halves = _mm256_or_si256(halves, _mm256_set1_epi16(Lower));
+        return _mm256_cvtph_ps(_mm256_extracti128_si256(halves, Byte % 2));
+      },
+      word);
 }
 template <int Byte, std::uint8_t Lower>
 [[gnu::always_inline]] inline float half_from_upper_byte(std::uint32_t word) {
   return sycl::host::half_value(static_cast<std::uint16_t>((word >> (8 * Byte) & 0xFF) << 8 | Lower));
+}
+
+/// The half that has the sign of byte `Byte` of each word, then a zero bit, then the byte's other seven bits,
+/// as float: an eight-bit float with four exponent bits. Costs as above and 1 operation more.
+template <int Byte, int N>
+[[gnu::always_inline]] inline lanes<float, N> half_from_shifted_byte(const lanes<std::uint32_t, N>& word) {
+  return per_register_as<float>(
+      [](native<std::uint32_t> x) -> native<float> {
+        const __m256i moved = _mm256_srai_epi16(upper_bytes<Byte>(x), 1);
+        const __m256i halves = _mm256_and_si256(moved, _mm256_set1_epi16(static_cast<short>(0xBF80)));
+        return _mm256_cvtph_ps(_mm256_extracti128_si256(halves, Byte % 2));
+      },
+      word);
+}
+template <int Byte>
+[[gnu::always_inline]] inline float half_from_shifted_byte(std::uint32_t word) {
+  const std::uint32_t byte = word >> (8 * Byte) & 0xFF;
+  return sycl::host::half_value(static_cast<std::uint16_t>((byte & 0x80) << 8 | (byte & 0x7F) << 7));
+}
+
+/// The half whose bits are the low 16 of each word, whose upper 16 are 0, as float.
+template <int N>
+[[gnu::always_inline]] inline lanes<float, N> half_from_bits(const lanes<std::uint32_t, N>& bits) {
+  return per_register_as<float>(
+      [](native<std::uint32_t> x) -> native<float> {
+        const auto words = reinterpret_cast<__m256i>(x);
+        const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(words, words), 0xD8);
+        return _mm256_cvtph_ps(_mm256_castsi256_si128(packed));
+      },
+      bits);
+}
+[[gnu::always_inline]] inline float half_from_bits(std::uint32_t bits) {
+  return sycl::host::half_value(static_cast<std::uint16_t>(bits));
+}
+
+/// A table of 8 floats in a register, rounded to T once.
+template <class T>
+[[gnu::always_inline]] inline __m256 register_table(const float* table) {
+  const __m256 values = _mm256_loadu_ps(table);
+  if constexpr (reduced<T>) return round_native<T>(values);
+  return values;
+}
+
+/// table[code] as T, where the code is the three bits from Bit of each word; the bits above are ignored. 2
+/// operations.
+template <class T, int Bit, int N>
+[[gnu::always_inline]] inline lanes<T, N> table8(const std::array<float, 8>& table,
+                                                 const lanes<std::uint32_t, N>& word) {
+  const __m256 values = register_table<T>(table.data());
+  return convert_exact<T>(per_register_as<float>(
+      [values](native<std::uint32_t> x) -> native<float> {
+        return _mm256_permutevar8x32_ps(values, reinterpret_cast<__m256i>(x >> Bit));
+      },
+      word));
+}
+template <class T, int Bit>
+[[gnu::always_inline]] inline T table8(const std::array<float, 8>& table, std::uint32_t word) {
+  return convert<T>(table[word >> Bit & 7]);
+}
+
+/// The same for four bits and 16 values. 5 operations.
+template <class T, int Bit, int N>
+[[gnu::always_inline]] inline lanes<T, N> table16(const std::array<float, 16>& table,
+                                                  const lanes<std::uint32_t, N>& word) {
+  const __m256 low = register_table<T>(table.data()), high = register_table<T>(table.data() + 8);
+  return convert_exact<T>(per_register_as<float>(
+      [low, high](native<std::uint32_t> x) -> native<float> {
+        const auto at = reinterpret_cast<__m256i>(x >> Bit);
+        const auto upper = reinterpret_cast<__m256>(x << (28 - Bit));  // the code's top bit as sign
+        return _mm256_blendv_ps(_mm256_permutevar8x32_ps(low, at), _mm256_permutevar8x32_ps(high, at), upper);
+      },
+      word));
+}
+template <class T, int Bit>
+[[gnu::always_inline]] inline T table16(const std::array<float, 16>& table, std::uint32_t word) {
+  return convert<T>(table[word >> Bit & 15]);
+}
+
+/// table[code], negated where the bit above the three of the code is set. 5 operations.
+template <class T, int Bit, int N>
+[[gnu::always_inline]] inline lanes<T, N> signed_table8(const std::array<float, 8>& table,
+                                                        const lanes<std::uint32_t, N>& word) {
+  const __m256 values = register_table<T>(table.data());
+  return convert_exact<T>(per_register_as<float>(
+      [values](native<std::uint32_t> x) -> native<float> {
+        const __m256 magnitude = _mm256_permutevar8x32_ps(values, reinterpret_cast<__m256i>(x >> Bit));
+        const auto sign = reinterpret_cast<__m256>((x << (28 - Bit)) & 0x80000000u);
+        return _mm256_or_ps(magnitude, sign);
+      },
+      word));
+}
+template <class T, int Bit>
+[[gnu::always_inline]] inline T signed_table8(const std::array<float, 8>& table, std::uint32_t word) {
+  const float magnitude = table[word >> Bit & 7];
+  return convert<T>(word >> Bit & 8 ? -magnitude : magnitude);
 }
 
 /// The unsigned field of Width bits from bit Bit of each word. 2 operations.
@@ -469,7 +582,7 @@ template <class T, int N>
     return rounded<T>(mad(a.w, b.w, c.w));
   } else {
     return per_register(
-        [](native<T> x, native<T> y, native<T> z) [[gnu::always_inline]] -> native<T> {
+        [](native<T> x, native<T> y, native<T> z) -> native<T> {
           if constexpr (std::same_as<T, float>) {
             return _mm256_fmadd_ps(x, y, z);
           } else if constexpr (std::same_as<T, double>) {

@@ -257,6 +257,51 @@ template <int N, int Repeat, class T, class Live>
   }
 }
 
+/// Byte l of p in lane l, as a word. 1 load and widening.
+template <int N>
+[[gnu::always_inline]] inline varying_t<std::uint32_t, N> load_bytes(const std::uint8_t* p) {
+  checked(p, N);
+  if constexpr (N == 1) {
+    return *p;
+  } else if constexpr (N > 8) {
+    return {load_bytes<N / 2>(p), load_bytes<N / 2>(p + N / 2)};
+  } else {
+    const __m128i bytes = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+    return lanes<std::uint32_t, 8>(reinterpret_cast<native<std::uint32_t>>(_mm256_cvtepu8_epi32(bytes)));
+  }
+}
+
+/// Bit l of a uniform word in lane l, as 0 or 1. 2 operations.
+template <int N>
+[[gnu::always_inline]] inline varying_t<std::uint32_t, N> bits_from(std::uint32_t word) {
+  if constexpr (N == 1) {
+    return word & 1;
+  } else if constexpr (N > 8) {
+    return {bits_from<N / 2>(word), bits_from<N / 2>(word >> (N / 2))};
+  } else {
+    const native<std::uint32_t> place = {0, 1, 2, 3, 4, 5, 6, 7};
+    return lanes<std::uint32_t, 8>((broadcast(word) >> place) & 1);
+  }
+}
+
+/// Code `place` + l of a run of two-bit codes in lane l: four to a byte, from its top down. `place` is a
+/// multiple of N.
+template <int N>
+[[gnu::always_inline]] inline varying_t<std::uint32_t, N> two_bit_codes(const std::uint8_t* p, int place) {
+  if constexpr (N == 1) {
+    checked(p + place / 4, 1);
+    return p[place / 4] >> (6 - place % 4 * 2) & 3u;
+  } else if constexpr (N > 8) {
+    return {two_bit_codes<N / 2>(p, place), two_bit_codes<N / 2>(p, place + N / 2)};
+  } else {
+    std::uint16_t bytes = 0;
+    checked(p + place / 4, sizeof bytes);
+    std::memcpy(&bytes, p + place / 4, sizeof bytes);
+    const native<std::uint32_t> down = {6, 4, 2, 0, 14, 12, 10, 8};
+    return lanes<std::uint32_t, 8>((broadcast<std::uint32_t>(bytes) >> down) & 3);
+  }
+}
+
 /// Eight bytes per lane, as two little-endian words: lane l's stand at p + 8 * l. 1 load and 1 or 2 shuffles
 /// per word.
 template <int N>

@@ -1,0 +1,137 @@
+#pragma once
+// Expansion of packed weights to dense matrices: the kernels and the host functions that submit them.
+
+#include <c10/core/Device.h>
+
+#include <cstdint>
+
+#include "checks.h"
+#include "decoders.h"
+#include "matvec.h"
+#include "submit.h"
+
+namespace tolvane {
+
+/// Rows of zoned blocks: one work-group per row, a work-item takes `PerItem` elements of a step and keeps its
+/// place in every block that it visits. The neighbouring bytes of a gang's work-items are one run.
+template <class Format, class T, int PerItem>
+struct row_dequantize_kernel {
+  std::int64_t state_size;
+  int steps;
+  const std::uint8_t* scales;
+  const std::uint8_t* values;
+  T* output;
+  int block_step;
+
+  static constexpr int elements_per_byte = Format::block / Format::value_bytes;
+
+  template <class Item>
+  void operator()(const Item& item) const {
+    constexpr int n = Item::lanes;
+    constexpr int bytes_per_item = PerItem / elements_per_byte;
+    const std::int64_t blocks = state_size / Format::block;
+    const auto row = static_cast<std::int64_t>(item.get_group(0));
+    const int begin = item.first() * bytes_per_item, end = (item.first() + item.live()) * bytes_per_item;
+    for (int step = 0; step < steps; ++step) {
+      for (int at = begin; at < end; at += n) {
+        const std::int64_t block = row * blocks + std::int64_t{step} * block_step + at / Format::value_bytes;
+        const int byte = at % Format::value_bytes;
+        const auto code = spmd::load_bytes<n>(values + block * Format::value_bytes + byte);
+        const std::uint8_t* scale = scales + block * Format::scale_bytes;
+        T* out = output + block * Format::block + byte;
+        if constexpr (elements_per_byte == 2) {
+          spmd::store(out, Format::template dequantized<T, Format::first_bit>(code, scale));
+          spmd::store(out + 32, Format::template dequantized<T, 4 - Format::first_bit>(code, scale));
+        } else {
+          spmd::store(out, Format::template dequantized<T, 0>(code, scale));
+        }
+      }
+    }
+  }
+};
+
+/// The whole tensor without row structure: work-item i decodes `Format::flat_elements` elements of one block.
+template <class Format, class T>
+struct flat_dequantize_kernel {
+  std::int64_t total;
+  const std::uint8_t* weight;
+  const std::uint8_t* scales;
+  T* output;
+
+  template <class Item>
+  void operator()(const Item& item) const {
+    const std::int64_t first =
+        static_cast<std::int64_t>(item.get_group(0)) * item.group_size() + item.first();
+    Format::template decode_flat<T, Item::lanes>(*this, first, item.live());
+  }
+};
+
+/// The largest work-group, up to 256, whose steps of `per_item` elements a work-item divide the row.
+inline int row_group_size(std::int64_t state_size, int per_item) {
+  int size = 256;
+  while (state_size % (std::int64_t{size} * per_item) != 0) size /= 2;
+  return size;
+}
+
+/// Rows first to first + rows - 1 of a weight of output_size rows, into an output that starts with row
+/// `first`.
+template <class Format, class T, int PerItem>
+sycl::event submit_rows(const std::uint8_t* weight, T* output, std::size_t state_size,
+                        std::size_t output_size, std::size_t first, std::size_t rows, sycl::queue& queue) {
+  const auto columns = static_cast<std::int64_t>(state_size);
+  const int group = row_group_size(columns, PerItem);
+  const std::int64_t first_block = static_cast<std::int64_t>(first) * columns / Format::block;
+  const std::uint8_t* scales =
+      weight + zoned_scale_offset<Format>(columns, static_cast<std::int64_t>(output_size));
+  return queue.submit([&](sycl::handler& command) {
+    command.parallel_for(
+        sycl::nd_range<1>(rows * group, group),
+        row_dequantize_kernel<Format, T, PerItem>{columns, static_cast<int>(columns / (group * PerItem)),
+                                                  scales + first_block * Format::scale_bytes,
+                                                  weight + first_block * Format::value_bytes, output,
+                                                  group * PerItem / Format::block});
+  });
+}
+
+enum class submission_form { plain, waiting };
+
+template <submission_form Form>
+void finish(sycl::event event) {
+  if constexpr (Form == submission_form::waiting) event.wait();
+  xpu::profiler_record("devq_kernel", event);
+}
+
+/// Expands all rows.
+template <class Format, class T, int PerItem, submission_form Form = submission_form::waiting>
+void dequantize_rows_of(const std::uint8_t* weight, T* output, std::size_t state_size,
+                        std::size_t output_size, c10::Device device) {
+  check_multiple(static_cast<std::int64_t>(state_size), 64);
+  finish<Form>(submit_rows<Format, T, PerItem>(weight, output, state_size, output_size, 0, output_size,
+                                               current_queue(device)));
+}
+
+/// Expands `rows` rows from `start` on into a slice of their own.
+template <class Format, class T, int PerItem, submission_form Form>
+void dequantize_tile_of(const std::uint8_t* weight, T* output, std::size_t state_size,
+                        std::size_t output_size, std::size_t rows, std::size_t start, c10::Device device) {
+  check_multiple(static_cast<std::int64_t>(state_size), 64);
+  finish<Form>(submit_rows<Format, T, PerItem>(weight, output, state_size, output_size, start, rows,
+                                               current_queue(device)));
+}
+
+/// Expands the whole tensor by a flat kernel, with the global size rounded up to whole groups.
+template <class Format, class T, submission_form Form>
+void dequantize_flat(const std::uint8_t* weight, T* output, std::size_t state_size, std::size_t output_size,
+                     c10::Device device) {
+  constexpr std::size_t group = 256;
+  const auto total = static_cast<std::int64_t>(state_size * output_size);
+  const std::size_t items = static_cast<std::size_t>(total) / Format::flat_elements;
+  const std::size_t groups = (items + group - 1) / group;
+  finish<Form>(current_queue(device).submit([&](sycl::handler& command) {
+    command.parallel_for(
+        sycl::nd_range<1>(groups * group, group),
+        flat_dequantize_kernel<Format, T>{total, weight, weight + Format::flat_scale_offset(total), output});
+  }));
+}
+
+}  // namespace tolvane

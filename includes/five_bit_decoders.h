@@ -1,0 +1,78 @@
+#pragma once
+// Decoding of the five-bit records: scale `d` and minimum `m` (both half), a 64-bit word of the codes' fifth
+// bits in element order, and 32 bytes of their lower four bits, element j in the low nibble of byte j and j +
+// 32 in the high one.
+
+#include <cstdint>
+#include <utility>
+
+#include "sycl/spmd.hpp"
+
+namespace tolvane {
+
+/// What both formats share; `Format` says how a code, a scale and a minimum make an element.
+template <class Format>
+struct five_bit_records {
+  static constexpr int block = 64;
+  static constexpr int record_bytes = 44;
+  static constexpr int flat_elements = 2;
+  static constexpr std::int64_t flat_scale_offset(std::int64_t) { return 0; }
+
+  /// Codes of elements j + l and j + 32 + l of the record in lane l, as float.
+  template <int N>
+  static auto codes(const std::uint8_t* record, int j) {
+    const auto upper = spmd::load<1>(reinterpret_cast<const std::uint64_t*>(record + 4));
+    const auto byte = spmd::load_bytes<N>(record + 12 + j);
+    const auto with_upper = [&](const auto& nibble, std::uint64_t bits) {
+      return spmd::convert<float>(nibble | spmd::bits_from<N>(static_cast<std::uint32_t>(bits)) << 4);
+    };
+    return std::pair(with_upper(byte & 15u, upper >> j), with_upper(byte >> 4, upper >> (j + 32)));
+  }
+  static sycl::half scale(const std::uint8_t* record) {
+    return spmd::load<1>(reinterpret_cast<const sycl::half*>(record));
+  }
+  static sycl::half minimum(const std::uint8_t* record) {
+    return spmd::load<1>(reinterpret_cast<const sycl::half*>(record + 2));
+  }
+
+  /// The two elements of byte j + l, as the matrix-vector kernel multiplies them.
+  template <class T, int N>
+  static auto multiplied(const std::uint8_t* record, int j) {
+    const auto [first, second] = codes<N>(record, j);
+    return std::pair(Format::template element<T, N>(first, record),
+                     Format::template element<T, N>(second, record));
+  }
+
+  /// The same computed in float and converted once, for work-items first, first + 1, …, `live` of them.
+  template <class T, int N, class Kernel>
+  static void decode_flat(const Kernel& kernel, std::int64_t first, int live) {
+    for (std::int64_t i = first; i < first + live && i * flat_elements < kernel.total; i += N) {
+      const std::int64_t record = i / 32;
+      const int j = static_cast<int>(i % 32);
+      const auto [low, high] = multiplied<float, N>(kernel.weight + record * record_bytes, j);
+      spmd::store(kernel.output + record * block + j, spmd::convert<T>(low));
+      spmd::store(kernel.output + record * block + j + 32, spmd::convert<T>(high));
+    }
+  }
+};
+
+/// (c - 16) * d, with d rounded to T first; the product is in float, but for double.
+struct q5_0 : five_bit_records<q5_0> {
+  template <class T, int N>
+  static spmd::varying_t<T, N> element(const spmd::varying_t<float, N>& code, const std::uint8_t* record) {
+    using wide = spmd::wide<T>;
+    const auto d = spmd::convert<wide>(spmd::convert<T>(scale(record)));
+    return spmd::convert<T>(spmd::convert<wide>(code - 16.0f) * d);
+  }
+};
+
+/// c * d + m, each step in T.
+struct q5_1 : five_bit_records<q5_1> {
+  template <class T, int N>
+  static spmd::varying_t<T, N> element(const spmd::varying_t<float, N>& code, const std::uint8_t* record) {
+    const spmd::varying_t<T, N> d = spmd::convert<T>(scale(record)), m = spmd::convert<T>(minimum(record));
+    return spmd::mad(d, spmd::convert_exact<T>(code), m);
+  }
+};
+
+}  // namespace tolvane

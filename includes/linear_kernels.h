@@ -1,0 +1,184 @@
+#pragma once
+// The forward kernels of the quantized linear layer and the host functions that submit them. Sub-group sizes
+// are not among the parameters of a kernel, since none of them uses a sub-group operation; the work-group's
+// size is known from the launch.
+
+#include <ATen/core/Tensor.h>
+#include <c10/core/Device.h>
+
+#include <array>
+#include <cstdint>
+
+#include "checks.h"
+#include "decoders.h"
+#include "dequantize.h"
+#include "matvec.h"
+#include "submit.h"
+
+namespace tolvane {
+
+/// One activation row: work-group g computes outputs g * Rows to g * Rows + Rows - 1.
+template <class Format, class T, int Rows>
+struct matvec_kernel {
+  std::size_t state_size;
+  const std::uint8_t* weight;
+  std::int32_t scale_offset;
+  const T* input;
+  sycl::local_accessor<T> local;
+  std::size_t output_size;
+  T* output;
+
+  activation_tiles<Format, T> tiles{};
+  void prepare(sycl::host::arena& memory) { tiles.prepare(memory, input, static_cast<int>(state_size)); }
+
+  template <class Item>
+  void operator()(const Item& item) const {
+    // Assign
+    const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * Rows;
+    const auto rows =
+        static_cast<int>(std::min<std::int64_t>(Rows, static_cast<std::int64_t>(output_size) - row0));
+    const auto blocks_per_row = static_cast<std::int64_t>(state_size) / Format::block;
+    // Walk; rows past the last one do not exist
+    std::array<spmd::varying<T, Item>, Rows> acc;
+    acc.fill(T(0.0f));
+    for (int j = 0; j < rows; ++j) {
+      const packed_row row = zoned_row<Format>(weight, scale_offset, blocks_per_row, row0 + j);
+      acc[j] = walk<1>(item, tiles, 0, static_cast<int>(state_size), row)[0];
+    }
+    // Stage, Tree
+    const auto sum = spmd::tree_sum(item, acc, local.get(item));
+    // Write
+    if (item.first() != 0) return;
+    for (int j = 0; j < rows; ++j) spmd::store(output + row0 + j, sum[j]);
+  }
+};
+
+/// A few activation rows: group (g, b) computes outputs 2g and 2g + 1 of activation rows 2b and 2b + 1.
+template <class Format, class T>
+struct batch_kernel {
+  std::size_t batch_size;
+  std::size_t state_size;
+  const std::uint8_t* weight;
+  std::int32_t scale_offset;
+  const T* input;
+  sycl::local_accessor<T, 2> local;
+  std::size_t output_size;
+  T* output;
+
+  activation_tiles<Format, T> tiles{};
+  void prepare(sycl::host::arena& memory) {
+    tiles.prepare(memory, input, static_cast<int>(state_size), static_cast<int>(batch_size),
+                  activation_sum::by_byte);
+  }
+
+  template <class Item>
+  void operator()(const Item& item) const {
+    // Rows
+    const int b0 = static_cast<int>(item.get_group(1)) * 2;
+    if (b0 + 1 < static_cast<int>(batch_size)) {
+      multiply<2>(item, b0);
+    } else {
+      multiply<1>(item, b0);
+    }
+  }
+
+ private:
+  template <int Batch, class Item>
+  void multiply(const Item& item, int b0) const {
+    // Assign
+    const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * 2;
+    const auto rows =
+        static_cast<int>(std::min<std::int64_t>(2, static_cast<std::int64_t>(output_size) - row0));
+    const auto blocks_per_row = static_cast<std::int64_t>(state_size) / Format::block;
+    // Walk
+    std::array<spmd::varying<T, Item>, 2 * Batch> acc;
+    acc.fill(T(0.0f));
+    for (int j = 0; j < rows; ++j) {
+      const packed_row row = zoned_row<Format>(weight, scale_offset, blocks_per_row, row0 + j);
+      const auto sums = walk<Batch>(item, tiles, b0, static_cast<int>(state_size), row);
+      for (int b = 0; b < Batch; ++b) acc[b * 2 + j] = sums[b];
+    }
+    // Stage, Tree
+    const auto sum = spmd::tree_sum(item, acc, local.get(item));
+    // Write
+    if (item.first() != 0) return;
+    for (int b = 0; b < Batch; ++b) {
+      T* out = output + static_cast<std::int64_t>(b0 + b) * static_cast<std::int64_t>(output_size) + row0;
+      for (int j = 0; j < rows; ++j) spmd::store(out + j, sum[b * 2 + j]);
+    }
+  }
+};
+
+/// One activation row times five-bit records: work-group g computes output g. A work-item keeps to one byte
+/// of its blocks, elements j and j + 32, and adds their two products before they enter its sum.
+template <class Format, class T>
+struct five_bit_kernel {
+  std::size_t state_size;
+  const std::uint8_t* weight;
+  const T* input;
+  sycl::local_accessor<T> local;
+  T* output;
+
+  template <class Item>
+  void operator()(const Item& item) const {
+    constexpr int n = Item::lanes;
+    const auto blocks = static_cast<std::int64_t>(state_size) / Format::block;
+    const std::uint8_t* row =
+        weight + static_cast<std::int64_t>(item.get_group(0)) * blocks * Format::record_bytes;
+    const int j = item.first() % 32;
+    spmd::varying<T, Item> acc = T(0.0f);
+    for (std::int64_t block = item.first() / 32; block < blocks; block += item.group_size() / 32) {
+      const auto [w0, w1] = Format::template multiplied<T, n>(row + block * Format::record_bytes, j);
+      const T* x = input + block * Format::block + j;
+      acc = acc + spmd::mad(w1, spmd::load<n>(x + 32), w0 * spmd::load<n>(x));
+    }
+    // Stage, Tree
+    const auto sum = spmd::tree_sum(item, std::array{acc}, local.get(item));
+    // Write
+    if (item.first() == 0) spmd::store(output + item.get_group(0), sum[0]);
+  }
+};
+
+/// Checks that rows are whole tiles, and submits one row.
+template <class Format, class T, int wg_size, int Rows>
+void matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t /*batch_size*/,
+            std::size_t state_size, std::size_t output_size, c10::Device device) {
+  check_multiple(static_cast<std::int64_t>(state_size), Format::tile);
+  const std::int32_t scale_offset = zoned_scale_offset<Format>(static_cast<std::int64_t>(state_size),
+                                                               static_cast<std::int64_t>(output_size));
+  const std::size_t groups = (output_size + Rows - 1) / Rows;
+  submit(device, [&](sycl::handler& command) {
+    const sycl::local_accessor<T> local(Rows * wg_size, command);
+    command.parallel_for(
+        sycl::nd_range<1>(groups * wg_size, wg_size),
+        matvec_kernel<Format, T, Rows>{state_size, weight, scale_offset, input, local, output_size, output});
+  });
+}
+
+/// The same for a few rows. An odd last output counts as a pair.
+template <class Format, class T, int wg_size>
+void batch_matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t batch_size,
+                  std::size_t state_size, std::size_t output_size, c10::Device device) {
+  check_multiple(static_cast<std::int64_t>(state_size), Format::tile);
+  const std::int32_t scale_offset = zoned_scale_offset<Format>(static_cast<std::int64_t>(state_size),
+                                                               static_cast<std::int64_t>(output_size));
+  const sycl::range<2> global((output_size + 1) / 2 * wg_size, (batch_size + 1) / 2);
+  submit(device, [&](sycl::handler& command) {
+    const sycl::local_accessor<T, 2> local({2, 2 * wg_size}, command);
+    command.parallel_for(sycl::nd_range<2>(global, {wg_size, 1}),
+                         batch_kernel<Format, T>{batch_size, state_size, weight, scale_offset, input, local,
+                                                 output_size, output});
+  });
+}
+
+template <class Format, class T, int wg_size>
+void five_bit_matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t /*batch_size*/,
+                     std::size_t state_size, std::size_t output_size, c10::Device device) {
+  submit(device, [&](sycl::handler& command) {
+    const sycl::local_accessor<T> local(wg_size, command);
+    command.parallel_for(sycl::nd_range<1>(output_size * wg_size, wg_size),
+                         five_bit_kernel<Format, T>{state_size, weight, input, local, output});
+  });
+}
+
+}  // namespace tolvane

@@ -1,0 +1,27 @@
+#pragma once
+
+#include <ATen/core/Tensor.h>
+
+#include <cstdint>
+
+namespace tolvane {
+
+/// input times the transposed packed weight: [batch_size, output_size] in input's element type on weight's
+/// device.
+///
+/// `input` is [batch_size, state_size] (half, float, double or bfloat16), `weight` a flat tensor of packed
+/// bytes in the format `qtype`, from whose length output_size follows. `size_hint` takes part in choosing the
+/// tiled route of q4_0. Raises c10::Error, before anything is submitted, for a format without a function
+/// here, sizes that are no whole number of blocks, and sizes past 32-bit arithmetic.
+at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t size_hint);
+
+/// The dense matrix [output_size, state_size] of a packed weight. `input` gives its second size and its
+/// element type.
+at::Tensor xpu_dequant(at::Tensor input, at::Tensor weight, int qtype);
+
+/// The matrix engine's route: a few rows, without a dense weight in memory.
+at::Tensor sysarr_forward(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
+                          std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint,
+                          int qtype, bool summit);
+
+}  // namespace tolvane

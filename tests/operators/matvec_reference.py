@@ -1,0 +1,97 @@
+"""One activation row times packed rows, in the stated order of operations, in plain numpy."""
+
+from __future__ import annotations
+
+import numpy as np
+
+from arithmetic import Arithmetic
+from packed import Weight
+
+
+def tree(entries: np.ndarray, t: Arithmetic) -> np.ndarray:
+    """Adds entry l + stride to entry l, for stride halving down to 1."""
+    stride = entries.shape[1] // 2
+    while stride:
+        entries[:, :stride] = t.add(entries[:, :stride], entries[:, stride : 2 * stride])
+        stride //= 2
+    return entries[:, 0]
+
+
+def _sum_tile(inputs: np.ndarray, t: Arithmetic, by_byte: bool) -> np.ndarray:
+    """The activations of each tile added up: in order, or the two of a byte first."""
+    total = np.zeros(len(inputs), inputs.dtype)
+    for k in range(0, inputs.shape[1], 2):
+        if by_byte:
+            total = t.add(total, t.add(inputs[:, k], inputs[:, k + 1]))
+        else:
+            total = t.add(t.add(total, inputs[:, k]), inputs[:, k + 1])
+    return total
+
+
+def dot_rows(
+    x: np.ndarray, weight: Weight, t: Arithmetic, group: int, contract: bool = True, by_byte: bool = False
+) -> np.ndarray:
+    """The rows of `weight` times x as a work-group of `group` work-items sums them: each takes every group-th tile,
+    adds up a tile's products in order, scales that sum into its accumulator; then the tree. `contract` rounds a
+    multiply and the add after it once."""
+    form = weight.format
+    if form.order is None:
+        return _dot_five_bit_rows(x, weight, t, group, contract)
+    tiles_per_block, tile = form.order.shape
+    rows, tiles = len(weight.values), weight.state // tile
+    columns = (np.arange(0, weight.state, 64)[:, None, None] + form.order).reshape(tiles, tile)
+    values = t.to(weight.decoded())[:, columns]  # [rows, tiles, tile]
+    block = np.arange(tiles) // tiles_per_block
+    inputs = t.to(x)[columns]
+    add_product = t.mad if contract else (lambda a, b, c: t.add(t.mul(a, b), c))
+
+    total = t.mul(inputs[:, 0], values[:, :, 0])
+    for k in range(1, tile):
+        total = add_product(inputs[:, k], values[:, :, k], total)
+    d = t.to(weight.scales[:, block, 0])
+    if form.scales == 2:
+        m = t.to(weight.scales[:, block, 1])
+        total = add_product(total, d, t.mul(_sum_tile(inputs, t, by_byte), m))
+    entries = np.zeros((rows, group), total.dtype)
+    for first in range(0, tiles, group):
+        part = slice(first, min(first + group, tiles))
+        n = part.stop - part.start
+        if form.reads_scale and form.scales == 1:
+            entries[:, :n] = add_product(total[:, part], d[:, part], entries[:, :n])
+        else:
+            entries[:, :n] = t.add(entries[:, :n], total[:, part])
+    return tree(entries, t)
+
+
+def _dot_five_bit_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int, contract: bool) -> np.ndarray:
+    """Work-item l keeps to byte l % 32 of blocks l // 32, l // 32 + group // 32, …: its two products are added first."""
+    rows, blocks = len(weight.values), weight.state // 64
+    code = weight.decoded().reshape(rows, blocks, 2, 32)
+    d = t.to(weight.scales[:, :, 0])[:, :, None, None]
+    add_product = t.mad if contract else (lambda a, b, c: t.add(t.mul(a, b), c))
+    if weight.format.qtype == 6:
+        elements = t.to(t.wide(code) * t.wide(d))
+    else:
+        elements = add_product(d, t.to(code), t.to(weight.scales[:, :, 1])[:, :, None, None])
+    inputs = t.to(x).reshape(blocks, 2, 32)
+    both = add_product(elements[:, :, 1], inputs[:, 1], t.mul(elements[:, :, 0], inputs[:, 0]))
+    entries = np.zeros((rows, group), both.dtype)
+    for first in range(0, blocks, group // 32):
+        part = both[:, first : first + group // 32].reshape(rows, -1)
+        entries[:, : part.shape[1]] = t.add(entries[:, : part.shape[1]], part)
+    return tree(entries, t)
+
+
+def dense(weight: Weight, t: Arithmetic) -> np.ndarray:
+    """The elements as a dense matrix holds them, [rows, state]."""
+    value, d, m = weight.decoded(), weight.per_element(0), weight.per_element(weight.format.scales - 1)
+    qtype = weight.format.qtype
+    if not weight.format.reads_scale:
+        return t.to(value)
+    if qtype == 3:
+        return t.add(t.mul(t.to(d), t.to(value)), t.to(m))
+    if qtype in (6, 7, 11):  # in float, then once to T
+        product = np.float32(value) * np.float32(d)
+        # Contracted: the float product is exact in double before the minimum is added.
+        return t.to(np.float32(value * d + m) if qtype == 7 else product)
+    return t.mul(t.to(value), t.to(d))
