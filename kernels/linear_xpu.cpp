@@ -6,10 +6,13 @@
 #include <stdexcept>
 #include <string>
 
+#include "bmm_xpu_kernel.h"
+#include "kv.h"
 #include "linear_xpu_kernel.h"
 #include "mlp_xpu_kernel.h"
 #include "profiler_scope.h"
 #include "python_gate.h"
+#include "rwkv.h"
 #include "sycl/cpu.hpp"
 
 namespace tolvane {
@@ -51,11 +54,27 @@ at::Tensor dequant(at::Tensor input, at::Tensor weight, int qtype) {
   return xpu_dequant(input, weight, qtype);
 }
 
+at::Tensor bmm(at::Tensor A, at::Tensor B, at::Tensor C) {
+  check_tensor(A, "A");
+  check_tensor(B, "B");
+  check_tensor(C, "C");
+  const profiler_scope scope("quarn_bmm", A);
+  return bmm_xpu(A, B, C);
+}
+
 /// The operators, in the order of their table.
 void register_operators(pybind11::module_& m) {
   m.def("forward_new", torch::wrap_pybind_function(linear_forward_new), "Linear forward (XPU) new format");
   m.def("dequant", torch::wrap_pybind_function(dequant), "Dequantize weight (XPU)");
+  m.def("bmm", torch::wrap_pybind_function(bmm), "SYCL-based batch matrix multiplication");
   m.def("mlp_forward_xpu", torch::wrap_pybind_function(mlp_forward_xpu), "fused mlp");
+  m.def("query_key_fp8_matmul", torch::wrap_pybind_function(query_key_fp8_matmul), "query key matmul");
+  m.def("attn_value_fp8_matmul", torch::wrap_pybind_function(attn_value_fp8_matmul), "attn value matmul");
+  m.def("rwkv_linear_attention_v4", torch::wrap_pybind_function(rwkv_linear_attention_v4),
+        "rwkv v4 attention");
+  m.def("rwkv_linear_attention_v5", torch::wrap_pybind_function(rwkv_linear_attention_v5),
+        "rwkv v5 attention");
+  m.def("rwkv_time_shift", torch::wrap_pybind_function(rwkv_time_shift), "rwkv time shift");
 }
 
 }  // namespace

@@ -24,6 +24,12 @@ def dequant(input: Tensor, weight: Tensor, qtype: int, /) -> Tensor:
     weight: flat packed bytes in the format qtype: 2, 8, 10, 15, 16 or 19.
     """
 
+def bmm(A: Tensor, B: Tensor, C: Tensor, /) -> Tensor:
+    """C[b] = A[b] @ B[b] for every b, into C, which is returned.
+
+    A: [batch, M, N], B: [batch, N, P], C: [batch, M, P], all contiguous and of torch.float.
+    """
+
 def mlp_forward_xpu(
     input: Tensor,
     weight_gate: Tensor,
@@ -40,4 +46,62 @@ def mlp_forward_xpu(
     weight_gate, weight_up: packed bytes of output_size rows of state_size elements in the format qtype,
         2 (q4_0) or 19 (fp8_e5m2). state_size is a multiple of 64, output_size even, their product below 2**31.
     Returns [1, output_size] in the element type of input, on the device of weight_gate. Sums are made in that type.
+    """
+
+def query_key_fp8_matmul(query: Tensor, key: Tensor, /) -> Tensor:
+    """Scores of one new token against an FP8 key cache: the dot products of each query head with all its keys.
+
+    query: [B, H, 1, 128]; torch.float, half or bfloat16. Another type ends the process.
+    key: [B, KVH, L, 128] of cache bytes (quarn.fp8_cache), each row 128 bytes after the one before; KVH divides H.
+    Returns [B, H, 1, L] in the element type of query. Neither scaled nor masked.
+    """
+
+def attn_value_fp8_matmul(attn: Tensor, value: Tensor, /) -> Tensor:
+    """The sums of an FP8 value cache's vectors, weighted by attn.
+
+    attn: [B, H, 1, L]; torch.float, half or bfloat16. Another type ends the process.
+    value: [B, KVH, D, L] of cache bytes (quarn.fp8_cache), positions next to each other; KVH divides H, 4 divides D.
+    Returns [B, H, 1, D] in the element type of attn.
+    """
+
+def rwkv_linear_attention_v4(
+    time_decay: Tensor,
+    time_first: Tensor,
+    key: Tensor,
+    value: Tensor,
+    num_state: Tensor,
+    den_state: Tensor,
+    max_state: Tensor,
+    /,
+) -> Tensor:
+    """The recurrent attention of RWKV version 4 over a sequence. Updates the three states in place.
+
+    time_decay, time_first: [C]; the decay is added to the running exponent, as it is.
+    key, value: [B, T, C]; the states: [B, C]. One element type, contiguous; C is a multiple of 32.
+    Types of time_decay and key: (bfloat16 or float, float), (bfloat16, bfloat16), (half, half).
+    Returns [B, T, C] in the element type of key.
+    """
+
+def rwkv_linear_attention_v5(
+    time_decay: Tensor,
+    time_first: Tensor,
+    receptance: Tensor,
+    key: Tensor,
+    value: Tensor,
+    state: Tensor,
+    /,
+) -> Tensor:
+    """The recurrent attention of RWKV version 5 over a sequence, in float. Updates state in place.
+
+    time_decay, time_first: [H, 64]; the decay is a factor, as it is.
+    receptance, key, value: [B, H, T, 64] with the same strides. state: [B, H, 64, 64].
+    Returns [B, T, H, 64].
+    """
+
+def rwkv_time_shift(hidden: Tensor, shifted: Tensor, mix: Tensor, /) -> Tensor:
+    """Mixes of hidden states with their shifted copy: hidden * mix[m] + shifted * (1 - mix[m]) for every m.
+
+    hidden, shifted: [B, T, C]; mix: [M, 1, C]; all contiguous, C is a multiple of 64.
+    Types of hidden and mix: (float, bfloat16 or float), (bfloat16, bfloat16), (half, half).
+    Returns [M, B, T, C] in the element type of hidden.
     """

@@ -15,7 +15,13 @@ tolvane = pytest.importorskip("tolvane")
 OPERATORS = {
     "forward_new": "Linear forward (XPU) new format",
     "dequant": "Dequantize weight (XPU)",
+    "bmm": "SYCL-based batch matrix multiplication",
     "mlp_forward_xpu": "fused mlp",
+    "query_key_fp8_matmul": "query key matmul",
+    "attn_value_fp8_matmul": "attn value matmul",
+    "rwkv_linear_attention_v4": "rwkv v4 attention",
+    "rwkv_linear_attention_v5": "rwkv v5 attention",
+    "rwkv_time_shift": "rwkv time shift",
 }
 
 
