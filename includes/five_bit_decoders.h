@@ -18,16 +18,6 @@ struct five_bit_records {
   static constexpr int flat_elements = 2;
   static constexpr std::int64_t flat_scale_offset(std::int64_t) { return 0; }
 
-  /// Codes of elements j + l and j + 32 + l of the record in lane l, as float.
-  template <int N>
-  static auto codes(const std::uint8_t* record, int j) {
-    const auto upper = spmd::load<1>(reinterpret_cast<const std::uint64_t*>(record + 4));
-    const auto byte = spmd::load_bytes<N>(record + 12 + j);
-    const auto with_upper = [&](const auto& nibble, std::uint64_t bits) {
-      return spmd::convert<float>(nibble | spmd::bits_from<N>(static_cast<std::uint32_t>(bits)) << 4);
-    };
-    return std::pair(with_upper(byte & 15u, upper >> j), with_upper(byte >> 4, upper >> (j + 32)));
-  }
   static sycl::half scale(const std::uint8_t* record) {
     return spmd::load<1>(reinterpret_cast<const sycl::half*>(record));
   }
@@ -35,12 +25,18 @@ struct five_bit_records {
     return spmd::load<1>(reinterpret_cast<const sycl::half*>(record + 2));
   }
 
-  /// The two elements of byte j + l, as the matrix-vector kernel multiplies them.
+  /// The elements of byte j + l, j + l and j + 32 + l of the record, as the matrix-vector kernel multiplies
+  /// them.
   template <class T, int N>
   static auto multiplied(const std::uint8_t* record, int j) {
-    const auto [first, second] = codes<N>(record, j);
-    return std::pair(Format::template element<T, N>(first, record),
-                     Format::template element<T, N>(second, record));
+    const auto upper = spmd::load<1>(reinterpret_cast<const std::uint64_t*>(record + 4));
+    const std::uint8_t* bytes = record + 12 + j;
+    const auto low =
+        spmd::five_bit_values<N, false, Format::offset>(bytes, static_cast<std::uint32_t>(upper >> j));
+    const auto high =
+        spmd::five_bit_values<N, true, Format::offset>(bytes, static_cast<std::uint32_t>(upper >> (j + 32)));
+    return std::pair(Format::template element<T, N>(low, record),
+                     Format::template element<T, N>(high, record));
   }
 
   /// The same computed in float and converted once, for work-items first, first + 1, …, `live` of them.
@@ -58,20 +54,22 @@ struct five_bit_records {
 
 /// (c - 16) * d, with d rounded to T first; the product is in float, but for double.
 struct q5_0 : five_bit_records<q5_0> {
+  static constexpr int offset = -16;
   template <class T, int N>
-  static spmd::varying_t<T, N> element(const spmd::varying_t<float, N>& code, const std::uint8_t* record) {
+  static spmd::varying_t<T, N> element(const spmd::varying_t<float, N>& value, const std::uint8_t* record) {
     using wide = spmd::wide<T>;
     const auto d = spmd::convert<wide>(spmd::convert<T>(scale(record)));
-    return spmd::convert<T>(spmd::convert<wide>(code - 16.0f) * d);
+    return spmd::convert<T>(spmd::convert<wide>(value) * d);
   }
 };
 
 /// c * d + m, each step in T.
 struct q5_1 : five_bit_records<q5_1> {
+  static constexpr int offset = 0;
   template <class T, int N>
-  static spmd::varying_t<T, N> element(const spmd::varying_t<float, N>& code, const std::uint8_t* record) {
+  static spmd::varying_t<T, N> element(const spmd::varying_t<float, N>& value, const std::uint8_t* record) {
     const spmd::varying_t<T, N> d = spmd::convert<T>(scale(record)), m = spmd::convert<T>(minimum(record));
-    return spmd::mad(d, spmd::convert_exact<T>(code), m);
+    return spmd::mad(d, spmd::convert_exact<T>(value), m);
   }
 };
 

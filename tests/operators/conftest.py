@@ -26,7 +26,7 @@ def in_process(tmp_path_factory):
         out = tmp_path_factory.mktemp("run") / "out.npz"
         path = [str(HERE), *sys.path]
         if one_lane:
-            path.insert(0, str(ROOT / "build" / "one_lane"))
+            path.insert(0, str(Path(os.environ.get("TOLVANE_BUILD", ROOT / "build")) / "one_lane"))
         env = {**os.environ, **environment, "PYTHONPATH": os.pathsep.join(path)}
         done = subprocess.run(
             [sys.executable, str(HERE / script), str(out), *args], env=env, capture_output=True, text=True

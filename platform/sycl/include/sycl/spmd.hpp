@@ -302,6 +302,38 @@ template <int N>
   }
 }
 
+/// The low or the high nibble of byte l of p, with bit l of `upper` as its bit 4, plus Offset, in lane l.
+/// Works on bytes until the end: 3 operations for 32 lanes, 4 for each register.
+template <int N, bool High, int Offset>
+[[gnu::always_inline]] inline varying_t<float, N> five_bit_values(const std::uint8_t* p,
+                                                                  std::uint32_t upper) {
+  checked(p, N);
+  if constexpr (N == 1) {
+    const int nibble = High ? *p >> 4 : *p & 15;
+    return static_cast<float>((nibble | static_cast<int>(upper & 1) << 4) + Offset);
+  } else {
+    static_assert(N == 32);
+    const __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+    const __m256i nibbles =
+        _mm256_and_si256(High ? _mm256_srli_epi16(bytes, 4) : bytes, _mm256_set1_epi8(15));
+    const __m256i spread = _mm256_shuffle_epi8(
+        _mm256_set1_epi32(static_cast<int>(upper)),
+        _mm256_setr_epi64x(0, 0x0101010101010101, 0x0202020202020202, 0x0303030303030303));
+    const __m256i bit = _mm256_set1_epi64x(static_cast<long long>(0x8040201008040201));
+    const __m256i set = _mm256_cmpeq_epi8(_mm256_and_si256(spread, bit), bit);
+    const __m256i codes = _mm256_or_si256(nibbles, _mm256_and_si256(set, _mm256_set1_epi8(16)));
+    const auto values = [](__m128i eight) [[gnu::always_inline]] {
+      const auto words = reinterpret_cast<native<std::uint32_t>>(_mm256_cvtepu8_epi32(eight));
+      constexpr float bias = 1 << 23;
+      const lanes<std::uint32_t, 8> biased(words | std::bit_cast<std::uint32_t>(bias));
+      return bit_cast<float>(biased) - (bias - Offset);
+    };
+    const __m128i low = _mm256_castsi256_si128(codes), high = _mm256_extracti128_si256(codes, 1);
+    return {{values(low), values(_mm_unpackhi_epi64(low, low))},
+            {values(high), values(_mm_unpackhi_epi64(high, high))}};
+  }
+}
+
 /// Eight bytes per lane, as two little-endian words: lane l's stand at p + 8 * l. 1 load and 1 or 2 shuffles
 /// per word.
 template <int N>
