@@ -97,6 +97,55 @@ def linear(quick: bool) -> Iterator[Case]:
             yield Case("linear", shape, kind, "dense", bytes_read, ours, peer)
 
 
+def packed_linear_call(x: Tensor, packed: Weights, qtype: int) -> Call:
+    """forward_new with the copy that the number of the call picks."""
+    return lambda number: tolvane.forward_new(x, packed[number % len(packed)][0], qtype, 0)
+
+
+def forward_cases(name: str, formats: list[str], rows: int) -> Iterator[Case]:
+    """A packed layer of 4096 x 4096 in every type, against the dense one on the CPU in float."""
+    size = 4096
+    x = torch.randn(rows, size)
+    peer = dense_linear_call(x, copies(torch.randn(size, size), 1, rotate=True))
+    for format in formats:
+        entry = quarn.FORMATS[format]
+        packed = on_xpu(copies(quarn.synthetic(format, size, size), 1, rotate=True))
+        for kind, dtype in TYPES.items():
+            ours = packed_linear_call(x.to(dtype).to("xpu"), packed, entry.qtype)
+            shape = f"{rows} x {size}^2"
+            yield Case(name, shape, kind, format, entry.packed_bytes(size, size), ours, peer)
+
+
+def forward(quick: bool) -> Iterator[Case]:
+    """The packed linear layer: one row of every format, a few rows where they stay packed, many by the dense route."""
+    yield from forward_cases("forward", list(quarn.FORMATS), 1)
+    for rows in (2, 8) if quick else (2, 4, 8, 14, 20):
+        formats = ["q4_0", "q4_1", "nf4"] if rows <= 14 else ["q4_0", "q4_1"]
+        yield from forward_cases("forward", formats, rows)
+    yield from forward_cases("forward", ["q4_0"] if quick else list(quarn.FORMATS), 64)
+
+
+def dequant(quick: bool) -> Iterator[Case]:
+    """The expansion of a 4096 x 4096 weight, against a copy of as many bytes on the CPU."""
+    size = 4096
+    for format in ("q4_0", "q8_0", "nf4", "fp8_e4m3", "fp4", "fp8_e5m2"):
+        entry = quarn.FORMATS[format]
+        packed = quarn.synthetic(format, size, size).to("xpu")
+        for kind, dtype in TYPES.items():
+            like = torch.empty(1, size, dtype=dtype, device="xpu")
+            source = torch.zeros(size, size, dtype=dtype)
+            target = torch.empty_like(source)
+            yield Case(
+                "dequant",
+                f"{size}^2",
+                kind,
+                format,
+                source.numel() * source.element_size(),
+                lambda number, like=like: tolvane.dequant(like, packed, entry.qtype),
+                lambda number, target=target, source=source: target.copy_(source),
+            )
+
+
 def overhead(quick: bool) -> Iterator[Case]:
     """The smallest operator of PyTorch's: 16 floats plus 1, 100 times per call."""
     x = torch.ones(16)
@@ -112,4 +161,4 @@ def overhead(quick: bool) -> Iterator[Case]:
     yield Case("overhead", "100 x 16", "float", "dense", 100 * 16 * 4, adds(x.to("xpu")), adds(x))
 
 
-ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, linear, overhead]
+ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, forward, dequant, linear, overhead]
