@@ -9,8 +9,10 @@ import argparse
 from pathlib import Path
 from typing import Sequence
 
-from all_formats import Row, device, measure
+import tolvane  # noqa: F401  registers the xpu device
+from all_formats import Row, measure
 from packed_models import DTYPES
+from train import load
 
 OUTPUT = Path(__file__).resolve().parents[1] / "docs" / "perplexity.png"
 # Where labels stand, in points from theirs, so that formats of the same size stay readable.
@@ -27,14 +29,14 @@ def plot(rows: Sequence[Row], path: Path) -> None:
 
     figure, axes = pyplot.subplots(figsize=(7, 4.2), dpi=120)
     for row in rows:
-        if row.name == "dense":
+        if row.format == "dense":
             axes.axhline(row.perplexity, color="grey", linestyle="--", linewidth=1)
             axes.text(6.2, row.perplexity, "dense, 32 bits", color="grey", va="bottom")
             continue
         bits = 8 * row.bytes_per_weight
         axes.plot(bits, row.perplexity, "o", color="tab:blue")
-        shift = SHIFTS.get(row.name, (6, 3))
-        axes.annotate(row.name, (bits, row.perplexity), shift, textcoords="offset points")
+        shift = SHIFTS.get(row.format, (6, 3))
+        axes.annotate(row.format, (bits, row.perplexity), shift, textcoords="offset points")
     axes.set_xlim(3, 9.6)
     axes.set_xlabel("bits per weight, scales included")
     axes.set_ylabel("perplexity per byte, held-out text")
@@ -55,11 +57,12 @@ def main() -> None:
     except ModuleNotFoundError:
         parser.exit(1, "the plot needs matplotlib: apt-get install python3-matplotlib\n")
     try:
-        rows = list(measure(DTYPES[arguments.dtype], device(), "Anna was", 8))
+        every = measure(load(), DTYPES[arguments.dtype], "Anna was", 8)
+        rows = [row for row in every if row.packed != "gate, up"]
     except FileNotFoundError as error:
         parser.exit(1, f"{error}\n")
     plot(rows, arguments.output)
-    print(f"{arguments.output}: measured on {device()}")
+    print(f"wrote {arguments.output}")
 
 
 if __name__ == "__main__":

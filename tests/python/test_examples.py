@@ -108,7 +108,7 @@ def test_packing_replaces_every_linear_layer() -> None:
 
 def test_plot_is_an_image(tmp_path) -> None:
     pytest.importorskip("matplotlib")
-    rows = [Row(name, 0.5, 1000, 1.2, 10.0) for name in (*FORMATS, "dense")]
+    rows = [Row("all", name, 0.5, 1000, 1.2, 10.0) for name in (*FORMATS, "dense")]
     plot(rows, tmp_path / "new" / "plot.png")
     assert (tmp_path / "new" / "plot.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
 
