@@ -33,7 +33,8 @@ def encode_fp8(x: Tensor) -> Tensor:
     sign and become the smallest magnitude, 2^-17.
     """
     wide = x.double() if x.dtype == torch.float64 else x.float()
-    code = torch.bucketize(wide.abs(), _boundaries(wide.dtype, wide.device))
+    magnitude = wide.abs().contiguous()
+    code = torch.bucketize(magnitude, _boundaries(wide.dtype, wide.device))
     code = torch.where(torch.isnan(wide), _NAN, code)
     return (code | torch.signbit(wide).int() << 7).to(torch.uint8)
 
