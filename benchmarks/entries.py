@@ -9,6 +9,7 @@ from torch import Tensor
 from torch.nn import functional as F
 
 import quarn
+import sequence_entries
 import tolvane
 from harness import Case, copies_needed
 
