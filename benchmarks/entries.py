@@ -163,3 +163,4 @@ def overhead(quick: bool) -> Iterator[Case]:
 
 
 ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, forward, dequant, linear, overhead]
+ENTRIES += sequence_entries.ENTRIES
