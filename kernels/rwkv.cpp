@@ -146,6 +146,25 @@ struct rwkv_time_shift_kernel {
   std::int64_t tokens;
   std::int64_t channels;
 
+  // In bfloat16, whose rounding is dear: a and 1 - a of all mixes, widened, made once for all rows.
+  const float* factors = nullptr;
+  const float* rests = nullptr;
+  void prepare(sycl::host::arena& memory) {
+    if constexpr (std::same_as<IT, bfloat16>) {
+      using eight = spmd::lanes<IT, 8>;
+      const auto count = static_cast<std::size_t>(mixes * channels);
+      auto* a = memory.allocate<float>(count);
+      auto* rest = memory.allocate<float>(count);
+      for (std::size_t i = 0; i < count; i += 8) {
+        const eight value = spmd::load<8>(mix + i);
+        spmd::store(a + i, spmd::convert<float>(value));
+        spmd::store(rest + i, spmd::convert<float>(eight(IT(1.0f)) - value));
+      }
+      factors = a;
+      rests = rest;
+    }
+  }
+
   template <class Item>
   void operator()(const Item& item) const {
     constexpr int n = Item::lanes;
@@ -159,12 +178,13 @@ struct rwkv_time_shift_kernel {
     // Walk, Write
     const vec difference = x - s;
     for (std::int64_t m = 0; m < mixes; ++m) {
-      const vec a = spmd::convert<IT>(spmd::load<n>(mix + m * channels + c));
+      const std::int64_t factor = m * channels + c;
       vec y;
       if constexpr (std::same_as<IT, bfloat16>) {
-        y = x * a + s * (vec(IT(1.0f)) - a);
+        y = x * spmd::convert_exact<IT>(spmd::load<n>(factors + factor)) +
+            s * spmd::convert_exact<IT>(spmd::load<n>(rests + factor));
       } else {
-        y = s + a * difference;
+        y = s + spmd::convert<IT>(spmd::load<n>(mix + factor)) * difference;
       }
       spmd::store(out + m * batch * tokens * channels + at, y);
     }
