@@ -6,12 +6,14 @@
 #include <stdexcept>
 #include <string>
 
+#include "add_norm_fusion.h"
 #include "bmm_xpu_kernel.h"
 #include "kv.h"
 #include "linear_xpu_kernel.h"
 #include "mlp_xpu_kernel.h"
 #include "profiler_scope.h"
 #include "python_gate.h"
+#include "rope_xpu.h"
 #include "rwkv.h"
 #include "sycl/cpu.hpp"
 
@@ -54,6 +56,26 @@ at::Tensor dequant(at::Tensor input, at::Tensor weight, int qtype) {
   return xpu_dequant(input, weight, qtype);
 }
 
+void apply_rotary_embedding_half_q_and_k(const at::Tensor& q, const at::Tensor& k,
+                                         const at::Tensor& position_ids, at::Tensor& q_out,
+                                         at::Tensor& k_out) {
+  const profiler_scope scope("quarn_rope_forward", q);
+  apply_rotary_embedding_q_and_k(q, k, position_ids, q_out, k_out);
+}
+
+void apply_rotary_embedding_half_q_or_k(const at::Tensor& x, const at::Tensor& position_ids,
+                                        at::Tensor& x_out, bool backward) {
+  const profiler_scope scope(backward ? "quarn_rope_backward" : "quarn_rope_forward", x);
+  apply_rotary_embedding_q_or_k(x, position_ids, x_out, backward);
+}
+
+void apply_rotary_embedding_half_q_and_k_cache_freq(const at::Tensor& q, const at::Tensor& k,
+                                                    const at::Tensor& sin, const at::Tensor& cos,
+                                                    at::Tensor& q_out, at::Tensor& k_out) {
+  const profiler_scope scope("quarn_rope_forward", q);
+  apply_rotary_embedding_q_and_k_cache_freq(q, k, sin, cos, q_out, k_out);
+}
+
 at::Tensor bmm(at::Tensor A, at::Tensor B, at::Tensor C) {
   check_tensor(A, "A");
   check_tensor(B, "B");
@@ -66,7 +88,17 @@ at::Tensor bmm(at::Tensor A, at::Tensor B, at::Tensor C) {
 void register_operators(pybind11::module_& m) {
   m.def("forward_new", torch::wrap_pybind_function(linear_forward_new), "Linear forward (XPU) new format");
   m.def("dequant", torch::wrap_pybind_function(dequant), "Dequantize weight (XPU)");
+  m.def("apply_rotary_embedding_half_q_and_k",
+        torch::wrap_pybind_function(apply_rotary_embedding_half_q_and_k),
+        "Apply rotary embedding to qk (XPU)");
+  m.def("apply_rotary_embedding_half_q_or_k", torch::wrap_pybind_function(apply_rotary_embedding_half_q_or_k),
+        "Apply rotary embedding to q/k (XPU)");
+  m.def("apply_rotary_embedding_half_q_and_k_cache_freq",
+        torch::wrap_pybind_function(apply_rotary_embedding_half_q_and_k_cache_freq),
+        "Apply rotary embedding to qk (XPU) using cached sin/cos");
   m.def("bmm", torch::wrap_pybind_function(bmm), "SYCL-based batch matrix multiplication");
+  m.def("fused_rms_norm", torch::wrap_pybind_function(fused_rms_norm), "fused rms norm");
+  m.def("fused_layer_norm", torch::wrap_pybind_function(fused_layer_norm), "fused layer norm");
   m.def("mlp_forward_xpu", torch::wrap_pybind_function(mlp_forward_xpu), "fused mlp");
   m.def("query_key_fp8_matmul", torch::wrap_pybind_function(query_key_fp8_matmul), "query key matmul");
   m.def("attn_value_fp8_matmul", torch::wrap_pybind_function(attn_value_fp8_matmul), "attn value matmul");

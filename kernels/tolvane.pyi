@@ -4,6 +4,8 @@ All arguments are positional. A tensor that an operator refuses raises RuntimeEr
 Packed weights are flat tensors of torch.uint8; quarn.pack makes them.
 """
 
+from typing import Optional, Tuple
+
 from torch import Tensor
 
 def forward_new(input: Tensor, weights: Tensor, qtype: int, size_hint: int, /) -> Tensor:
@@ -24,10 +26,61 @@ def dequant(input: Tensor, weight: Tensor, qtype: int, /) -> Tensor:
     weight: flat packed bytes in the format qtype: 2, 8, 10, 15, 16 or 19.
     """
 
+def apply_rotary_embedding_half_q_and_k(
+    q: Tensor, k: Tensor, position_ids: Tensor, q_out: Tensor, k_out: Tensor, /
+) -> None:
+    """Rotary position embedding of q and k: columns c and c + D / 2 turn by position * 10000**(-2 * c / D).
+
+    q, k: [B, H, S, D] of torch.half, float, double or bfloat16, any strides; D even, H may differ.
+    position_ids: [B, S] or [1, S] of torch.int64.
+    q_out, k_out: written; of the sizes of q and k, and possibly q and k themselves.
+    """
+
+def apply_rotary_embedding_half_q_or_k(x: Tensor, position_ids: Tensor, x_out: Tensor, backward: bool, /) -> None:
+    """The same for one tensor. With backward the angles are negative, which undoes it."""
+
+def apply_rotary_embedding_half_q_and_k_cache_freq(
+    q: Tensor, k: Tensor, sin: Tensor, cos: Tensor, q_out: Tensor, k_out: Tensor, /
+) -> None:
+    """Rotary position embedding of q and k by tables of sines and cosines.
+
+    sin, cos: of q's rank, type and last size; their other sizes are broadcast against q's and k's. The first half of
+        a row serves both columns of a pair, the second is not read.
+    """
+
 def bmm(A: Tensor, B: Tensor, C: Tensor, /) -> Tensor:
     """C[b] = A[b] @ B[b] for every b, into C, which is returned.
 
     A: [batch, M, N], B: [batch, N, P], C: [batch, M, P], all contiguous and of torch.float.
+    """
+
+def fused_rms_norm(
+    input: Tensor,
+    normalized_shape: Tuple[int, ...],
+    weight: Optional[Tensor],
+    bias: Optional[Tensor],
+    eps: float,
+    /,
+) -> Tensor:
+    """input / sqrt(mean(input**2) + eps) * weight + bias over the last len(normalized_shape) dimensions.
+
+    input: torch.half, float, double or bfloat16, any strides. The values of normalized_shape are not read.
+    weight, bias: None, or as many elements as a row, of input's type and on its device.
+    Returns a new contiguous tensor; an empty one on the CPU where a row is longer than 32 bytes for each work-item of
+    the device's largest work-group (16384 halves, 8192 floats, 4096 doubles where that is 1024).
+    """
+
+def fused_layer_norm(
+    input: Tensor,
+    normalized_shape: Tuple[int, ...],
+    weight: Optional[Tensor],
+    bias: Optional[Tensor],
+    eps: float,
+    /,
+) -> Tensor:
+    """(input - mean) / sqrt(variance + eps) * weight + bias, as fused_rms_norm otherwise.
+
+    The variance is mean(input**2) - mean**2; a negative one, which rounding can make, counts as 0 together with eps.
     """
 
 def mlp_forward_xpu(

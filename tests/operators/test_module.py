@@ -15,7 +15,12 @@ tolvane = pytest.importorskip("tolvane")
 OPERATORS = {
     "forward_new": "Linear forward (XPU) new format",
     "dequant": "Dequantize weight (XPU)",
+    "apply_rotary_embedding_half_q_and_k": "Apply rotary embedding to qk (XPU)",
+    "apply_rotary_embedding_half_q_or_k": "Apply rotary embedding to q/k (XPU)",
+    "apply_rotary_embedding_half_q_and_k_cache_freq": "Apply rotary embedding to qk (XPU) using cached sin/cos",
     "bmm": "SYCL-based batch matrix multiplication",
+    "fused_rms_norm": "fused rms norm",
+    "fused_layer_norm": "fused layer norm",
     "mlp_forward_xpu": "fused mlp",
     "query_key_fp8_matmul": "query key matmul",
     "attn_value_fp8_matmul": "attn value matmul",
