@@ -4,13 +4,16 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstring>
 #include <numeric>
 #include <random>
 #include <vector>
 
 #include "reference.hpp"
+#include "sycl/row_sums.hpp"
 #include "sycl/sycl.hpp"
+#include "sycl/upper_bytes.hpp"
 
 namespace {
 
@@ -176,6 +179,52 @@ TEST(Lanes, TreeSumKeepsTheStatedPairs) {
   check(bfloat16(0.0f));
   check(float{});
   check(double{});
+}
+
+/// Up to the last byte before an unmapped page.
+TEST(Lanes, BytesAreUpperHalvesOfHalves) {
+  for (int first = 0; first < 256; first += 32) {
+    const guarded memory(32);
+    std::vector<float> expected(32);
+    for (int l = 0; l < 32; ++l) {
+      memory.data()[l] = static_cast<std::uint8_t>(first + l);
+      expected[l] = half::from_bits(static_cast<std::uint16_t>((first + l) << 8 | 0x80));
+    }
+    const auto same = [&](const std::vector<float>& actual, int live) {
+      for (int l = 0; l < live; ++l) {
+        if (!(actual[l] == expected[l] || (std::isnan(actual[l]) && std::isnan(expected[l])))) return false;
+      }
+      return true;
+    };
+    EXPECT_TRUE(same(list(spmd::load_upper_bytes<32, 0x80>(memory.data(), spmd::all_lanes<32>())), 32));
+    for (const int live : {1, 7, 8, 31}) {
+      const std::uint8_t* p = memory.data() + 32 - live;
+      std::vector<float> tail(expected.end() - live, expected.end());
+      expected.swap(tail);
+      EXPECT_TRUE(same(list(spmd::load_upper_bytes<32, 0x80>(p, spmd::first_lanes{live})), live)) << live;
+      expected.swap(tail);
+    }
+  }
+}
+
+template <class T>
+void sum_rows() {
+  std::mt19937 random(9);
+  std::vector<T> table(32 * 16);
+  for (T& x : table) x = T(std::uniform_real_distribution<float>(-2, 2)(random));
+  const auto sums = list(spmd::sums_of_rows<32, 16>(table.data()));
+  for (int row = 0; row < 32; ++row) {
+    T expected(0.0f);
+    for (int c = 0; c < 16; ++c) expected = expected + table[row * 16 + c];
+    EXPECT_EQ(float(sums[row]), float(expected)) << row;
+    EXPECT_EQ(float(T(spmd::sums_of_rows<1, 16>(table.data() + row * 16))), float(expected)) << row;
+  }
+}
+
+TEST(Lanes, SumsOfRowsKeepTheOrder) {
+  sum_rows<float>();
+  sum_rows<half>();
+  sum_rows<bfloat16>();
 }
 
 }  // namespace
