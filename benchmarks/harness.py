@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import itertools
 import math
 import time
 from concurrent.futures import ThreadPoolExecutor
@@ -69,19 +70,32 @@ def read_bandwidth(threads: int = 2, rounds: int = 7) -> float:
     return size / min(times) / 1e9
 
 
+PAUSE_SECONDS = 0.1
+TURN_SECONDS = 0.02
+
+
 def measure(case: Case, seconds: float, bandwidth: float) -> Result:
-    """Calls ours and the peer in turns for about `seconds`, at least 5 times each."""
+    """Calls ours and the peer in turns for about `seconds`, at least 3 turns of 3 calls each.
+
+    Before each turn there is a pause: after a call, the BLAS's threads keep a core busy for a while in case there is
+    another one, which would be charged to whoever comes next.
+    """
     ours: list[float] = []
     peer: list[float] = []
     case.ours(0), case.peer(0)
     end = time.perf_counter() + seconds
-    call = 0
-    while call < 5 or time.perf_counter() < end:
-        call += 1
+    turns = 0
+    while turns < 3 or time.perf_counter() < end:
+        turns += 1
         for run, times in ((case.ours, ours), (case.peer, peer)):
-            start = time.perf_counter()
-            run(call)
-            times.append(1e6 * (time.perf_counter() - start))
+            time.sleep(PAUSE_SECONDS)
+            turn_end = time.perf_counter() + TURN_SECONDS
+            for calls in itertools.count():
+                start = time.perf_counter()
+                if calls >= 3 and start >= turn_end:
+                    break
+                run(len(times) + 1)
+                times.append(1e6 * (time.perf_counter() - start))
     rate = case.packed_bytes / median(ours) / 1e3
     return Result(
         case.operator,
