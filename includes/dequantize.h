@@ -31,7 +31,13 @@ struct row_dequantize_kernel {
     constexpr int bytes_per_item = PerItem / elements_per_byte;
     const std::int64_t blocks = state_size / Format::block;
     const auto row = static_cast<std::int64_t>(item.get_group(0));
-    const int begin = item.first() * bytes_per_item, end = (item.first() + item.live()) * bytes_per_item;
+    const int begin = item.first() * bytes_per_item;
+    int end = begin + item.live() * bytes_per_item;
+    if constexpr (n > 1) {
+      // The first gang goes through the runs of all of them, so that a row is read and written in one go.
+      if (item.first() > 0) return;
+      end = item.group_size() * bytes_per_item;
+    }
     for (int step = 0; step < steps; ++step) {
       for (int at = begin; at < end; at += n) {
         const std::int64_t block = row * blocks + std::int64_t{step} * block_step + at / Format::value_bytes;
