@@ -9,6 +9,7 @@ from torch import Tensor
 from torch.nn import functional as F
 
 import quarn
+import row_entries
 import sequence_entries
 import tolvane
 from harness import Case, copies_needed
@@ -163,4 +164,4 @@ def overhead(quick: bool) -> Iterator[Case]:
 
 
 ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, forward, dequant, linear, overhead]
-ENTRIES += sequence_entries.ENTRIES
+ENTRIES += row_entries.ENTRIES + sequence_entries.ENTRIES

@@ -27,6 +27,11 @@ class Config:
         return self.width // self.heads
 
 
+def by_operators(x: Tensor) -> bool:
+    """Whether tolvane's operators take the place of PyTorch's: on `xpu`, where no gradient is asked for."""
+    return x.device.type == "xpu" and not torch.is_grad_enabled()
+
+
 class RMSNorm(nn.Module):
     """x / sqrt(mean(x^2) + epsilon) * weight, over the last dimension."""
 
@@ -36,6 +41,10 @@ class RMSNorm(nn.Module):
         self.epsilon = epsilon
 
     def forward(self, x: Tensor) -> Tensor:
+        if by_operators(x):
+            import tolvane
+
+            return tolvane.fused_rms_norm(x, self.weight.shape, self.weight, None, self.epsilon)
         scale = torch.rsqrt(x.float().square().mean(-1, keepdim=True) + self.epsilon)
         return x * scale.to(x.dtype) * self.weight
 
@@ -89,6 +98,20 @@ def rotate(x: Tensor, cosines: Tensor, sines: Tensor) -> Tensor:
     return x * cosines + torch.cat([-high, low], dim=-1) * sines
 
 
+def rotate_both(
+    queries: Tensor, keys: Tensor, cosines: Tensor, sines: Tensor
+) -> tuple[Tensor, Tensor]:
+    """`rotate` of both, [batch, heads, positions, head_dim]; in one call of an operator on `xpu`."""
+    if not by_operators(queries):
+        return rotate(queries, cosines, sines), rotate(keys, cosines, sines)
+    import tolvane
+
+    turned = torch.empty_like(queries), torch.empty_like(keys)
+    tables = sines[None, None], cosines[None, None]
+    tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(queries, keys, *tables, *turned)
+    return turned
+
+
 class Attention(nn.Module):
     """Causal self-attention with rotary positions."""
 
@@ -101,8 +124,8 @@ class Attention(nn.Module):
     def forward(self, x: Tensor, cosines: Tensor, sines: Tensor, cache: Cache | None) -> Tensor:
         batch, positions, width = x.shape
         heads = self.qkv(x).view(batch, positions, 3, self.heads, -1).permute(2, 0, 3, 1, 4)
-        queries = rotate(heads[0], cosines, sines)
-        keys, values = rotate(heads[1], cosines, sines), heads[2]
+        queries, keys = rotate_both(heads[0], heads[1], cosines, sines)
+        values = heads[2]
         if cache is not None:
             keys, values = cache.append(keys, values)
         scores = queries @ keys.transpose(-1, -2) * queries.shape[-1] ** -0.5

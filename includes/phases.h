@@ -4,7 +4,7 @@ namespace tolvane {
 
 /// Runs body(item) for all work-items of the group, and then a barrier. What lives from one phase to the next
 /// stands in memory. Where gangs have many lanes, the first one goes through the body for all gangs in turn:
-/// such a loop costs a fraction of switching between gangs at barriers, and the row stays in the cache.
+/// such a loop costs less than switching between gangs at barriers.
 template <class Item, class Body>
 [[gnu::always_inline]] inline void phase(const Item& item, const Body& body) {
   if constexpr (Item::lanes == 1) {

@@ -53,13 +53,13 @@ struct rotated {
     return start;
   }
 
-  /// Turns `width` pairs, from `column` on, of the row at `start`.
+  /// Turns `width` pairs, from `column` on, of the row at `start`; several stand side by side.
   template <int width, class Angle>
   [[gnu::always_inline]] void turn_pairs(const std::array<T*, NARGS>& start, int column,
                                          const Angle& angle) const {
     const int half_dim = static_cast<int>(head_size >> 1);
     const auto place = [&](int a, int c) [[gnu::always_inline]] {
-      return start[a] + static_cast<std::int64_t>(c) * offsets.strides_[0][a];
+      return start[a] + (width > 1 ? c : static_cast<std::int64_t>(c) * offsets.strides_[0][a]);
     };
     const auto read = [&](int a, int c) [[gnu::always_inline]] {
       return spmd::convert<float>(spmd::load<width>(place(a, c)));

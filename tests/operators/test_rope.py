@@ -129,7 +129,7 @@ def test_more_rows_than_groups_and_more_positions_than_a_table_holds(tokens):
     both(x.to("xpu"), x.to("xpu"), positions.to("xpu"), out, k_out)
     (record,) = kelvor_xpu.submissions()
     groups = min(2 * tokens, 32768)
-    assert record.global_size[:2] == [1, groups * 16] or record.global_size[:2] == (1, groups * 16)
+    assert list(record.global_size)[:2] == [1, groups * 16]
     assert record.local_size[1] == 16 and not record.waited and record.label == "devq_kernel"
     assert "apply_rotary_embedding_half_kernel_q_and_k" in record.kernel
     expected = reference.by_position(numbers(x), positions.numpy(), arithmetic.FLOAT)
@@ -197,7 +197,7 @@ def test_refuses_shapes(name):
     refused(both, arguments, message)
     if set(changed) <= {0, 2, 3} and name != "head sizes":
         x, _, positions, x_out, _ = arguments
-        refused(one, [x, positions, x_out, False], message.replace("q", "x") if message not in (RANK, POSITIONS, ODD) else message)
+        refused(one, [x, positions, x_out, False], message.replace("q_out", "x_out").replace(" q", " x"))
     both(*pair_arguments())
 
 

@@ -47,6 +47,23 @@ def test_cached_steps_equal_full_forward() -> None:
 
 
 @torch.no_grad()
+def test_operators_on_xpu_give_the_logits_of_the_cpu() -> None:
+    """Norms and rotary positions go through the module there: one launch each, with and without a past."""
+    kelvor_xpu = pytest.importorskip("kelvor_xpu")
+    model = small_decoder()
+    tokens = torch.randint(256, (2, SMALL.context))
+    expected = model(tokens)
+    model = model.to("xpu")
+    caches = model.new_cache(batch=2)
+    kelvor_xpu.clear_submissions()
+    parts = [model(chunk.to("xpu"), caches).cpu() for chunk in tokens.split([9, 1, 14], dim=1)]
+    torch.testing.assert_close(torch.cat(parts, dim=1), expected, atol=2e-5, rtol=1e-5)
+    kernels = [record.kernel for record in kelvor_xpu.submissions()]
+    assert sum("fused_norm_kernel1" in kernel for kernel in kernels) == 3 * (2 * SMALL.layers + 1)
+    assert sum("rotary" in kernel for kernel in kernels) == 3 * SMALL.layers
+
+
+@torch.no_grad()
 def test_rotary_scores_depend_on_distance_only() -> None:
     """Turned queries and keys score alike wherever they stand at the same distance."""
     model = small_decoder()
