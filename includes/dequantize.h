@@ -23,6 +23,7 @@ struct row_dequantize_kernel {
   T* output;
   int block_step;
 
+  static constexpr bool waits = false;
   static constexpr int elements_per_byte = Format::block / Format::value_bytes;
 
   template <class Item>

@@ -136,6 +136,7 @@ struct rwkv_linear_attention_kernel_v5 {
 template <class IT, class MT>
 struct rwkv_time_shift_kernel {
   static constexpr int sub_group_size = 32;
+  static constexpr bool waits = false;
 
   const IT* hidden;
   const IT* shifted;

@@ -8,6 +8,8 @@
 //   sub-group;
 //                                          otherwise it is as wide as pays, whatever sub-group size is
 //                                          required
+//   static constexpr bool waits            false if it has neither barriers nor sub-group operations: the gangs of a
+//                                          group then follow each other without the means to take turns
 //   void prepare(host::arena&)             called once per submission, before the work-groups, on the
 //   launch's own
 //                                          copy of the functor: lays out what all groups read in the order of
@@ -88,6 +90,13 @@ constexpr int gang_lanes() {
   return HOST_SYCL_LANES;
 }
 
+/// Whether a gang of the kernel may have to wait for others.
+template <class Kernel>
+constexpr bool may_wait() {
+  if constexpr (requires { Kernel::waits; }) return Kernel::waits;
+  return true;
+}
+
 /// One gang of one work-group: the kernel's whole body is inlined here.
 template <int D, class Kernel>
 [[gnu::flatten, gnu::noinline]] void run_gang(const Kernel& kernel, const group_state<D>& group, int gang) {
@@ -122,9 +131,9 @@ void launch(const nd_range<D>& range, const Kernel& original, std::size_t local_
     } argument{kernel, group};
     for (std::size_t g = begin; g < end; ++g) {
       group.move_to(g);
-      if (gangs == 1) {
+      if (gangs == 1 || !may_wait<Kernel>()) {
         ring.run_alone();
-        run_gang(kernel, group, 0);
+        for (int gang = 0; gang < gangs; ++gang) run_gang(kernel, group, gang);
       } else {
         ring.run(
             gangs,
