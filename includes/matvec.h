@@ -37,7 +37,8 @@ class activation_tiles {
       auto* total = memory.template allocate<spmd::wide<T>>(static_cast<std::size_t>(padded) * rows);
       for (int row = 0; row < rows; ++row) {
         const T* from = input + std::int64_t{row} * state_size;
-        for (int t = 0; t < padded; ++t) total[row * padded + t] = t < tiles ? static_cast<spmd::wide<T>>(sum_tile(from, t, sums)) : 0;
+        for (int t = 0; t < padded; ++t)
+          total[row * padded + t] = t < tiles ? static_cast<spmd::wide<T>>(sum_tile(from, t, sums)) : 0;
       }
       sums_ = total;
     }

@@ -1,5 +1,6 @@
 #pragma once
-// The two forms of submission. Both report the event to the profiler under the one label.
+// Submission of a kernel, reported to the profiler under the one label. Expansions choose their form in
+// dequantize.h.
 
 #include <c10/core/Device.h>
 #include <kelvor_xpu/xpu.h>
@@ -15,14 +16,6 @@ namespace tolvane {
 template <class CommandGroup>
 void submit(c10::Device device, CommandGroup&& group) {
   sycl::event event = current_queue(device).submit(std::forward<CommandGroup>(group));
-  xpu::profiler_record("devq_kernel", event);
-}
-
-/// Waiting form: returns when the kernel has finished.
-template <class CommandGroup>
-void submit_and_wait(c10::Device device, CommandGroup&& group) {
-  sycl::event event = current_queue(device).submit(std::forward<CommandGroup>(group));
-  event.wait();
   xpu::profiler_record("devq_kernel", event);
 }
 

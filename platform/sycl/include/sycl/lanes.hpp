@@ -540,21 +540,10 @@ template <class T, int Bit>
   return convert<T>(word >> Bit & 8 ? -magnitude : magnitude);
 }
 
-/// The unsigned field of Width bits from bit Bit of each word. 2 operations.
-template <int Width, int Bit, int N>
-[[gnu::always_inline]] inline lanes<std::uint32_t, N> field(const lanes<std::uint32_t, N>& word) {
-  if constexpr (Bit + Width == 32) return word >> Bit;
-  return (word >> Bit) & ((1u << Width) - 1);
-}
-template <int Width, int Bit>
-[[gnu::always_inline]] inline std::uint32_t field(std::uint32_t word) {
-  return word >> Bit & ((1u << Width) - 1);
-}
-
-/// That field plus Offset, as float: the field is put into the mantissa of a float whose unit is its lowest
-/// bit, and the rest of that float is taken away again. 3 operations, which use no shift or conversion port;
-/// where the field reaches into the exponent, the words are shifted down by 12 bits first, once for all such
-/// fields.
+/// The unsigned field of Width bits from bit Bit of each word, plus Offset, as float: the field is put into
+/// the mantissa of a float whose unit is its lowest bit, and the rest of that float is taken away again. 3
+/// operations, which use no shift or conversion port; where the field reaches into the exponent, the words
+/// are shifted down by 12 bits first, once for all such fields.
 template <int Width, int Bit, int Offset, int N>
 [[gnu::always_inline]] inline lanes<float, N> field_value(const lanes<std::uint32_t, N>& word) {
   if constexpr (Bit + Width > 23) {

@@ -78,11 +78,6 @@ template <int Together, class Item, class Body>
 
 // Memory
 
-/// Asks for the cache line at `address`, which need not exist.
-[[gnu::always_inline]] inline void prefetch(const void* address) {
-  _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
-}
-
 using sycl::host::checked;
 
 template <int N, class T>
