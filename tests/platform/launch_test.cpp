@@ -1,10 +1,13 @@
 // Submissions: index spaces, gangs and barriers, local memory, faults inside kernels, the pool, fork.
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <numeric>
 #include <stdexcept>
 #include <thread>
@@ -235,6 +238,29 @@ TEST(Pool, DealsEveryPieceOnceAndPassesOnTheFirstError) {
     sycl::host::parallel_for_pieces(5, 1, [&](std::size_t, std::size_t) { ++inner; });
   });
   EXPECT_EQ(inner.load(), 20);
+}
+
+/// Where a worker shared the launching thread's CPU, it would begin when the launching thread waits.
+TEST(Pool, WorkersRunBesideTheLaunchingThread) {
+  cpu_set_t usable;
+  ASSERT_EQ(sched_getaffinity(0, sizeof usable, &usable), 0);
+  if (CPU_COUNT(&usable) < 2) GTEST_SKIP() << "one CPU";
+  sycl::host::parallel_for_pieces(2, 1, [](std::size_t, std::size_t) {});  // the pool has its workers
+  for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu) {
+    if (!CPU_ISSET(cpu, &usable)) continue;
+    cpu_set_t own;
+    CPU_ZERO(&own);
+    CPU_SET(cpu, &own);
+    ASSERT_EQ(sched_setaffinity(0, sizeof own, &own), 0);
+    std::array<std::atomic<int>, 2> at{-1, -1};
+    sycl::host::parallel_for_pieces(2, 1, [&](std::size_t piece, std::size_t) {
+      at[piece] = sched_getcpu();
+      const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (at[1 - piece] < 0 && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+    });
+    EXPECT_NE(at[0].load(), at[1].load()) << "launched on CPU " << cpu;
+  }
+  sched_setaffinity(0, sizeof usable, &usable);
 }
 
 }  // namespace

@@ -9,14 +9,17 @@
 #include <exception>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace sycl::host {
 namespace {
 
-int usable_cpus() {
+/// The CPUs that the calling thread may use.
+cpu_set_t usable_cpus() {
   cpu_set_t set;
-  if (sched_getaffinity(0, sizeof set, &set) != 0) return 1;
-  return std::max(1, CPU_COUNT(&set));
+  CPU_ZERO(&set);
+  sched_getaffinity(0, sizeof set, &set);
+  return set;
 }
 
 /// One call of parallel_for_pieces; lives on the caller's stack.
@@ -46,6 +49,11 @@ struct job {
 
 thread_local bool inside_job = false;
 
+/// Turns of a waiting loop in which the launching thread looks whether the others have finished, before it
+/// sleeps: some tens of microseconds. They began together and share evenly, so they end nearly together, and
+/// a thread that sleeps is woken on the CPU of the one that wakes it.
+constexpr int finish_turns = 2000;
+
 class pool {
  public:
   void run(job& work, int helpers) {
@@ -53,19 +61,28 @@ class pool {
     const std::lock_guard own(owner_, std::adopt_lock);
     {
       const std::lock_guard hold(lock_);
-      for (; workers_ < helpers; ++workers_) std::thread([this] { serve(); }).detach();
+      while (static_cast<int>(workers_.size()) < helpers) {
+        workers_.emplace_back([this] { serve(); });
+        launcher_cpu_ = -1;
+      }
       job_ = &work;
       places_ = helpers;
     }
+    keep_workers_off(sched_getcpu());
     if (helpers == 1) {
       wake_.notify_one();
     } else {
       wake_.notify_all();
     }
     work.work();
+    {
+      const std::lock_guard hold(lock_);
+      job_ = nullptr;  // a worker that wakes from now on finds nothing; wait for those that took part
+    }
+    for (int turn = 0; turn < finish_turns && active_.load(std::memory_order_acquire) > 0; ++turn)
+      __builtin_ia32_pause();
     std::unique_lock hold(lock_);
-    job_ = nullptr;  // a worker that wakes from now on finds nothing; wait for those that took part
-    done_.wait(hold, [this] { return active_ == 0; });
+    done_.wait(hold, [this] { return active_.load(std::memory_order_relaxed) == 0; });
   }
 
  private:
@@ -76,12 +93,25 @@ class pool {
       wake_.wait(hold, [this] { return job_ != nullptr && places_ > 0; });
       job& work = *job_;
       --places_;
-      ++active_;
+      active_.fetch_add(1, std::memory_order_relaxed);
       hold.unlock();
       work.work();
       hold.lock();
-      if (--active_ == 0) done_.notify_one();
+      if (active_.fetch_sub(1, std::memory_order_release) == 1) done_.notify_one();
     }
+  }
+
+  /// Workers may run on any CPU but the launching thread's. A kernel tends to wake a thread on the CPU of the
+  /// one that wakes it, where it would begin when the job is over.
+  void keep_workers_off(int cpu) {
+    if (cpu == launcher_cpu_) return;
+    launcher_cpu_ = cpu;
+    if (cpu < 0) return;
+    cpu_set_t others = usable_;
+    CPU_CLR(cpu, &others);
+    if (CPU_COUNT(&others) == 0) return;
+    for (std::thread& worker : workers_)
+      pthread_setaffinity_np(worker.native_handle(), sizeof others, &others);
   }
 
   std::mutex owner_;
@@ -90,8 +120,10 @@ class pool {
   std::condition_variable done_;
   job* job_ = nullptr;
   int places_ = 0;
-  int active_ = 0;
-  int workers_ = 0;
+  std::atomic<int> active_{0};
+  std::vector<std::thread> workers_;
+  const cpu_set_t usable_ = usable_cpus();
+  int launcher_cpu_ = -1;  // where the last job was launched
 };
 
 std::atomic<pool*> the_pool{nullptr};
@@ -117,7 +149,8 @@ pool& current_pool() {
 int pool_threads() {
   int threads = thread_count.load(std::memory_order_relaxed);
   if (threads == 0) {
-    threads = usable_cpus();
+    const cpu_set_t usable = usable_cpus();
+    threads = std::max(1, CPU_COUNT(&usable));
     thread_count.store(threads, std::memory_order_relaxed);
   }
   return threads;

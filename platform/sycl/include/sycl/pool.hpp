@@ -1,6 +1,7 @@
 #pragma once
 // A thread pool of our own. Its workers sleep between jobs, so that they never take a core from PyTorch or
-// from the BLAS, whose thread settings stay untouched; and it survives fork(), where OpenMP's does not.
+// from the BLAS, whose thread settings stay untouched; they run on other CPUs than the thread that launches;
+// and it survives fork(), where OpenMP's does not.
 
 #include <cstddef>
 #include <type_traits>
