@@ -92,6 +92,7 @@ struct rotated {
 /// cache.
 struct position_angles {
   static constexpr std::int64_t largest_table = 1 << 18;
+  static constexpr std::size_t tokens_per_piece = 32;
 
   const std::int64_t* position_ids;
   std::int64_t batch;
@@ -105,7 +106,7 @@ struct position_angles {
   /// Columns of a row of the tables: whole registers.
   std::uint32_t row_floats() const { return ((head_size >> 1) + run - 1) / run * run; }
 
-  float position(std::uint32_t b, std::uint32_t s) const {
+  float position(std::int64_t b, std::int64_t s) const {
     return static_cast<float>(position_ids[b * batch_stride + s * stride]);
   }
 
@@ -129,16 +130,19 @@ struct position_angles {
 
     const auto tokens = static_cast<std::uint32_t>(batch * seq);
     if (batch * seq * row_floats() > largest_table) return;
-    auto* values = memory.allocate<float>(std::size_t{tokens} * 2 * row_floats());
+    auto* const values = memory.allocate<float>(std::size_t{tokens} * 2 * row_floats());
     table = values;
-    for (std::uint32_t token = 0; token < tokens; ++token, values += 2 * row_floats()) {
-      const float at = position(token / seq, token % seq);
-      for (std::uint32_t column = 0; column < row_floats(); column += run) {
-        const auto turn = angle<run>(at, static_cast<int>(column));
-        spmd::store(values + column, turn.sine);
-        spmd::store(values + row_floats() + column, turn.cosine);
+    sycl::host::parallel_for_pieces(tokens, tokens_per_piece, [&](std::size_t begin, std::size_t end) {
+      for (std::size_t token = begin; token < end; ++token) {
+        float* const row = values + token * 2 * row_floats();
+        const float at = position(token / seq, token % seq);
+        for (std::uint32_t column = 0; column < row_floats(); column += run) {
+          const auto turn = angle<run>(at, static_cast<int>(column));
+          spmd::store(row + column, turn.sine);
+          spmd::store(row + row_floats() + column, turn.cosine);
+        }
       }
-    }
+    });
   }
 
   /// Angles of a row of a tensor in which `rows_per_batch` rows, H * S, belong to one batch.
@@ -165,6 +169,7 @@ template <class Item, class Body>
 
 template <class T>
 struct apply_rotary_embedding_half_kernel_q_and_k {
+  static constexpr bool waits = false;
   std::int64_t q_rows, rows;
   rotated<T, 2> q, k;
   std::uint32_t q_seq, k_seq;
@@ -184,6 +189,7 @@ struct apply_rotary_embedding_half_kernel_q_and_k {
 
 template <class T>
 struct apply_rotary_embedding_half_kernel_q_or_k {
+  static constexpr bool waits = false;
   std::int64_t rows;
   rotated<T, 2> x;
   std::uint32_t x_seq;
@@ -209,6 +215,7 @@ struct apply_rotary_embedding_half_kernel_q_or_k {
 /// Tensors 2 and 3 are the tables of sines and cosines.
 template <class T>
 struct apply_rotary_embedding_half_kernel_cache_freq {
+  static constexpr bool waits = false;
   std::int64_t q_rows, rows;
   rotated<T, 4> q, k;
 

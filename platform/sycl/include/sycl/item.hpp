@@ -42,6 +42,16 @@ class group_state {
     id_[0] = linear;
   }
 
+  /// Goes on to the next work-group.
+  void advance() {
+    ++linear_;
+    for (int d = D - 1; d > 0; --d) {
+      if (++id_[d] < groups_[d]) return;
+      id_[d] = 0;
+    }
+    ++id_[0];
+  }
+
   const range<D>& groups() const { return groups_; }
   const range<D>& local() const { return local_; }
   const range<D>& id() const { return id_; }

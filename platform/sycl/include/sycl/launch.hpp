@@ -130,8 +130,8 @@ void launch(const nd_range<D>& range, const Kernel& original, std::size_t local_
       const Kernel& kernel;
       const group_state<D>& group;
     } argument{kernel, group};
-    for (std::size_t g = begin; g < end; ++g) {
-      group.move_to(g);
+    group.move_to(begin);
+    for (std::size_t g = begin; g < end; ++g, group.advance()) {
       if (gangs == 1 || !may_wait<Kernel>()) {
         ring.run_alone();
         for (int gang = 0; gang < gangs; ++gang) run_gang(kernel, group, gang);
