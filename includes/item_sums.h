@@ -78,11 +78,6 @@ template <int Vec>
     return x;
   }
 }
-template <int Vec, class A>
-requires(!spmd::is_lanes<A>) A in_item_order(A x) {
-  return x;
-}
-
 /// Lanes 2l and 2l + 1 added into lane l.
 template <class T, int N>
 [[gnu::always_inline]] inline spmd::lanes<T, N / 2> added_neighbours(const spmd::lanes<T, N>& x) {
@@ -124,6 +119,56 @@ requires(!spmd::is_lanes<T>) T sum_from_neighbours(const sycl::sub_group<Item>& 
     if (own + d < group.get_local_linear_range()) x += neighbour;
   }
   return x;
+}
+
+/// Two values per work-item, such as a sum and a sum of squares, each summed over a sub-group as
+/// sum_from_neighbours does, for work-item 0. A gang's values come in registers of eight work-items, in the
+/// order that by_element<Vec> left.
+template <int Vec, class Item>
+[[gnu::always_inline]] inline std::array<float, 2> two_sums_from_neighbours(const sycl::sub_group<Item>&,
+                                                                            std::array<eight_floats, 4> x,
+                                                                            std::array<eight_floats, 4> y) {
+  __m128 sums;  // x, y
+  if constexpr (Vec == 4) {
+    // Neighbours stand in a register's two halves.
+    const auto by_pair = [](const std::array<eight_floats, 4>& z) [[gnu::always_inline]] {
+      const auto halves_added = [](__m256 a, __m256 b) [[gnu::always_inline]] {
+        return _mm256_permute2f128_ps(a, b, 0x20) + _mm256_permute2f128_ps(a, b, 0x31);
+      };
+      return _mm256_hadd_ps(halves_added(z[0].v, z[2].v), halves_added(z[1].v, z[3].v));
+    };
+    const __m256 eights = _mm256_hadd_ps(by_pair(x), by_pair(y));  // x0 x1 y0 y1 | x2 x3 y2 y3
+    const __m256 sixteens = _mm256_hadd_ps(eights, eights);
+    sums = _mm256_castps256_ps128(sixteens) + _mm256_extractf128_ps(sixteens, 1);
+  } else {
+    const auto by_eight = [](const std::array<eight_floats, 4>& z) [[gnu::always_inline]] {
+      const auto pairs = [](const eight_floats& a, const eight_floats& b) [[gnu::always_inline]] {
+        return _mm256_hadd_ps(in_item_order<Vec>(a).v, in_item_order<Vec>(b).v);
+      };
+      const __m256 quads = _mm256_hadd_ps(pairs(z[0], z[1]), pairs(z[2], z[3]));
+      return _mm256_castps256_ps128(quads) + _mm256_extractf128_ps(quads, 1);
+    };
+    const __m128 sixteens = _mm_hadd_ps(by_eight(x), by_eight(y));
+    sums = _mm_hadd_ps(sixteens, sixteens);
+  }
+  return {sums[0], sums[1]};
+}
+template <int Vec, class Item>
+[[gnu::always_inline]] inline std::array<double, 2> two_sums_from_neighbours(
+    const sycl::sub_group<Item>& group, const std::array<spmd::lanes<double, 8>, 4>& x,
+    const std::array<spmd::lanes<double, 8>, 4>& y) {
+  const auto sum = [&](const auto& z) [[gnu::always_inline]] {
+    using sixteen = spmd::lanes<double, 16>;
+    return sum_from_neighbours(
+        group, spmd::lanes<double, 32>(sixteen(in_item_order<Vec>(z[0]), in_item_order<Vec>(z[1])),
+                                       sixteen(in_item_order<Vec>(z[2]), in_item_order<Vec>(z[3]))));
+  };
+  return {sum(x), sum(y)};
+}
+template <int Vec, class Item, class A>
+std::array<A, 2> two_sums_from_neighbours(const sycl::sub_group<Item>& group, const std::array<A, 1>& x,
+                                          const std::array<A, 1>& y) {
+  return {sum_from_neighbours(group, x[0]), sum_from_neighbours(group, y[0])};
 }
 
 }  // namespace tolvane

@@ -1,6 +1,11 @@
 #pragma once
 
+#include "sycl/launch.hpp"
+
 namespace tolvane {
+
+/// Whether a kernel whose only barriers are those of its phases has any.
+inline constexpr bool phases_wait = HOST_SYCL_LANES == 1;
 
 /// Runs body(item) for all work-items of the group, and then a barrier. What lives from one phase to the next
 /// stands in memory. Where gangs have many lanes, the first one goes through the body for all gangs in turn:

@@ -117,49 +117,50 @@ struct row_norm {
     });
   }
 
-  /// The sums of the row's elements and of their squares that some neighbouring work-items hold.
-  template <int items>
+  /// Work-items of a register, and registers of a gang.
+  template <class Item>
+  static constexpr int items = Item::lanes == 1 ? 1 : 8;
+  template <class Item>
+  static constexpr int parts = Item::lanes / items<Item>;
+
+  /// Of each of the gang's work-items the sum of its elements and of their squares, as
+  /// two_sums_from_neighbours takes them.
+  template <class Item>
   struct moments {
-    spmd::varying_t<A, items> sum{A(0)};
-    spmd::varying_t<A, items> sum_sq{A(0)};
+    using V = spmd::varying_t<A, items<Item>>;
+    std::array<V, parts<Item>> sum, sum_sq;
   };
 
-  /// Those of `items` work-items from `item` on, of which `live` are work-items of their own.
-  template <int items>
-  [[gnu::always_inline]] moments<items> moments_of(const T* elements, int item, int live) const {
-    moments<items> result;
-    for (int e = item * vec; e < n; e += wg * vec) {
-      const int count = std::min(live * vec, n - e);
-      std::array<spmd::varying_t<A, items>, vec> read;
-      spmd::unrolled<vec>([&](auto j) [[gnu::always_inline]] {
-        read[j] = spmd::convert<A>(load_first<items>(elements + e + j * items, count - j * items));
-      });
-      const auto element = by_element<vec>(read);
-      spmd::unrolled<vec>([&](auto j) [[gnu::always_inline]] {
-        if constexpr (!is_rms) result.sum = result.sum + element[j];
-        result.sum_sq = spmd::mad(element[j], element[j], result.sum_sq);
-      });
-    }
-    return {in_item_order<vec>(result.sum), in_item_order<vec>(result.sum_sq)};
-  }
-
-  /// The same of a whole gang.
   template <class Item>
-  [[gnu::always_inline]] auto moments_of(const Item& item, const T* elements) const {
-    if constexpr (Item::lanes == 1) {
-      return moments_of<1>(elements, item.first(), 1);
-    } else {
-      std::array<moments<8>, 4> part;
-      static_assert(Item::lanes == 8 * part.size());
-      for (int p = 0; p < 4; ++p)
-        part[p] = moments_of<8>(elements, item.first() + p * 8, std::clamp(item.live() - p * 8, 0, 8));
-      const auto joined = [&](auto member) [[gnu::always_inline]] {
-        using sixteen = spmd::lanes<A, 16>;
-        return spmd::lanes<A, 32>(sixteen(part[0].*member, part[1].*member),
-                                  sixteen(part[2].*member, part[3].*member));
+  [[gnu::always_inline]] moments<Item> moments_of(const Item& item, const T* elements) const {
+    constexpr int width = items<Item>;
+    moments<Item> result;
+    spmd::unrolled<parts<Item>>([&](auto p) [[gnu::always_inline]] {
+      const int first = item.first() + p * width;
+      typename moments<Item>::V sum(A(0)), sum_sq(A(0));
+      const auto add = [&](const auto& load) [[gnu::always_inline]] {
+        std::array<spmd::varying_t<A, width>, vec> read;
+        spmd::unrolled<vec>([&](auto j)
+                                [[gnu::always_inline]] { read[j] = spmd::convert<A>(load(j * width)); });
+        const auto element = by_element<vec>(read);
+        spmd::unrolled<vec>([&](auto j) [[gnu::always_inline]] {
+          if constexpr (!is_rms) sum = sum + element[j];
+          sum_sq = spmd::mad(element[j], element[j], sum_sq);
+        });
       };
-      return moments<32>{joined(&moments<8>::sum), joined(&moments<8>::sum_sq)};
-    }
+      int e = first * vec;
+      if (first + width <= item.first() + item.live()) {
+        for (; e + width * vec <= n; e += wg * vec)
+          add([&](int j) [[gnu::always_inline]] { return spmd::load<width>(elements + e + j); });
+      }
+      for (; e < n; e += wg * vec) {
+        const int count = std::min((item.first() + item.live() - first) * vec, n - e);
+        add([&](int j) [[gnu::always_inline]] { return load_first<width>(elements + e + j, count - j); });
+      }
+      result.sum[p] = sum;
+      result.sum_sq[p] = sum_sq;
+    });
+    return result;
   }
 
   /// What the sub-groups left in `sums`, added up; for work-item 0.
@@ -192,8 +193,8 @@ struct row_norm {
       if (add1 != nullptr) add(gang, row);
       const auto own = moments_of(gang, elements);
       const auto group = sycl::this_sub_group(gang);
-      const A square = sum_from_neighbours(group, own.sum_sq);
-      const A sum = is_rms ? A(0) : sum_from_neighbours(group, own.sum);
+      const auto [sum, square] =
+          two_sums_from_neighbours<vec>(group, is_rms ? own.sum_sq : own.sum, own.sum_sq);
       if (gang.first() % group.size != 0) return;
       squares[group.get_group_linear_id()] = square;
       if constexpr (!is_rms) sums[group.get_group_linear_id()] = sum;
@@ -212,6 +213,9 @@ struct row_norm {
       constexpr int width = Item::lanes;
       const A mean = sums[0];
       const A rstd = squares[0];
+      const T* const scale = gamma;
+      const T* const shift = beta;
+      T* const out = y + row;
       for_runs(gang, [&](int e, auto live) [[gnu::always_inline]] {
         const auto widened = [&](const T* p) [[gnu::always_inline]] {
           return spmd::convert<A>(spmd::load<width>(p + e, live));
@@ -219,9 +223,14 @@ struct row_norm {
         auto t = widened(elements);
         if constexpr (!is_rms) t = t - mean;
         t = t * rstd;
-        if (gamma != nullptr) t = t * widened(gamma);
-        if (beta != nullptr) t = t + widened(beta);
-        spmd::store(y + row + e, narrowed<T>(t), live);
+        if (scale != nullptr && shift != nullptr) {
+          t = spmd::mad(t, widened(scale), widened(shift));
+        } else if (scale != nullptr) {
+          t = t * widened(scale);
+        } else if (shift != nullptr) {
+          t = t + widened(shift);
+        }
+        spmd::store(out + e, narrowed<T>(t), live);
       });
     });
   }
@@ -232,6 +241,7 @@ template <class T, class index_t, int vec, bool is_rms>
 struct fused_norm_kernel1 {
   static constexpr bool uses_sub_group = true;
   static constexpr int sub_group_size = 32;
+  static constexpr bool waits = phases_wait;
   row_norm<T, vec, is_rms> norm;
 
   template <class Item>
