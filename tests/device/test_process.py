@@ -153,6 +153,21 @@ def test_memory_is_counted_reused_and_returned() -> None:
     output(code)
 
 
+def test_what_was_freed_last_stays_when_much_is_free() -> None:
+    code = """
+        for size in (100, 120, 140, 80):  # MB, one after the other: 360 would be free
+            torch.empty(size << 20, dtype=torch.uint8, device="xpu")
+            assert torch.xpu.memory_reserved() < 257 << 20
+        before = torch.xpu.memory_reserved()
+        x = torch.empty(80 << 20, dtype=torch.uint8, device="xpu")
+        del x
+        assert torch.xpu.memory_reserved() == before > 80 << 20
+        y = torch.empty(100 << 20, dtype=torch.uint8, device="xpu")  # the oldest has gone
+        assert torch.xpu.memory_reserved() == before + (100 << 20)
+    """
+    output(code)
+
+
 def test_the_device_module() -> None:
     assert torch.xpu is kelvor_xpu and kelvor_xpu.is_available() and kelvor_xpu.device_count() == 1
     assert torch.ones(1).xpu().is_xpu and next(torch.nn.Linear(1, 1).xpu().parameters()).is_xpu

@@ -20,7 +20,8 @@ namespace {
 
 constexpr std::size_t alignment = 64;
 constexpr std::size_t huge_page = std::size_t{2} << 20;
-/// Free memory below this is always kept; above, up to the highest number of live bytes.
+/// Free memory below this is always kept; above, up to the highest number of live bytes. What exceeds that is
+/// returned from the block that has been free for longest.
 constexpr std::size_t small_cache = std::size_t{256} << 20;
 /// Size classes per power of two: less than an eighth of a block is wasted.
 constexpr std::size_t steps_per_octave = 8;
@@ -30,6 +31,7 @@ struct Block {
   std::size_t size;
   std::size_t size_class;
   std::size_t requested;
+  std::size_t freed = 0;  // when, in blocks given back before it
 };
 
 struct SizeClass {
@@ -76,16 +78,16 @@ class Pool {
   }
 
   void give_back(Block* block) {
+    std::vector<Block*> surplus;
     {
       const std::lock_guard hold(lock_);
       live_bytes_ -= block->requested;
-      if (cached_bytes_ + block->size <= std::max(small_cache, peak_bytes_)) {
-        cached_bytes_ += block->size;
-        free_[block->size_class].push_back(block);
-        return;
-      }
+      block->freed = given_back_++;
+      cached_bytes_ += block->size;
+      free_[block->size_class].push_back(block);
+      while (cached_bytes_ > std::max(small_cache, peak_bytes_)) surplus.push_back(take_oldest());
     }
-    destroy(block);
+    for (Block* old : surplus) destroy(old);
   }
 
   void count_adopted(std::size_t bytes) {
@@ -134,6 +136,16 @@ class Pool {
     std::free(block->memory);
     delete block;
   }
+  Block* take_oldest() {
+    const auto age = [](const std::vector<Block*>& free) {
+      return free.empty() ? std::numeric_limits<std::size_t>::max() : free.front()->freed;
+    };
+    auto& free = *std::ranges::min_element(free_, {}, age);
+    Block* block = free.front();
+    free.erase(free.begin());
+    cached_bytes_ -= block->size;
+    return block;
+  }
   void count_live(std::size_t bytes) {
     live_bytes_ += bytes;
     peak_bytes_ = std::max(peak_bytes_, live_bytes_);
@@ -144,6 +156,7 @@ class Pool {
   std::size_t live_bytes_ = 0;
   std::size_t peak_bytes_ = 0;
   std::size_t cached_bytes_ = 0;
+  std::size_t given_back_ = 0;
 };
 
 /// Never destroyed: tensors may outlive static destructors. The lock is held across fork(), so that the child
