@@ -270,7 +270,7 @@ struct nf3 : three_bit_layout, one_scale<sycl::half> {
                         spmd::bits_from<N>(static_cast<std::uint32_t>(upper)) << 2;
       const auto d = static_cast<float>(
           spmd::load<1>(reinterpret_cast<const sycl::half*>(kernel.scales + e / block * scale_bytes)));
-      spmd::store(kernel.output + e, spmd::convert<T>(value<float, 0>(code) * d));
+      spmd::store(kernel.output + e, value<float, 0>(code) * d);
     }
   }
 };

@@ -46,8 +46,8 @@ struct five_bit_records {
       const std::int64_t record = i / 32;
       const int j = static_cast<int>(i % 32);
       const auto [low, high] = multiplied<float, N>(kernel.weight + record * record_bytes, j);
-      spmd::store(kernel.output + record * block + j, spmd::convert<T>(low));
-      spmd::store(kernel.output + record * block + j + 32, spmd::convert<T>(high));
+      spmd::store(kernel.output + record * block + j, low);
+      spmd::store(kernel.output + record * block + j + 32, high);
     }
   }
 };

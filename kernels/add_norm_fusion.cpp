@@ -61,16 +61,6 @@ template <int width, class T>
   }
 }
 
-/// `t` in the form that a store rounds or cuts to T correctly.
-template <class T, class V>
-[[gnu::always_inline]] inline auto narrowed(const V& t) {
-  if constexpr (std::same_as<T, half> && spmd::is_lanes<V>) {
-    return spmd::lanes<half, spmd::lane_count<V>>(t);  // the store rounds
-  } else {
-    return spmd::convert<T>(t);
-  }
-}
-
 /// One row per work-group. Null addends, scales and shifts are absent; add2 stands beside add1 only. A
 /// work-item holds vectors of `vec` elements: element (i * wg + its index) * vec and those behind it, for i =
 /// 0, 1, ….
@@ -230,7 +220,7 @@ struct row_norm {
         } else if (shift != nullptr) {
           t = t + widened(shift);
         }
-        spmd::store(out + e, narrowed<T>(t), live);
+        spmd::store(out + e, t, live);
       });
     });
   }

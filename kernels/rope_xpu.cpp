@@ -66,8 +66,8 @@ struct rotated {
     };
     const auto x0 = read(1, column), x1 = read(1, column + half_dim);
     const auto [sine, cosine] = angle(std::integral_constant<int, width>(), column, read);
-    spmd::store(place(0, column), spmd::convert<T>(cosine * x0 - sine * x1));
-    spmd::store(place(0, column + half_dim), spmd::convert<T>(cosine * x1 + sine * x0));
+    spmd::store(place(0, column), cosine * x0 - sine * x1);
+    spmd::store(place(0, column + half_dim), cosine * x1 + sine * x0);
   }
 
   /// Turns the pairs of row r. `angle(width, column, read)` gives the sines and cosines of some columns;

@@ -122,6 +122,62 @@ TEST(Lanes, FieldsOfWords) {
   }
 }
 
+/// Floats, many of them between two values of the type, written by every kind of store; `split` is for
+/// bfloat16.
+template <class T>
+void expect_stores_convert() {
+  std::mt19937 random(7);
+  for (int round = 0; round < 2000; ++round) {
+    alignas(32) float x[32];
+    for (float& value : x) {
+      const std::uint32_t low[] = {0, 0x1000, 0x7FFF, 0x8000, 0x8001, 0xFFFF};
+      const std::uint32_t word = (random() & 0xBFFF0000) + low[random() % 6];  // all finite
+      std::memcpy(&value, &word, 4);
+    }
+    const auto wide = spmd::load<32>(x);
+    alignas(64) T stored[32], converted[32], streamed[32], ordinary[32], first[32] = {};
+    spmd::store(stored, wide);
+    spmd::store(converted, spmd::convert<T>(wide));
+    spmd::stream(streamed, wide, true);
+    spmd::stream(ordinary, wide, false);
+    spmd::store(first, wide, spmd::first_lanes{19});
+    for (int l = 0; l < 32; ++l) {
+      const T expected(x[l]);
+      for (const T* const result : {stored, converted, streamed, ordinary})
+        ASSERT_EQ(std::memcmp(&expected, result + l, sizeof(T)), 0) << x[l];
+      const T partial = l < 19 ? expected : T(0.0f);
+      ASSERT_EQ(std::memcmp(&partial, first + l, sizeof(T)), 0) << l;
+    }
+  }
+}
+
+TEST(Lanes, StoresConvertOnTheWay) {
+  expect_stores_convert<half>();
+  expect_stores_convert<bfloat16>();
+  expect_stores_convert<float>();
+  expect_stores_convert<double>();
+}
+
+TEST(Lanes, SplitBfloat16sComeBackInOrder) {
+  for (std::uint32_t from = 0; from < 0x10000; from += 32) {
+    alignas(32) bfloat16 bits[32], back[32];
+    for (std::uint32_t l = 0; l < 32; ++l)
+      bits[l] = bfloat16::from_bits(static_cast<std::uint16_t>(from + l));
+    for (const bool past_caches : {false, true}) {
+      spmd::stream_split(back, spmd::convert<float>(spmd::load_split<32>(bits)), past_caches);
+      ASSERT_EQ(std::memcmp(bits, back, sizeof bits), 0) << from;
+    }
+  }
+  // Of each 16 the even places come first, and what is written rounds.
+  alignas(32) bfloat16 numbers[16], sums[16];
+  for (int l = 0; l < 16; ++l) numbers[l] = bfloat16(static_cast<float>(l));
+  const auto split = spmd::convert<float>(spmd::load_split<16>(numbers));
+  EXPECT_EQ(list(split)[1], 2);
+  EXPECT_EQ(list(split)[8], 1);
+  spmd::stream_split(sums, split + spmd::lanes<float, 16>(256.0f), true);
+  for (int l = 0; l < 16; ++l) EXPECT_EQ(sums[l].bits(), bfloat16(256.0f + static_cast<float>(l)).bits());
+}
+
 /// Loads of fewer lanes than the gang has end at the last live lane's bytes and give 0 in the others.
 TEST(Lanes, PartialLoadsStopAtTheLastLiveLane) {
   for (int live = 1; live <= 32; ++live) {

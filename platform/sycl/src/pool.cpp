@@ -1,5 +1,6 @@
 #include "sycl/pool.hpp"
 
+#include <immintrin.h>
 #include <pthread.h>
 #include <sched.h>
 
@@ -37,6 +38,7 @@ struct job {
       if (begin >= count) return;
       try {
         body(begin, std::min(begin + grain, count));
+        _mm_sfence();  // streamed stores are in memory before the job is done
       } catch (...) {
         const std::lock_guard hold(error_lock);
         if (!error) error = std::current_exception();

@@ -8,9 +8,9 @@
 //   sub-group;
 //                                          otherwise it is as wide as pays, whatever sub-group size is
 //                                          required
-//   static constexpr bool waits            false if it has neither barriers nor sub-group operations: the
-//   gangs of a
-//                                          group then follow each other without the means to take turns
+//   static constexpr bool waits            false if no gang ever waits for another one, as at a barrier: the
+//                                          gangs of a group then follow each other without the means to take
+//                                          turns
 //   void prepare(host::arena&)             called once per submission, before the work-groups, on the
 //   launch's own
 //                                          copy of the functor: lays out what all groups read in the order of

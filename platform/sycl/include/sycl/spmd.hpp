@@ -132,30 +132,65 @@ template <int N, class T>
   return from_buffer<N>(buffer);
 }
 
-/// Writes lane l to p[l]. 1 store, and 1 conversion for reduced types.
-template <class T, int N>
-[[gnu::always_inline]] inline void store(T* p, const lanes<T, N>& value, all_lanes<N> = {}) {
-  checked(p, N * sizeof(T));
-  if constexpr (reduced<T>) {
-    if constexpr (N > 8) {
-      store(p, lanes<T, N / 2>(value.w.lo));
-      store(p + N / 2, lanes<T, N / 2>(value.w.hi));
-    } else {
-      __m128i bits;
-      if constexpr (std::same_as<T, half>) {
-        bits = _mm256_cvtps_ph(value.w.v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
-      } else {
-        const __m256i words = _mm256_srli_epi32(_mm256_castps_si256(value.w.v), 16);
-        bits = _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi32(words, words), 0xD8));
-      }
-      _mm_storeu_si128(reinterpret_cast<__m128i*>(p), bits);
-    }
-  } else if constexpr (N == native_lanes<T>) {
-    std::memcpy(p, &value.v, sizeof value.v);
+namespace detail {
+
+/// Floats as bfloat16s in the upper halves of words; the lower halves are left over from rounding.
+[[gnu::always_inline]] inline native<std::uint32_t> bfloat16_in_upper_half(native<float> x) {
+  const auto bits = reinterpret_cast<native<std::uint32_t>>(x);
+  return bits + 0x7FFF + (bits >> 16 & 1);
+}
+
+/// Floats as bfloat16s in the lower halves of words. Rounded says that they are bfloat16s already.
+template <bool Rounded>
+[[gnu::always_inline]] inline __m256i bfloat16_words(native<float> x) {
+  const auto bits = Rounded ? reinterpret_cast<native<std::uint32_t>>(x) : bfloat16_in_upper_half(x);
+  return reinterpret_cast<__m256i>(bits >> 16);
+}
+
+/// Calls body(first, bits) for the registers that the floats fill in memory as values of T, `first` being the
+/// lane that a register begins with. Rounded says that they are such values already.
+template <reduced T, bool Rounded, int First, int N, class Body>
+[[gnu::always_inline]] inline void for_reduced(const lanes<float, N>& value, const Body& body) {
+  if constexpr (N > 16 || (N == 16 && std::same_as<T, half>)) {
+    for_reduced<T, Rounded, First>(value.lo, body);
+    for_reduced<T, Rounded, First + N / 2>(value.hi, body);
+  } else if constexpr (std::same_as<T, half>) {
+    body(First, _mm256_cvtps_ph(value.v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
+  } else if constexpr (N == 16) {
+    const __m256i words =
+        _mm256_packus_epi32(bfloat16_words<Rounded>(value.lo.v), bfloat16_words<Rounded>(value.hi.v));
+    body(First, _mm256_permute4x64_epi64(words, 0xD8));
   } else {
-    store(p, value.lo);
-    store(p + N / 2, value.hi);
+    const __m256i words = bfloat16_words<Rounded>(value.v);
+    body(First, _mm256_castsi256_si128(_mm256_permute4x64_epi64(_mm256_packus_epi32(words, words), 0xD8)));
   }
+}
+template <class T, int First = 0, class U, int N, class Body>
+[[gnu::always_inline]] inline void for_stored(const lanes<U, N>& value, const Body& body) {
+  if constexpr (reduced<T> && std::same_as<U, T>) {
+    for_reduced<T, true, First>(value.w, body);
+  } else if constexpr (reduced<T> && std::same_as<U, float>) {
+    for_reduced<T, false, First>(value, body);
+  } else if constexpr (!std::same_as<U, T>) {
+    for_stored<T, First>(convert<T>(value), body);
+  } else if constexpr (N > native_lanes<T>) {
+    for_stored<T, First>(value.lo, body);
+    for_stored<T, First + N / 2>(value.hi, body);
+  } else {
+    body(First, value.v);
+  }
+}
+
+}  // namespace detail
+
+/// Writes lane l to p[l]; values of another type are converted on the way, which costs less than before. 1
+/// store per register.
+template <class T, class U, int N>
+[[gnu::always_inline]] inline void store(T* p, const lanes<U, N>& value, all_lanes<N> = {}) {
+  checked(p, N * sizeof(T));
+  detail::for_stored<T>(value, [p](int first, auto bits) [[gnu::always_inline]] {
+    std::memcpy(static_cast<void*>(p + first), &bits, sizeof bits);
+  });
 }
 template <class T>
 [[gnu::always_inline]] inline void store(T* p, std::type_identity_t<T> value, all_lanes<1> = {}) {
@@ -163,19 +198,81 @@ template <class T>
   std::memcpy(p, &value, sizeof value);
 }
 
-/// The same for the first lanes only.
-template <class T, int N>
-[[gnu::always_inline]] inline void store(T* p, const lanes<T, N>& value, first_lanes live) {
-  checked(p, static_cast<std::size_t>(live.count) * sizeof(T));
-  if constexpr (reduced<T>) {
-    std::uint16_t buffer[N];
-    if (live.count == N) return store(p, value);
-    alignas(32) float wide_values[N];
-    std::memcpy(wide_values, &value.w, sizeof wide_values);
-    for (int l = 0; l < N; ++l) buffer[l] = T(wide_values[l]).bits();
-    std::memcpy(p, buffer, static_cast<std::size_t>(live.count) * sizeof(T));
+/// A store that goes past the caches if `past_caches`, for results that are larger than these: the old lines
+/// are not read first. p is then aligned to 32 bytes, and whole cache lines should be written together.
+template <class T, class U, int N>
+[[gnu::always_inline]] inline void stream(T* p, const lanes<U, N>& value, bool past_caches) {
+  if (!past_caches) return store(p, value);
+  checked(p, N * sizeof(T));
+  detail::for_stored<T>(value, [p](int first, auto bits) [[gnu::always_inline]] {
+    if constexpr (sizeof bits == sizeof(__m128i)) {
+      _mm_stream_si128(reinterpret_cast<__m128i*>(p + first), reinterpret_cast<__m128i>(bits));
+    } else {
+      _mm256_stream_si256(reinterpret_cast<__m256i*>(p + first), reinterpret_cast<__m256i>(bits));
+    }
+  });
+}
+template <class T>
+[[gnu::always_inline]] inline void stream(T* p, std::type_identity_t<T> value, bool) {
+  store(p, value);
+}
+
+/// N bfloat16s in another order of lanes, for kernels that compute lane by lane only: of each 16, those with
+/// even places come first. 1 operation per register, where `load` takes 2.
+template <int N>
+[[gnu::always_inline]] inline varying_t<bfloat16, N> load_split(const bfloat16* p) {
+  if constexpr (N == 1) {
+    return load<1>(p);
+  } else if constexpr (N > 16) {
+    return lanes<bfloat16, N>({load_split<N / 2>(p).w, load_split<N / 2>(p + N / 2).w});
   } else {
-    std::memcpy(p, &value, static_cast<std::size_t>(live.count) * sizeof(T));
+    checked(p, 16 * sizeof(bfloat16));
+    const __m256i pairs = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+    const __m256i odd = _mm256_and_si256(pairs, _mm256_set1_epi32(static_cast<int>(0xFFFF0000)));
+    using eight = lanes<float, 8>;
+    return lanes<bfloat16, 16>(
+        {eight(_mm256_castsi256_ps(_mm256_slli_epi32(pairs, 16))), eight(_mm256_castsi256_ps(odd))});
+  }
+}
+
+/// `stream` of floats in that order of lanes, rounded to bfloat16.
+template <int N>
+[[gnu::always_inline]] inline void stream_split(bfloat16* p, const lanes<float, N>& value, bool past_caches) {
+  if constexpr (N > 16) {
+    stream_split(p, value.lo, past_caches);
+    stream_split(p + N / 2, value.hi, past_caches);
+  } else {
+    checked(p, 16 * sizeof(bfloat16));
+    const auto odd = reinterpret_cast<__m256i>(detail::bfloat16_in_upper_half(value.hi.v));
+    const __m256i pairs = _mm256_blend_epi16(detail::bfloat16_words<false>(value.lo.v), odd, 0xAA);
+    if (past_caches) {
+      _mm256_stream_si256(reinterpret_cast<__m256i*>(p), pairs);
+    } else {
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(p), pairs);
+    }
+  }
+}
+[[gnu::always_inline]] inline void stream_split(bfloat16* p, bfloat16 value, bool) {
+  store(p, value);
+}
+
+/// Writes the first lanes only.
+template <class T, class U, int N>
+[[gnu::always_inline]] inline void store(T* p, const lanes<U, N>& value, first_lanes live) {
+  if constexpr (!std::same_as<T, U>) {
+    return store(p, convert<T>(value), live);
+  } else {
+    checked(p, static_cast<std::size_t>(live.count) * sizeof(T));
+    if constexpr (reduced<T>) {
+      std::uint16_t buffer[N];
+      if (live.count == N) return store(p, value);
+      alignas(32) float wide_values[N];
+      std::memcpy(wide_values, &value.w, sizeof wide_values);
+      for (int l = 0; l < N; ++l) buffer[l] = T(wide_values[l]).bits();
+      std::memcpy(p, buffer, static_cast<std::size_t>(live.count) * sizeof(T));
+    } else {
+      std::memcpy(p, &value, static_cast<std::size_t>(live.count) * sizeof(T));
+    }
   }
 }
 
