@@ -7,6 +7,7 @@
 #include <c10/util/Exception.h>
 
 #include <array>
+#include <cmath>
 #include <stdexcept>
 #include <type_traits>
 
@@ -146,22 +147,18 @@ struct rwkv_time_shift_kernel {
   std::int64_t batch;
   std::int64_t tokens;
   std::int64_t channels;
+  bool streams;
 
-  // In bfloat16, whose rounding is dear: a and 1 - a of all mixes, widened, made once for all rows.
-  const float* factors = nullptr;
-  const float* rests = nullptr;
+  /// bfloat16 has a form of its own, x a + s (1 - a), and 1 - a is made once for all rows. The others take
+  /// s + a (x - s).
+  static constexpr bool by_products = std::same_as<IT, bfloat16>;
+  const IT* rests = nullptr;
   void prepare(sycl::host::arena& memory) {
-    if constexpr (std::same_as<IT, bfloat16>) {
-      using eight = spmd::lanes<IT, 8>;
+    if constexpr (by_products) {
       const auto count = static_cast<std::size_t>(mixes * channels);
-      auto* a = memory.allocate<float>(count);
-      auto* rest = memory.allocate<float>(count);
-      for (std::size_t i = 0; i < count; i += 8) {
-        const eight value = spmd::load<8>(mix + i);
-        spmd::store(a + i, spmd::convert<float>(value));
-        spmd::store(rest + i, spmd::convert<float>(eight(IT(1.0f)) - value));
-      }
-      factors = a;
+      auto* rest = memory.allocate<IT>(count);
+      for (std::size_t i = 0; i < count; i += 8)
+        spmd::store(rest + i, spmd::lanes<IT, 8>(IT(1.0f)) - spmd::load<8>(mix + i));
       rests = rest;
     }
   }
@@ -175,19 +172,29 @@ struct rwkv_time_shift_kernel {
         static_cast<std::int64_t>(item.get_group(0)) * tokens + static_cast<std::int64_t>(item.get_group(1));
     const auto c = static_cast<std::int64_t>(item.get_group(2)) * item.group_size() + item.first();
     const std::int64_t at = row * channels + c;
-    const vec x = spmd::load<n>(hidden + at), s = spmd::load<n>(shifted + at);
-    // Walk, Write
-    const vec difference = x - s;
-    for (std::int64_t m = 0; m < mixes; ++m) {
-      const std::int64_t factor = m * channels + c;
-      vec y;
-      if constexpr (std::same_as<IT, bfloat16>) {
-        y = x * spmd::convert_exact<IT>(spmd::load<n>(factors + factor)) +
-            s * spmd::convert_exact<IT>(spmd::load<n>(rests + factor));
+    const auto read = [](const auto* p) [[gnu::always_inline]] {
+      if constexpr (by_products) {
+        return spmd::load_split<n>(p);
       } else {
-        y = s + spmd::convert<IT>(spmd::load<n>(mix + factor)) * difference;
+        return spmd::load<n>(p);
       }
-      spmd::store(out + m * batch * tokens * channels + at, y);
+    };
+    const auto wide = [](const vec& v) [[gnu::always_inline]] { return spmd::convert<float>(v); };
+    const vec x = read(hidden + at), s = read(shifted + at), difference = x - s;
+    // The results' type may be that of any member: these are read once.
+    const std::int64_t count = mixes, step = channels, plane = batch * tokens * channels;
+    const bool past_caches = streams;
+    const MT* factor = mix + c;
+    const IT* rest = rests + c;
+    IT* to = out + at;
+    // Walk, Write
+    for (std::int64_t m = 0; m < count; ++m, factor += step, rest += step, to += plane) {
+      const vec a = spmd::convert<IT>(read(factor));
+      if constexpr (by_products) {
+        spmd::stream_split(to, spmd::mad(wide(x), wide(a), wide(s * read(rest))), past_caches);
+      } else {
+        spmd::stream(to, spmd::mad(wide(a), wide(difference), wide(s)), past_caches);
+      }
     }
   }
 };
@@ -237,6 +244,12 @@ void dispatch_pair(at::ScalarType type, at::ScalarType parameters, const Body& b
   } else {
     throw std::runtime_error("unsupported dtype");
   }
+}
+
+/// Whether a result that is written once should go past the caches: one that does not fit them.
+bool streams(const at::Tensor& result) {
+  constexpr std::size_t cache_bytes = std::size_t{16} << 20;
+  return result.nbytes() > cache_bytes && reinterpret_cast<std::uintptr_t>(result.data_ptr()) % 64 == 0;
 }
 
 }  // namespace
@@ -357,10 +370,11 @@ at::Tensor rwkv_time_shift(at::Tensor hidden, at::Tensor shifted, at::Tensor mix
                 [&]<class IT, class MT>(std::type_identity<IT>, std::type_identity<MT>) {
                   check_groups(op, channels, group_size);
                   submit(hidden.device(), [&](sycl::handler& command) {
-                    command.parallel_for(sycl::nd_range<3>({batch, tokens, channels}, {1, 1, group_size}),
-                                         rwkv_time_shift_kernel<IT, MT>{
-                                             elements<IT>(hidden), elements<IT>(shifted), elements<MT>(mix),
-                                             elements<IT>(result), mixes, batch, tokens, channels});
+                    command.parallel_for(
+                        sycl::nd_range<3>({batch, tokens, channels}, {1, 1, group_size}),
+                        rwkv_time_shift_kernel<IT, MT>{elements<IT>(hidden), elements<IT>(shifted),
+                                                       elements<MT>(mix), elements<IT>(result), mixes, batch,
+                                                       tokens, channels, streams(result)});
                   });
                 });
   return result;

@@ -50,6 +50,14 @@ def check(saved: dict[str, np.ndarray]) -> None:
             np.testing.assert_allclose(saved[f"v5 {sizes} {part}"], x, rtol=0, atol=bound)
 
 
+@pytest.mark.parametrize("activations, parameters", PAIRS)
+def test_shifts_larger_than_the_caches(activations, parameters):
+    hidden, shifted, mix = shift_data(17, 1, 256, 2048)
+    out = tolvane.rwkv_time_shift(on_xpu(hidden, activations), on_xpu(shifted, activations), on_xpu(mix, parameters))
+    expected = rwkv_reference.time_shift(arithmetic.ALL[activations], hidden, shifted, mix)
+    np.testing.assert_array_equal(out.cpu().float().numpy(), expected.astype(np.float32))
+
+
 @pytest.mark.parametrize("name", ["Rack GPU Summit", "Vela(TM) A770", "other"])
 def test_against_the_stated_order(in_process, name):
     check(in_process("rwkv_cases.py", KELVOR_XPU_DEVICE_NAME=name, KELVOR_XPU_GUARD_PAGES="1"))
