@@ -12,16 +12,10 @@ import quarn
 import row_entries
 import sequence_entries
 import tolvane
-from harness import Case, copies_needed
+from harness import TYPES_AND_DOUBLE, Case, copies_needed
 
 Call = Callable[[int], Tensor]
 Weights = list[list[Tensor]]
-TYPES = {
-    "float": torch.float32,
-    "half": torch.float16,
-    "bfloat16": torch.bfloat16,
-    "double": torch.float64,
-}
 
 
 def copies(sample: Tensor, weights: int, rotate: bool) -> Weights:
@@ -60,7 +54,7 @@ def mlp_cases(name: str, state: int, hidden: int, rotate: bool = True) -> Iterat
         entry = quarn.FORMATS[format]
         packed = on_xpu(copies(quarn.synthetic(format, hidden, state), 2, rotate))
         size = 2 * entry.packed_bytes(hidden, state)
-        for kind, dtype in TYPES.items():
+        for kind, dtype in TYPES_AND_DOUBLE.items():
             ours = mlp_call(x.to(dtype).to("xpu"), packed, state, hidden, entry.qtype)
             yield Case(name, f"{state} x {hidden}", kind, format, size, ours, peer)
 
@@ -90,7 +84,7 @@ def linear(quick: bool) -> Iterator[Case]:
     peer_weights = copies(weight, 1, rotate=True)
     for rows in (1, 16) if quick else (1, 2, 4, 8, 16, 32, 64):
         x = torch.randn(rows, size)
-        for kind, dtype in TYPES.items():
+        for kind, dtype in TYPES_AND_DOUBLE.items():
             dense = copies(weight.to(dtype), 1, rotate=True)
             ours = dense_linear_call(x.to(dtype).to("xpu"), on_xpu(dense))
             shape = f"{rows} x {size}^2"
@@ -112,7 +106,7 @@ def forward_cases(name: str, formats: list[str], rows: int) -> Iterator[Case]:
     for format in formats:
         entry = quarn.FORMATS[format]
         packed = on_xpu(copies(quarn.synthetic(format, size, size), 1, rotate=True))
-        for kind, dtype in TYPES.items():
+        for kind, dtype in TYPES_AND_DOUBLE.items():
             ours = packed_linear_call(x.to(dtype).to("xpu"), packed, entry.qtype)
             shape = f"{rows} x {size}^2"
             yield Case(name, shape, kind, format, entry.packed_bytes(size, size), ours, peer)
@@ -133,7 +127,7 @@ def dequant(quick: bool) -> Iterator[Case]:
     for format in ("q4_0", "q8_0", "nf4", "fp8_e4m3", "fp4", "fp8_e5m2"):
         entry = quarn.FORMATS[format]
         packed = quarn.synthetic(format, size, size).to("xpu")
-        for kind, dtype in TYPES.items():
+        for kind, dtype in TYPES_AND_DOUBLE.items():
             like = torch.empty(1, size, dtype=dtype, device="xpu")
             source = torch.zeros(size, size, dtype=dtype)
             target = torch.empty_like(source)

@@ -13,7 +13,10 @@ from statistics import median, quantiles
 from typing import Callable, Sequence
 
 import numpy as np
+import torch
 
+TYPES = {"float": torch.float32, "half": torch.float16, "bfloat16": torch.bfloat16}
+TYPES_AND_DOUBLE = {**TYPES, "double": torch.float64}
 ROTATION_BYTES = 128_000_000
 BANDWIDTH_BYTES = 256_000_000
 

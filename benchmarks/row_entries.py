@@ -9,15 +9,9 @@ from torch import Tensor
 from torch.nn import functional as F
 
 import tolvane
-from harness import Case
+from harness import TYPES_AND_DOUBLE, Case
 
 Call = Callable[[int], object]
-TYPES = {
-    "float": torch.float32,
-    "half": torch.float16,
-    "bfloat16": torch.bfloat16,
-    "double": torch.float64,
-}
 
 
 def layer_norm_call(x: Tensor, weight: Tensor, bias: Tensor) -> Call:
@@ -32,7 +26,7 @@ def layer_norm_call(x: Tensor, weight: Tensor, bias: Tensor) -> Call:
 def norm(quick: bool) -> Iterator[Case]:
     """Both norms, against PyTorch's layer norm in the same type."""
     for rows, n in ((1, 4096), (64, 4096)) if quick else ((1, 4096), (64, 1024), (64, 4096)):
-        for kind, dtype in TYPES.items():
+        for kind, dtype in TYPES_AND_DOUBLE.items():
             x, weight, bias = torch.randn(rows, n), torch.randn(n), torch.randn(n)
             on_cpu = [t.to(dtype) for t in (x, weight, bias)]
             x, weight, bias = (t.to("xpu") for t in on_cpu)
@@ -59,7 +53,7 @@ def rotary(quick: bool) -> Iterator[Case]:
         positions = torch.arange(tokens)[None]
         angles = positions[0, :, None] * 10000.0 ** (-torch.arange(64) / 64)
         angles = torch.cat([angles, angles], dim=-1)[None, None]
-        for kind, dtype in TYPES.items():
+        for kind, dtype in TYPES_AND_DOUBLE.items():
             q, k = torch.randn(2, 1, 32, tokens, 128).to(dtype).unbind()
             tables = angles.sin().to(dtype), angles.cos().to(dtype)
             xq, xk, xp = q.to("xpu"), k.to("xpu"), positions.to("xpu")

@@ -10,10 +10,9 @@ import torch
 from torch import Tensor
 
 import tolvane
-from harness import Case
+from harness import TYPES, Case
 
 Call = Callable[[int], object]
-TYPES = {"float": torch.float32, "half": torch.float16, "bfloat16": torch.bfloat16}
 
 
 def size_of(*tensors: Tensor) -> int:

@@ -80,17 +80,18 @@ inline int row_group_size(std::int64_t state_size, int per_item) {
   return size;
 }
 
-/// Rows first to first + rows - 1 of a weight of output_size rows, into an output that starts with row
-/// `first`.
-template <class Format, class T, int PerItem>
-sycl::event submit_rows(const std::uint8_t* weight, T* output, std::size_t state_size,
-                        std::size_t output_size, std::size_t first, std::size_t rows, sycl::queue& queue) {
+/// Expands `rows` rows from `start` on of a weight of output_size rows, into an output that begins with the
+/// first of them.
+template <class Format, class T, int PerItem, submission_form Form>
+void dequantize_tile_of(const std::uint8_t* weight, T* output, std::size_t state_size,
+                        std::size_t output_size, std::size_t rows, std::size_t start, c10::Device device) {
   const auto columns = static_cast<std::int64_t>(state_size);
+  check_multiple(columns, 64);
   const int group = row_group_size(columns, PerItem);
-  const std::int64_t first_block = static_cast<std::int64_t>(first) * columns / Format::block;
+  const std::int64_t first_block = static_cast<std::int64_t>(start) * columns / Format::block;
   const std::uint8_t* scales =
       weight + zoned_scale_offset<Format>(columns, static_cast<std::int64_t>(output_size));
-  return queue.submit([&](sycl::handler& command) {
+  submit<Form>(device, [&](sycl::handler& command) {
     command.parallel_for(
         sycl::nd_range<1>(rows * group, group),
         row_dequantize_kernel<Format, T, PerItem>{columns, static_cast<int>(columns / (group * PerItem)),
@@ -100,30 +101,12 @@ sycl::event submit_rows(const std::uint8_t* weight, T* output, std::size_t state
   });
 }
 
-enum class submission_form { plain, waiting };
-
-template <submission_form Form>
-void finish(sycl::event event) {
-  if constexpr (Form == submission_form::waiting) event.wait();
-  xpu::profiler_record("devq_kernel", event);
-}
-
 /// Expands all rows.
 template <class Format, class T, int PerItem, submission_form Form = submission_form::waiting>
 void dequantize_rows_of(const std::uint8_t* weight, T* output, std::size_t state_size,
                         std::size_t output_size, c10::Device device) {
-  check_multiple(static_cast<std::int64_t>(state_size), 64);
-  finish<Form>(submit_rows<Format, T, PerItem>(weight, output, state_size, output_size, 0, output_size,
-                                               current_queue(device)));
-}
-
-/// Expands `rows` rows from `start` on into a slice of their own.
-template <class Format, class T, int PerItem, submission_form Form>
-void dequantize_tile_of(const std::uint8_t* weight, T* output, std::size_t state_size,
-                        std::size_t output_size, std::size_t rows, std::size_t start, c10::Device device) {
-  check_multiple(static_cast<std::int64_t>(state_size), 64);
-  finish<Form>(submit_rows<Format, T, PerItem>(weight, output, state_size, output_size, start, rows,
-                                               current_queue(device)));
+  dequantize_tile_of<Format, T, PerItem, Form>(weight, output, state_size, output_size, output_size, 0,
+                                               device);
 }
 
 /// Expands the whole tensor by a flat kernel, with the global size rounded up to whole groups.
@@ -134,11 +117,11 @@ void dequantize_flat(const std::uint8_t* weight, T* output, std::size_t state_si
   const auto total = static_cast<std::int64_t>(state_size * output_size);
   const std::size_t items = static_cast<std::size_t>(total) / Format::flat_elements;
   const std::size_t groups = (items + group - 1) / group;
-  finish<Form>(current_queue(device).submit([&](sycl::handler& command) {
+  submit<Form>(device, [&](sycl::handler& command) {
     command.parallel_for(
         sycl::nd_range<1>(groups * group, group),
         flat_dequantize_kernel<Format, T>{total, weight, weight + Format::flat_scale_offset(total), output});
-  }));
+  });
 }
 
 }  // namespace tolvane

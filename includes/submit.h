@@ -1,6 +1,5 @@
 #pragma once
-// Submission of a kernel, reported to the profiler under the one label. Expansions choose their form in
-// dequantize.h.
+// Submission of a kernel, reported to the profiler under the one label.
 
 #include <c10/core/Device.h>
 #include <kelvor_xpu/xpu.h>
@@ -11,11 +10,14 @@
 
 namespace tolvane {
 
-/// Plain form: submits the command group to the current stream of `device` and returns while it may still
-/// run.
-template <class CommandGroup>
+/// Whether the host goes on while the kernel may still run, or waits for it.
+enum class submission_form { plain, waiting };
+
+/// Submits the command group to the current stream of `device`.
+template <submission_form Form = submission_form::plain, class CommandGroup>
 void submit(c10::Device device, CommandGroup&& group) {
   sycl::event event = current_queue(device).submit(std::forward<CommandGroup>(group));
+  if constexpr (Form == submission_form::waiting) event.wait();
   xpu::profiler_record("devq_kernel", event);
 }
 

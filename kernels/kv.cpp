@@ -35,18 +35,31 @@ template <class T, class V>
   return spmd::convert<T>(x * decoded);
 }
 
-/// Offsets of a tensor's first two dimensions, in elements.
-struct outer_strides {
+/// A tensor's first element and the offsets of its first two dimensions, in elements.
+template <class T>
+struct heads_of {
+  T* data;
   std::int64_t batch;
   std::int64_t head;
-  std::int64_t at(std::size_t b, std::size_t h) const {
-    return static_cast<std::int64_t>(b) * batch + static_cast<std::int64_t>(h) * head;
+
+  heads_of(const at::Tensor& tensor)  // NOLINT: implicit, to fill a kernel's members
+      : data(static_cast<T*>(tensor.data_ptr())), batch(tensor.stride(0)), head(tensor.stride(1)) {}
+  T* at(std::size_t b, std::size_t h) const {
+    return data + static_cast<std::int64_t>(b) * batch + static_cast<std::int64_t>(h) * head;
   }
 };
 
-outer_strides strides_of(const at::Tensor& tensor) {
-  return {tensor.stride(0), tensor.stride(1)};
-}
+/// What both products work on: a vector per query head, the cache of the key/value heads, a result per query
+/// head; `length` positions.
+template <class T>
+struct attention_operands {
+  heads_of<const T> vectors;
+  heads_of<const std::uint8_t> cache;
+  heads_of<T> results;
+  std::int64_t length;
+  std::size_t heads_per_kv;
+  sycl::local_accessor<T, 2> local;
+};
 
 /// Work-group (b, h, g) computes the scores of key rows g * rows … g * rows + rows - 1.
 template <class T, int rows, int head_size, int group_size, int sg_size>
@@ -54,15 +67,7 @@ struct query_key_fp8_matmul_kernel {
   static_assert(rows == group_size, "the work-items sum up one row each");
   static constexpr int sub_group_size = sg_size;
 
-  const T* query;
-  const std::uint8_t* key;
-  T* out;
-  outer_strides query_strides;
-  outer_strides key_strides;
-  outer_strides out_strides;
-  std::int64_t length;
-  std::size_t heads_per_kv;
-  sycl::local_accessor<T, 2> local;
+  attention_operands<T> operands;
 
   template <class Item>
   void operator()(const Item& item) const {
@@ -70,15 +75,16 @@ struct query_key_fp8_matmul_kernel {
     // Assign
     const std::size_t b = item.get_group(0), h = item.get_group(1);
     const auto start = static_cast<std::int64_t>(item.get_group(2)) * rows;
+    const auto& [queries, keys, scores, length, heads_per_kv, local] = operands;
     const auto count = static_cast<int>(std::min<std::int64_t>(rows, length - start));
-    const std::uint8_t* row = key + key_strides.at(b, h / heads_per_kv) + start * head_size + item.first();
-    const T* query_row = query + query_strides.at(b, h) + item.first();
+    const std::uint8_t* row = keys.at(b, h / heads_per_kv) + start * head_size + item.first();
+    const T* query = queries.at(b, h) + item.first();
     T* partial = local.get(item);
     // Walk: each work-item takes every group_size-th element of a row
     constexpr int steps = head_size / group_size;
     std::array<spmd::varying<float, Item>, steps> q;
     for (int step = 0; step < steps; ++step) {
-      q[step] = spmd::convert<float>(spmd::load<n>(query_row + step * group_size));
+      q[step] = spmd::convert<float>(spmd::load<n>(query + step * group_size));
     }
     for (int s = 0; s < count; ++s, row += head_size) {
       spmd::varying<T, Item> acc;
@@ -100,7 +106,7 @@ struct query_key_fp8_matmul_kernel {
     const int live = std::min(n, count - item.first());
     if (live <= 0) return;
     const auto sum = spmd::sums_of_rows<n, group_size>(partial + item.first() * group_size);
-    T* result = out + out_strides.at(b, h) + start + item.first();
+    T* result = scores.at(b, h) + start + item.first();
     if (live == n) {
       spmd::store(result, sum);
     } else {
@@ -114,16 +120,8 @@ template <class T, int rows, int group_size, int sg_size>
 struct attn_value_fp8_matmul_kernel {
   static constexpr int sub_group_size = sg_size;
 
-  const T* attn;
-  const std::uint8_t* value;
-  T* out;
-  outer_strides attn_strides;
-  outer_strides value_strides;
+  attention_operands<T> operands;
   std::int64_t value_row;
-  outer_strides out_strides;
-  std::int64_t length;
-  std::size_t heads_per_kv;
-  sycl::local_accessor<T, 2> local;
 
   template <class Item>
   void operator()(const Item& item) const {
@@ -131,8 +129,9 @@ struct attn_value_fp8_matmul_kernel {
     // Assign
     const std::size_t b = item.get_group(0), h = item.get_group(1);
     const auto first_row = static_cast<std::int64_t>(item.get_group(2)) * rows;
-    const T* weights = attn + attn_strides.at(b, h);
-    const std::uint8_t* values = value + value_strides.at(b, h / heads_per_kv) + first_row * value_row;
+    const auto& [attn, cache, mixes, length, heads_per_kv, local] = operands;
+    const T* weights = attn.at(b, h);
+    const std::uint8_t* values = cache.at(b, h / heads_per_kv) + first_row * value_row;
     T* partial = local.get(item);
     // Walk: positions are dealt to the work-items in turn
     std::array<spmd::varying<T, Item>, rows> part;
@@ -153,7 +152,7 @@ struct attn_value_fp8_matmul_kernel {
     for (int r = 0; r < rows; ++r) spmd::store(partial + r * group_size + item.first(), part[r]);
     item.barrier();
     // Write: the first work-items sum up one row each
-    T* result = out + out_strides.at(b, h) + first_row;
+    T* result = mixes.at(b, h) + first_row;
     const int end = std::min(rows, item.first() + n);
     std::array<T, rows> sum;
     sum.fill(T(0.0f));
@@ -240,11 +239,10 @@ at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key) 
     const auto padded = static_cast<std::size_t>((length + rows - 1) / rows * rows);
     submit(query.device(), [&](sycl::handler& command) {
       const sycl::local_accessor<T, 2> local({rows, group_size}, command);
-      command.parallel_for(sycl::nd_range<3>({batch, num_heads, padded}, {1, 1, group_size}),
-                           query_key_fp8_matmul_kernel<T, rows, head_size, group_size, sg_size>{
-                               elements<T>(query), key.data_ptr<std::uint8_t>(), elements<T>(result),
-                               strides_of(query), strides_of(key), strides_of(result), length,
-                               static_cast<std::size_t>(num_heads / num_kv_heads), local});
+      command.parallel_for(
+          sycl::nd_range<3>({batch, num_heads, padded}, {1, 1, group_size}),
+          query_key_fp8_matmul_kernel<T, rows, head_size, group_size, sg_size>{
+              {query, key, result, length, static_cast<std::size_t>(num_heads / num_kv_heads), local}});
     });
   });
   return result;
@@ -272,11 +270,11 @@ at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value
     const auto items = static_cast<std::size_t>(head_dim / rows * group_size);
     submit(attn.device(), [&](sycl::handler& command) {
       const sycl::local_accessor<T, 2> local({rows, group_size}, command);
-      command.parallel_for(sycl::nd_range<3>({batch, num_heads, items}, {1, 1, group_size}),
-                           attn_value_fp8_matmul_kernel<T, rows, group_size, sg_size>{
-                               elements<T>(attn), value.data_ptr<std::uint8_t>(), elements<T>(result),
-                               strides_of(attn), strides_of(value), value.stride(2), strides_of(result),
-                               length, static_cast<std::size_t>(num_heads / num_kv_heads), local});
+      command.parallel_for(
+          sycl::nd_range<3>({batch, num_heads, items}, {1, 1, group_size}),
+          attn_value_fp8_matmul_kernel<T, rows, group_size, sg_size>{
+              {attn, value, result, length, static_cast<std::size_t>(num_heads / num_kv_heads), local},
+              value.stride(2)});
     });
   });
   return result;

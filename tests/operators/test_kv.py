@@ -14,6 +14,7 @@ tolvane = pytest.importorskip("tolvane")
 kelvor_xpu = pytest.importorskip("kelvor_xpu")
 
 import arithmetic  # noqa: E402
+from device_names import DEVICE_NAMES  # noqa: E402
 from kv_cases import CASES, Case, data, run  # noqa: E402
 from quarn.fp8_cache import FP8Cache, decode_fp8, encode_fp8  # noqa: E402
 
@@ -68,7 +69,7 @@ def test_against_the_stated_order(case):
     check(case, run(case))
 
 
-@pytest.mark.parametrize("name", ["Rack GPU Summit", "Vela(TM) A770", "Rack GPU Ridge", "IGX"])
+@pytest.mark.parametrize("name", DEVICE_NAMES)
 def test_device_classes_and_guard_pages(in_process, name):
     results = in_process("kv_cases.py", KELVOR_XPU_DEVICE_NAME=name, KELVOR_XPU_GUARD_PAGES="1")
     for case in CASES:

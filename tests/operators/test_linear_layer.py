@@ -10,13 +10,12 @@ tolvane = pytest.importorskip("tolvane")
 kelvor_xpu = pytest.importorskip("kelvor_xpu")
 
 import arithmetic  # noqa: E402
+from device_names import DEVICE_NAMES  # noqa: E402
 from linear_cases import BATCH_LIMIT, Case, activations, cases, forward, tensors, weight  # noqa: E402
 from linear_routes import BLOCK_BYTES, CALLS, DENSE, FEW, ONE  # noqa: E402
 from matvec_reference import dense, dot_rows  # noqa: E402
 from packed import FORMATS, Weight, random_weight  # noqa: E402
 
-# In the order of their classes, 0 to 5.
-DEVICE_NAMES = ["Rack GPU Summit 1550", "Vela(TM) A770", "Rack GPU Ridge 1100", "some other", "Vela(TM) 9", "IGX 3"]
 
 
 def exact_elements(w: Weight) -> tuple[np.ndarray, np.ndarray]:

@@ -15,11 +15,11 @@ tolvane = pytest.importorskip("tolvane")
 kelvor_xpu = pytest.importorskip("kelvor_xpu")
 
 import arithmetic  # noqa: E402
+from device_names import DEVICE_NAMES  # noqa: E402
 from matvec_reference import dot_rows  # noqa: E402
 from mlp_cases import Case, activations, cases, run, weights  # noqa: E402
 from mlp_reference import gated  # noqa: E402
 
-DEVICE_NAMES = ["Rack GPU Summit 1550", "Vela(TM) A770", "Rack GPU Ridge 1100", "some other", "Vela(TM) 9", "IGX 3"]
 
 
 def sampled_rows(case: Case) -> np.ndarray:

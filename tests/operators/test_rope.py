@@ -10,6 +10,7 @@ tolvane = pytest.importorskip("tolvane")
 kelvor_xpu = pytest.importorskip("kelvor_xpu")
 
 import arithmetic  # noqa: E402
+from device_names import DEVICE_NAMES  # noqa: E402
 import rope_reference as reference  # noqa: E402
 from rope_cases import CASES, TYPES, Case, by_position, by_tables, tables  # noqa: E402
 
@@ -149,8 +150,8 @@ def test_readings_guard_pages_and_device_classes_agree(in_process):
     others = {
         "one lane": in_process("rope_cases.py", one_lane=True),
         "guarded": in_process("rope_cases.py", KELVOR_XPU_GUARD_PAGES="1"),
-        "summit": in_process("rope_cases.py", KELVOR_XPU_DEVICE_NAME="Rack GPU Summit"),
-        "igx": in_process("rope_cases.py", KELVOR_XPU_DEVICE_NAME="IGX", KELVOR_XPU_MAX_WORK_GROUP_SIZE="256"),
+        "small groups": in_process("rope_cases.py", KELVOR_XPU_MAX_WORK_GROUP_SIZE="256"),
+        **{name: in_process("rope_cases.py", KELVOR_XPU_DEVICE_NAME=name) for name in DEVICE_NAMES},
     }
     for name, values in plain.items():
         for kind, other in others.items():
@@ -224,6 +225,23 @@ def test_refuses_tables_types_and_devices():
     refused(both, [*arguments[:4], arguments[4].half()], "k_out must be of Float, as q is, but is of Half")
     overlapping = xpu(1, 2, 1, 8).expand(1, 2, 2, 8)
     refused(both, [*arguments[:3], overlapping, arguments[4]], "more than one element of the written-to tensor")
+
+
+def test_up_to_twelve_dimensions_that_do_not_join():
+    def crossed(dims: int) -> tuple[torch.Tensor, ...]:
+        """A tensor whose dimensions lie in memory in reverse, its tables, and an output."""
+        random = torch.Generator().manual_seed(dims)
+        x = torch.rand([2] * dims, generator=random).permute(*reversed(range(dims)))
+        return x, x.sin(), x.cos(), torch.zeros([2] * dims)
+
+    x, sin, cos, out = (t.to("xpu") for t in crossed(12))
+    cached(x, x, sin, cos, out, torch.empty_like(out))
+    low, high = x.cpu().unbind(-1)
+    sines, cosines = sin.cpu()[..., 0], cos.cpu()[..., 0]
+    expected = torch.stack([cosines * low - sines * high, cosines * high + sines * low], dim=-1)
+    torch.testing.assert_close(out.cpu(), expected)
+    x, sin, cos, out = (t.to("xpu") for t in crossed(13))
+    refused(cached, [x, x, sin, cos, out, torch.empty_like(out)], r"^tensor has too many \(>12\) dims")
 
 
 def test_profiler_scopes():

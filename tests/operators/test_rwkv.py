@@ -11,6 +11,7 @@ kelvor_xpu = pytest.importorskip("kelvor_xpu")
 
 import arithmetic  # noqa: E402
 import rwkv_reference  # noqa: E402
+from device_names import DEVICE_NAMES  # noqa: E402
 from rwkv_cases import PAIRS, SHIFT_SIZES, V4_SIZES, V5_SIZES  # noqa: E402
 from rwkv_cases import on_xpu, results, shift_data, v4_data, v5_data  # noqa: E402
 
@@ -58,7 +59,7 @@ def test_shifts_larger_than_the_caches(activations, parameters):
     np.testing.assert_array_equal(out.cpu().float().numpy(), expected.astype(np.float32))
 
 
-@pytest.mark.parametrize("name", ["Rack GPU Summit", "Vela(TM) A770", "other"])
+@pytest.mark.parametrize("name", DEVICE_NAMES)
 def test_against_the_stated_order(in_process, name):
     check(in_process("rwkv_cases.py", KELVOR_XPU_DEVICE_NAME=name, KELVOR_XPU_GUARD_PAGES="1"))
 

@@ -3,18 +3,15 @@
 // gangs of lanes in lockstep.
 //
 // What a kernel functor may declare besides its operator():
-//   static constexpr int sub_group_size    the required sub-group size (16 or 32)
-//   static constexpr bool uses_sub_group   true if it calls sub-group operations: a gang is then one
-//   sub-group;
-//                                          otherwise it is as wide as pays, whatever sub-group size is
-//                                          required
-//   static constexpr bool waits            false if no gang ever waits for another one, as at a barrier: the
-//                                          gangs of a group then follow each other without the means to take
-//                                          turns
-//   void prepare(host::arena&)             called once per submission, before the work-groups, on the
-//   launch's own
-//                                          copy of the functor: lays out what all groups read in the order of
-//                                          lanes
+// - static constexpr int sub_group_size: the required sub-group size, 16 or 32.
+// - static constexpr bool uses_sub_group: true if it calls sub-group operations; a gang is then one
+// sub-group,
+//   otherwise as wide as pays, whatever sub-group size is required.
+// - static constexpr bool waits: false if no gang ever waits for another one, as at a barrier; the gangs of a
+//   group then follow each other without the means to take turns.
+// - void prepare(host::arena&): called once per submission, before the work-groups, on the launch's own copy
+// of
+//   the functor; lays out what all groups read in the order of lanes.
 
 #include <algorithm>
 #include <array>
