@@ -53,21 +53,17 @@ struct rotated {
     return start;
   }
 
-  /// Turns `width` pairs, from `column` on, of the row at `start`; several stand side by side.
+  /// The turned pairs of `width` columns from `column` on, of the row at `start`; several stand side by side.
   template <int width, class Angle>
-  [[gnu::always_inline]] void turn_pairs(const std::array<T*, NARGS>& start, int column,
-                                         const Angle& angle) const {
-    const int half_dim = static_cast<int>(head_size >> 1);
-    const auto place = [&](int a, int c) [[gnu::always_inline]] {
-      return start[a] + (width > 1 ? c : static_cast<std::int64_t>(c) * offsets.strides_[0][a]);
-    };
+  [[gnu::always_inline]] auto turned(const std::array<T*, NARGS>& start, int half_dim, int column,
+                                     const Angle& angle) const {
     const auto read = [&](int a, int c) [[gnu::always_inline]] {
-      return spmd::convert<float>(spmd::load<width>(place(a, c)));
+      const auto step = width > 1 ? 1 : static_cast<std::int64_t>(offsets.strides_[0][a]);
+      return spmd::convert<float>(spmd::load<width>(start[a] + c * step));
     };
     const auto x0 = read(1, column), x1 = read(1, column + half_dim);
     const auto [sine, cosine] = angle(std::integral_constant<int, width>(), column, read);
-    spmd::store(place(0, column), cosine * x0 - sine * x1);
-    spmd::store(place(0, column + half_dim), cosine * x1 + sine * x0);
+    return std::array{spmd::mad(cosine, x0, -(sine * x1)), spmd::mad(cosine, x1, sine * x0)};
   }
 
   /// Turns the pairs of row r. `angle(width, column, read)` gives the sines and cosines of some columns;
@@ -80,10 +76,28 @@ struct rotated {
         std::ranges::all_of(offsets.strides_[0], [](std::uint32_t stride) { return stride == 1; });
     int column = item.first();
     if constexpr (run > 1) {
-      for (; side_by_side && column + run <= half_dim; column += run) turn_pairs<run>(start, column, angle);
+      T* const out = start[0];
+      if constexpr (std::same_as<T, bfloat16>) {  // whose stores share shuffles by 16
+        for (; side_by_side && column + 2 * run <= half_dim; column += 2 * run) {
+          const auto low = turned<run>(start, half_dim, column, angle);
+          const auto high = turned<run>(start, half_dim, column + run, angle);
+          spmd::store(out + column, spmd::lanes<float, 2 * run>(low[0], high[0]));
+          spmd::store(out + column + half_dim, spmd::lanes<float, 2 * run>(low[1], high[1]));
+        }
+      }
+      for (; side_by_side && column + run <= half_dim; column += run) {
+        const auto values = turned<run>(start, half_dim, column, angle);
+        spmd::store(out + column, values[0]);
+        spmd::store(out + column + half_dim, values[1]);
+      }
     }
     const int step = Item::lanes == 1 ? item.group_size() : 1;
-    for (; column < half_dim; column += step) turn_pairs<1>(start, column, angle);
+    const auto stride = static_cast<std::int64_t>(offsets.strides_[0][0]);
+    for (; column < half_dim; column += step) {
+      const auto values = turned<1>(start, half_dim, column, angle);
+      spmd::store(start[0] + column * stride, values[0]);
+      spmd::store(start[0] + (column + half_dim) * stride, values[1]);
+    }
   }
 };
 
@@ -149,13 +163,13 @@ struct position_angles {
   [[gnu::always_inline]] auto of_row(std::uint32_t r, std::uint32_t rows_per_batch) const {
     const std::uint32_t b = batch == 1 ? 0 : r / rows_per_batch, s = r % seq;
     const float* const sines = table == nullptr ? nullptr : table + (b * seq + s) * 2 * row_floats();
-    return [this, b, s, sines]<int width>(std::integral_constant<int, width>, int column, const auto&)
-               [[gnu::always_inline]] {
-                 if (sines == nullptr) return angle<width>(position(b, s), column);
-                 const auto sine = spmd::load<width>(sines + column);
-                 return sine_and_cosine<std::remove_const_t<decltype(sine)>>{
-                     sine, spmd::load<width>(sines + row_floats() + column)};
-               };
+    const float* const cosines = sines + row_floats();
+    return [this, b, s, sines, cosines]<int width>(std::integral_constant<int, width>, int column,
+                                                   const auto&) [[gnu::always_inline]] {
+      if (sines == nullptr) return angle<width>(position(b, s), column);
+      const auto sine = spmd::load<width>(sines + column);
+      return sine_and_cosine<std::remove_const_t<decltype(sine)>>{sine, spmd::load<width>(cosines + column)};
+    };
   }
 };
 
