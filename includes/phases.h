@@ -4,8 +4,8 @@
 
 namespace tolvane {
 
-/// Whether a kernel whose only barriers are those of its phases has any.
-inline constexpr bool phases_wait = HOST_SYCL_LANES == 1;
+/// What a kernel that consists of phases declares as first_gang_works.
+inline constexpr bool first_gang_runs_phases = HOST_SYCL_LANES > 1;
 
 /// Runs body(item) for all work-items of the group, and then a barrier. What lives from one phase to the next
 /// stands in memory. Where gangs have many lanes, the first one goes through the body for all gangs in turn:
@@ -15,7 +15,7 @@ template <class Item, class Body>
   if constexpr (Item::lanes == 1) {
     body(item);
     item.barrier();
-  } else if (item.first() == 0) {
+  } else {
     const int gangs = (item.group_size() + Item::lanes - 1) / Item::lanes;
     for (int gang = 0; gang < gangs; ++gang) body(Item(item.group_state(), gang));
   }

@@ -231,7 +231,7 @@ template <class T, class index_t, int vec, bool is_rms>
 struct fused_norm_kernel1 {
   static constexpr bool uses_sub_group = true;
   static constexpr int sub_group_size = 32;
-  static constexpr bool waits = phases_wait;
+  static constexpr bool first_gang_works = first_gang_runs_phases;
   row_norm<T, vec, is_rms> norm;
 
   template <class Item>

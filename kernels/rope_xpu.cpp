@@ -25,12 +25,9 @@ constexpr std::int64_t max_local = 64;
 /// Columns that are turned together where they stand side by side: a register of floats.
 constexpr int run = HOST_SYCL_LANES == 1 ? 1 : 8;
 
-/// Whether the gang has columns to turn. Where gangs have many lanes the first one takes all columns of a
-/// row: finding the row costs as much as turning 32 of its pairs.
-template <class Item>
-bool has_columns(const Item& item) {
-  return Item::lanes == 1 || item.first() == 0;
-}
+/// Where gangs have many lanes the first one takes all columns of a row: finding the row costs as much as
+/// turning 32 of its pairs.
+constexpr bool first_gang_turns_all = HOST_SYCL_LANES > 1;
 
 template <class V>
 struct sine_and_cosine {
@@ -176,7 +173,6 @@ struct position_angles {
 /// Calls body(row) for every row of the item's work-group.
 template <class Item, class Body>
 [[gnu::always_inline]] inline void for_rows(const Item& item, std::int64_t rows, const Body& body) {
-  if (!has_columns(item)) return;
   const auto groups = static_cast<std::int64_t>(item.get_group_range(1));
   for (auto row = static_cast<std::int64_t>(item.get_group(1)); row < rows; row += groups) body(row);
 }
@@ -184,6 +180,7 @@ template <class Item, class Body>
 template <class T>
 struct apply_rotary_embedding_half_kernel_q_and_k {
   static constexpr bool waits = false;
+  static constexpr bool first_gang_works = first_gang_turns_all;
   std::int64_t q_rows, rows;
   rotated<T, 2> q, k;
   std::uint32_t q_seq, k_seq;
@@ -204,6 +201,7 @@ struct apply_rotary_embedding_half_kernel_q_and_k {
 template <class T>
 struct apply_rotary_embedding_half_kernel_q_or_k {
   static constexpr bool waits = false;
+  static constexpr bool first_gang_works = first_gang_turns_all;
   std::int64_t rows;
   rotated<T, 2> x;
   std::uint32_t x_seq;
@@ -230,6 +228,7 @@ struct apply_rotary_embedding_half_kernel_q_or_k {
 template <class T>
 struct apply_rotary_embedding_half_kernel_cache_freq {
   static constexpr bool waits = false;
+  static constexpr bool first_gang_works = first_gang_turns_all;
   std::int64_t q_rows, rows;
   rotated<T, 4> q, k;
 

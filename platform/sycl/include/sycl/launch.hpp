@@ -9,6 +9,9 @@
 //   otherwise as wide as pays, whatever sub-group size is required.
 // - static constexpr bool waits: false if no gang ever waits for another one, as at a barrier; the gangs of a
 //   group then follow each other without the means to take turns.
+// - static constexpr bool first_gang_works: true if the first gang of a group does the work of all its
+// work-items;
+//   the others are then not run.
 // - void prepare(host::arena&): called once per submission, before the work-groups, on the launch's own copy
 // of
 //   the functor; lays out what all groups read in the order of lanes.
@@ -95,6 +98,13 @@ constexpr bool may_wait() {
   return true;
 }
 
+/// Whether the first gang of a group does the work of all.
+template <class Kernel>
+constexpr bool first_gang_works() {
+  if constexpr (requires { Kernel::first_gang_works; }) return Kernel::first_gang_works;
+  return false;
+}
+
 /// One gang of one work-group: the kernel's whole body is inlined here.
 template <int D, class Kernel>
 [[gnu::flatten, gnu::noinline]] void run_gang(const Kernel& kernel, const group_state<D>& group, int gang) {
@@ -118,7 +128,7 @@ void launch(const nd_range<D>& range, const Kernel& original, std::size_t local_
   if constexpr (requires { kernel.prepare(memory); }) kernel.prepare(memory);
 
   const auto items = static_cast<int>(range.get_local_range().size());
-  const int gangs = (items + lanes - 1) / lanes;
+  const int gangs = first_gang_works<Kernel>() ? 1 : (items + lanes - 1) / lanes;
   const auto run_groups = [&](std::size_t begin, std::size_t end) {
     gang_ring& ring = gang_ring::of_this_thread();
     std::byte* local = local_memory(local_bytes + static_cast<std::size_t>(items) * 16);
