@@ -81,17 +81,18 @@ struct row_norm {
   const T* beta;
   T* y;
 
-  /// Calls body(e, live) for each run of elements from e on that the gang's work-items hold.
+  /// Calls body(e, live) for each run of elements from e on that the work-item holds; a gang of many lanes
+  /// goes through the whole row, for all of the group.
   template <class Item, class Body>
   [[gnu::always_inline]] void for_runs(const Item& item, const Body& body) const {
     constexpr int width = Item::lanes;
-    for (int start = item.first() * vec; start < n; start += wg * vec) {
-      int e = start;
-      const int end = std::min(e + item.live() * vec, n);
-      for (; e + width <= end; e += width) body(e, spmd::all_lanes<width>());
-      if constexpr (width > 1) {
-        if (e < end) body(e, spmd::first_lanes{end - e});
-      }
+    if constexpr (width == 1) {
+      for (int start = item.first() * vec; start < n; start += wg * vec)
+        for (int e = start; e < start + vec; ++e) body(e, spmd::all_lanes<1>());
+    } else {
+      int e = 0;
+      for (; e + width <= n; e += width) body(e, spmd::all_lanes<width>());
+      if (e < n) body(e, spmd::first_lanes{n - e});
     }
   }
 
@@ -179,8 +180,8 @@ struct row_norm {
     const T* const elements = (add1 != nullptr ? y : x) + row;
 
     // First pass
+    if (add1 != nullptr) add(item, row);
     phase(item, [&](const Item& gang) [[gnu::always_inline]] {
-      if (add1 != nullptr) add(gang, row);
       const auto own = moments_of(gang, elements);
       const auto group = sycl::this_sub_group(gang);
       const auto [sum, square] =
@@ -199,29 +200,27 @@ struct row_norm {
       squares[0] = reciprocal_root(is_rms ? square / count : (square - sum * sum / count) / count);
     });
     // Second pass
-    phase(item, [&](const Item& gang) [[gnu::always_inline]] {
-      constexpr int width = Item::lanes;
-      const A mean = sums[0];
-      const A rstd = squares[0];
-      const T* const scale = gamma;
-      const T* const shift = beta;
-      T* const out = y + row;
-      for_runs(gang, [&](int e, auto live) [[gnu::always_inline]] {
-        const auto widened = [&](const T* p) [[gnu::always_inline]] {
-          return spmd::convert<A>(spmd::load<width>(p + e, live));
-        };
-        auto t = widened(elements);
-        if constexpr (!is_rms) t = t - mean;
-        t = t * rstd;
-        if (scale != nullptr && shift != nullptr) {
-          t = spmd::mad(t, widened(scale), widened(shift));
-        } else if (scale != nullptr) {
-          t = t * widened(scale);
-        } else if (shift != nullptr) {
-          t = t + widened(shift);
-        }
-        spmd::store(out + e, t, live);
-      });
+    constexpr int width = Item::lanes;
+    const A mean = sums[0];
+    const A rstd = squares[0];
+    const T* const scale = gamma;
+    const T* const shift = beta;
+    T* const out = y + row;
+    for_runs(item, [&](int e, auto live) [[gnu::always_inline]] {
+      const auto widened = [&](const T* p) [[gnu::always_inline]] {
+        return spmd::convert<A>(spmd::load<width>(p + e, live));
+      };
+      auto t = widened(elements);
+      if constexpr (!is_rms) t = t - mean;
+      t = t * rstd;
+      if (scale != nullptr && shift != nullptr) {
+        t = spmd::mad(t, widened(scale), widened(shift));
+      } else if (scale != nullptr) {
+        t = t * widened(scale);
+      } else if (shift != nullptr) {
+        t = t + widened(shift);
+      }
+      spmd::store(out + e, t, live);
     });
   }
 };
