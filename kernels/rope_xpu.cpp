@@ -50,13 +50,14 @@ struct rotated {
     return start;
   }
 
-  /// The turned pairs of `width` columns from `column` on, of the row at `start`; several stand side by side.
-  template <int width, class Angle>
+  /// The turned pairs of `width` columns from `column` on, of the row at `start`. load(p) gives the elements
+  /// of several columns, which stand side by side, from the first one's place on.
+  template <int width, class Angle, class Load>
   [[gnu::always_inline]] auto turned(const std::array<T*, NARGS>& start, int half_dim, int column,
-                                     const Angle& angle) const {
+                                     const Angle& angle, const Load& load) const {
     const auto read = [&](int a, int c) [[gnu::always_inline]] {
       const auto step = width > 1 ? 1 : static_cast<std::int64_t>(offsets.strides_[0][a]);
-      return spmd::convert<float>(spmd::load<width>(start[a] + c * step));
+      return load(start[a] + c * step);
     };
     const auto x0 = read(1, column), x1 = read(1, column + half_dim);
     const auto [sine, cosine] = angle(std::integral_constant<int, width>(), column, read);
@@ -74,16 +75,31 @@ struct rotated {
     int column = item.first();
     if constexpr (run > 1) {
       T* const out = start[0];
-      if constexpr (std::same_as<T, bfloat16>) {  // whose stores share shuffles by 16
+      const auto load = [](const T* p)
+                            [[gnu::always_inline]] { return spmd::convert<float>(spmd::load<run>(p)); };
+      if constexpr (std::same_as<T, bfloat16>) {  // whose loads and stores are cheaper by 16
+        using both = spmd::lanes<float, 2 * run>;
         for (; side_by_side && column + 2 * run <= half_dim; column += 2 * run) {
-          const auto low = turned<run>(start, half_dim, column, angle);
-          const auto high = turned<run>(start, half_dim, column + run, angle);
-          spmd::store(out + column, spmd::lanes<float, 2 * run>(low[0], high[0]));
-          spmd::store(out + column + half_dim, spmd::lanes<float, 2 * run>(low[1], high[1]));
+          if constexpr (NARGS == 4) {  // all operands are tensors: any order of columns will do
+            const auto split = [](const T* p) [[gnu::always_inline]] {
+              return spmd::convert<float>(spmd::load_split<2 * run>(p));
+            };
+            const auto even = turned<run>(start, half_dim, column, angle,
+                                          [&](const T* p) [[gnu::always_inline]] { return split(p).lo; });
+            const auto odd = turned<run>(start, half_dim, column, angle,
+                                         [&](const T* p) [[gnu::always_inline]] { return split(p).hi; });
+            spmd::stream_split(out + column, both(even[0], odd[0]), false);
+            spmd::stream_split(out + column + half_dim, both(even[1], odd[1]), false);
+          } else {
+            const auto low = turned<run>(start, half_dim, column, angle, load);
+            const auto high = turned<run>(start, half_dim, column + run, angle, load);
+            spmd::store(out + column, both(low[0], high[0]));
+            spmd::store(out + column + half_dim, both(low[1], high[1]));
+          }
         }
       }
       for (; side_by_side && column + run <= half_dim; column += run) {
-        const auto values = turned<run>(start, half_dim, column, angle);
+        const auto values = turned<run>(start, half_dim, column, angle, load);
         spmd::store(out + column, values[0]);
         spmd::store(out + column + half_dim, values[1]);
       }
@@ -91,7 +107,9 @@ struct rotated {
     const int step = Item::lanes == 1 ? item.group_size() : 1;
     const auto stride = static_cast<std::int64_t>(offsets.strides_[0][0]);
     for (; column < half_dim; column += step) {
-      const auto values = turned<1>(start, half_dim, column, angle);
+      const auto values = turned<1>(start, half_dim, column, angle, [](const T* p) [[gnu::always_inline]] {
+        return spmd::convert<float>(spmd::load<1>(p));
+      });
       spmd::store(start[0] + column * stride, values[0]);
       spmd::store(start[0] + (column + half_dim) * stride, values[1]);
     }
