@@ -178,7 +178,7 @@ struct position_angles {
   [[gnu::always_inline]] auto of_row(std::uint32_t r, std::uint32_t rows_per_batch) const {
     const std::uint32_t b = batch == 1 ? 0 : r / rows_per_batch, s = r % seq;
     const float* const sines = table == nullptr ? nullptr : table + (b * seq + s) * 2 * row_floats();
-    const float* const cosines = sines + row_floats();
+    const float* const cosines = table == nullptr ? nullptr : sines + row_floats();
     return [this, b, s, sines, cosines]<int width>(std::integral_constant<int, width>, int column,
                                                    const auto&) [[gnu::always_inline]] {
       if (sines == nullptr) return angle<width>(position(b, s), column);

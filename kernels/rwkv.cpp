@@ -181,17 +181,17 @@ struct rwkv_time_shift_kernel {
     };
     const auto wide = [](const vec& v) [[gnu::always_inline]] { return spmd::convert<float>(v); };
     const vec x = read(hidden + at), s = read(shifted + at), difference = x - s;
-    // The results' type may be that of any member: these are read once.
+    // Read once: for all that the compiler knows, a store of the result may change a member.
     const std::int64_t count = mixes, step = channels, plane = batch * tokens * channels;
     const bool past_caches = streams;
     const MT* factor = mix + c;
-    const IT* rest = rests + c;
     IT* to = out + at;
     // Walk, Write
-    for (std::int64_t m = 0; m < count; ++m, factor += step, rest += step, to += plane) {
+    for (std::int64_t m = 0; m < count; ++m, factor += step, to += plane) {
       const vec a = spmd::convert<IT>(read(factor));
       if constexpr (by_products) {
-        spmd::stream_split(to, spmd::mad(wide(x), wide(a), wide(s * read(rest))), past_caches);
+        const vec rest = read(rests + (factor - mix));
+        spmd::stream_split(to, spmd::mad(wide(x), wide(a), wide(s * rest)), past_caches);
       } else {
         spmd::stream(to, spmd::mad(wide(a), wide(difference), wide(s)), past_caches);
       }

@@ -4,17 +4,14 @@
 //
 // What a kernel functor may declare besides its operator():
 // - static constexpr int sub_group_size: the required sub-group size, 16 or 32.
-// - static constexpr bool uses_sub_group: true if it calls sub-group operations; a gang is then one
-// sub-group,
-//   otherwise as wide as pays, whatever sub-group size is required.
-// - static constexpr bool waits: false if no gang ever waits for another one, as at a barrier; the gangs of a
+// - static constexpr bool uses_sub_group: true if it calls sub-group operations. A gang is then a sub-group,
+//   and else as wide as pays, whatever sub-group size is required.
+// - static constexpr bool waits: false if no gang ever waits for another one, as at a barrier. The gangs of a
 //   group then follow each other without the means to take turns.
-// - static constexpr bool first_gang_works: true if the first gang of a group does the work of all its
-// work-items;
-//   the others are then not run.
+// - static constexpr bool first_gang_works: true if the first gang of a group does the work of all. The
+//   others are then not run.
 // - void prepare(host::arena&): called once per submission, before the work-groups, on the launch's own copy
-// of
-//   the functor; lays out what all groups read in the order of lanes.
+//   of the functor. It lays out what all groups read in the order of lanes.
 
 #include <algorithm>
 #include <array>
