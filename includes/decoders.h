@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
 
 namespace tolvane {
 
@@ -96,25 +96,22 @@ struct three_bit_layout {
     } else if constexpr (N > 8) {
       const packed<N / 2> a = load<N / 2>(row, first, spmd::lower_half(live));
       const packed<N / 2> b = load<N / 2>(row, first + N / 2, spmd::upper_half(live, N));
-      return {{a.low, b.low}, {a.upper, b.upper}};
+      return {spmd::joined(a.low, b.low), spmd::joined(a.upper, b.upper)};
     } else {
       // Two blocks; a row is a whole number of blocks, so that a block is there with all its lanes or not at
       // all.
       const std::uint8_t* at = row + static_cast<std::int64_t>(first / 4) * value_bytes;
-      const auto block_at = [&](int b) {
-        alignas(16) std::uint8_t bytes[32] = {};
-        if (live.count > 4 * b) {
-          spmd::checked(at + b * value_bytes, value_bytes);
-          std::memcpy(bytes, at + b * value_bytes, value_bytes);
-        }
-        return std::array{_mm_loadl_epi64(reinterpret_cast<const __m128i*>(bytes)),
-                          _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + 8))};
-      };
-      const auto a = block_at(0), b = block_at(1);
-      const __m256i upper = _mm256_cvtepu16_epi32(_mm_unpacklo_epi64(a[0], b[0]));
-      using words = spmd::native<std::uint32_t>;
-      return {spmd::lanes<std::uint32_t, 8>(reinterpret_cast<words>(_mm256_set_m128i(b[1], a[1]))),
-              spmd::lanes<std::uint32_t, 8>(reinterpret_cast<words>(upper))};
+      std::uint64_t upper[2] = {};
+      std::uint32_t low[8] = {};
+      for (int b = 0; b < 2; ++b) {
+        if (live.count <= 4 * b) continue;
+        spmd::checked(at + b * value_bytes, value_bytes);
+        std::memcpy(upper + b, at + b * value_bytes, 8);
+        std::memcpy(low + 4 * b, at + b * value_bytes + 8, 16);
+      }
+      using words = spmd::lanes<std::uint32_t, 8>;
+      return {words(spmd::loaded<spmd::vec<std::uint32_t, 8>>(low)),
+              words(spmd::target::widened(spmd::loaded<spmd::vec<std::uint16_t, 8>>(upper)))};
     }
   }
   template <class Format, class T, int N, int K>

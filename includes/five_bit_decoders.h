@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <utility>
 
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
 
 namespace tolvane {
 

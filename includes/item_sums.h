@@ -6,50 +6,44 @@
 #include <array>
 
 #include "sycl/group.hpp"
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
 
 namespace tolvane {
 
-using eight_floats = spmd::lanes<float, 8>;
-
-/// The 4 x 4 matrices of the lower and of the upper halves of four registers, transposed. 8 shuffles.
-[[gnu::always_inline]] inline std::array<eight_floats, 4> transposed_halves(const eight_floats* x) {
-  const __m256 ab0 = _mm256_unpacklo_ps(x[0].v, x[1].v), ab1 = _mm256_unpackhi_ps(x[0].v, x[1].v);
-  const __m256 cd0 = _mm256_unpacklo_ps(x[2].v, x[3].v), cd1 = _mm256_unpackhi_ps(x[2].v, x[3].v);
-  return {eight_floats(_mm256_shuffle_ps(ab0, cd0, 0x44)), eight_floats(_mm256_shuffle_ps(ab0, cd0, 0xEE)),
-          eight_floats(_mm256_shuffle_ps(ab1, cd1, 0x44)), eight_floats(_mm256_shuffle_ps(ab1, cd1, 0xEE))};
-}
+using spmd::eight_floats;
 
 /// Of eight work-items with Vec elements each, as they stand in memory, element j of all: the lanes are the
 /// work-items, in an order that `in_item_order` puts right. 0, 1, 2 or 3 shuffles per register for Vec 1, 2,
 /// 4, 8.
 template <int Vec>
-[[gnu::always_inline]] inline auto by_element(const std::array<eight_floats, Vec>& x) {
-  std::array<eight_floats, Vec> result = x;
+[[gnu::always_inline]] inline std::array<eight_floats, Vec> by_element(const std::array<eight_floats, Vec>& x) {
   if constexpr (Vec == 2) {
-    result = {eight_floats(_mm256_shuffle_ps(x[0].v, x[1].v, 0x88)),
-              eight_floats(_mm256_shuffle_ps(x[0].v, x[1].v, 0xDD))};
+    return {spmd::evens(x[0], x[1]), spmd::odds(x[0], x[1])};
   } else if constexpr (Vec == 4) {
-    result = transposed_halves(x.data());
+    return spmd::transposed_quarters(x.data());
   } else if constexpr (Vec == 8) {
-    const auto first = transposed_halves(x.data()), second = transposed_halves(x.data() + 4);
-    for (int j = 0; j < 4; ++j) {
-      result[j] = eight_floats(_mm256_permute2f128_ps(first[j].v, second[j].v, 0x20));
-      result[j + 4] = eight_floats(_mm256_permute2f128_ps(first[j].v, second[j].v, 0x31));
-    }
+    return spmd::transposed(x);
+  } else {
+    return x;
   }
-  return result;
 }
+using four_doubles = spmd::lanes<double, 4>;
+
+/// a0 b0 a2 b2, and a1 b1 a3 b3.
+[[gnu::always_inline]] inline four_doubles evens(const four_doubles& a, const four_doubles& b) {
+  return four_doubles(spmd::shuffled<4>(a.v, b.v, [](int l) { return l / 2 * 2 + l % 2 * 4; }));
+}
+[[gnu::always_inline]] inline four_doubles odds(const four_doubles& a, const four_doubles& b) {
+  return four_doubles(spmd::shuffled<4>(a.v, b.v, [](int l) { return l / 2 * 2 + 1 + l % 2 * 4; }));
+}
+
 template <int Vec>
 [[gnu::always_inline]] inline auto by_element(const std::array<spmd::lanes<double, 8>, Vec>& x) {
   static_assert(Vec <= 2);
-  using four = spmd::lanes<double, 4>;
   std::array<spmd::lanes<double, 8>, Vec> result = x;
   if constexpr (Vec == 2) {
-    result[0] = {four(_mm256_unpacklo_pd(x[0].lo.v, x[0].hi.v)),
-                 four(_mm256_unpacklo_pd(x[1].lo.v, x[1].hi.v))};
-    result[1] = {four(_mm256_unpackhi_pd(x[0].lo.v, x[0].hi.v)),
-                 four(_mm256_unpackhi_pd(x[1].lo.v, x[1].hi.v))};
+    const auto a = spmd::lower(x[0]), b = spmd::upper(x[0]), c = spmd::lower(x[1]), d = spmd::upper(x[1]);
+    result = {spmd::joined(evens(a, b), evens(c, d)), spmd::joined(odds(a, b), odds(c, d))};
   }
   return result;
 }
@@ -62,35 +56,45 @@ requires(!spmd::is_lanes<A>) const std::array<A, Vec>& by_element(const std::arr
 template <int Vec>
 [[gnu::always_inline]] inline eight_floats in_item_order(const eight_floats& x) {
   if constexpr (Vec == 2) {
-    return eight_floats(_mm256_permutevar8x32_ps(x.v, _mm256_setr_epi32(0, 1, 4, 5, 2, 3, 6, 7)));
+    return eight_floats(spmd::shuffled<8>(x.v, [](int l) { return l / 4 * 2 + l % 4 / 2 * 4 + l % 2; }));
   } else if constexpr (Vec == 4) {
-    return eight_floats(_mm256_permutevar8x32_ps(x.v, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
+    return eight_floats(spmd::shuffled<8>(x.v, [](int l) { return l / 2 + l % 2 * 4; }));
   } else {
     return x;
   }
+}
+[[gnu::always_inline]] inline four_doubles middle_swapped(const four_doubles& x) {
+  return four_doubles(spmd::shuffled<4>(x.v, [](int l) { return l % 2 * 2 + l / 2; }));
 }
 template <int Vec>
 [[gnu::always_inline]] inline spmd::lanes<double, 8> in_item_order(const spmd::lanes<double, 8>& x) {
-  using four = spmd::lanes<double, 4>;
   if constexpr (Vec == 2) {
-    return {four(_mm256_permute4x64_pd(x.lo.v, 0xD8)), four(_mm256_permute4x64_pd(x.hi.v, 0xD8))};
+    return spmd::joined(middle_swapped(spmd::lower(x)), middle_swapped(spmd::upper(x)));
   } else {
     return x;
   }
 }
+
+/// Neighbours of `a` added up, and those of `b`, 64 bits of each in turn (of doubles one sum, of floats two).
+template <int N>
+[[gnu::always_inline]] inline spmd::lanes<float, N> neighbours_added(const spmd::lanes<float, N>& a,
+                                                                     const spmd::lanes<float, N>& b) {
+  return spmd::evens(a, b) + spmd::odds(a, b);
+}
+[[gnu::always_inline]] inline four_doubles neighbours_added(const four_doubles& a, const four_doubles& b) {
+  return evens(a, b) + odds(a, b);
+}
+
 /// Lanes 2l and 2l + 1 added into lane l.
 template <class T, int N>
 [[gnu::always_inline]] inline spmd::lanes<T, N / 2> added_neighbours(const spmd::lanes<T, N>& x) {
-  if constexpr (N > 2 * spmd::native_lanes<T>) {
-    return {added_neighbours(x.lo), added_neighbours(x.hi)};
+  const auto low = spmd::lower(x), high = spmd::upper(x);
+  if constexpr (N * sizeof(T) > 64) {
+    return spmd::joined(added_neighbours(low), added_neighbours(high));
+  } else if constexpr (std::same_as<T, float>) {
+    return in_item_order<2>(neighbours_added(low, high));
   } else {
-    __m256d sums;  // 64 bits of the lower register and 64 of the upper one in turn
-    if constexpr (std::same_as<T, float>) {
-      sums = _mm256_castps_pd(_mm256_hadd_ps(x.lo.v, x.hi.v));
-    } else {
-      sums = _mm256_hadd_pd(x.lo.v, x.hi.v);
-    }
-    return spmd::lanes<T, N / 2>(reinterpret_cast<spmd::native<T>>(_mm256_permute4x64_pd(sums, 0xD8)));
+    return middle_swapped(neighbours_added(low, high));
   }
 }
 
@@ -100,15 +104,14 @@ template <class T, int N>
 template <class Item, class T, int N>
 [[gnu::always_inline]] inline T sum_from_neighbours(const sycl::sub_group<Item>& group,
                                                     const spmd::lanes<T, N>& x) {
-  if constexpr (N > spmd::native_lanes<T>) {
+  if constexpr (N * sizeof(T) > 32) {
     return sum_from_neighbours(group, added_neighbours(x));
   } else if constexpr (std::same_as<T, float>) {
-    const __m256 pairs = _mm256_hadd_ps(x.v, x.v);
-    const __m256 quads = _mm256_hadd_ps(pairs, pairs);
-    return quads[0] + quads[4];
+    const auto pairs = neighbours_added(x, x), quads = neighbours_added(pairs, pairs);
+    return quads.v[0] + quads.v[4];
   } else {
-    const __m256d pairs = _mm256_hadd_pd(x.v, x.v);
-    return pairs[0] + pairs[2];
+    const auto pairs = neighbours_added(x, x);
+    return pairs.v[0] + pairs.v[2];
   }
 }
 template <class Item, class T>
@@ -128,30 +131,31 @@ template <int Vec, class Item>
 [[gnu::always_inline]] inline std::array<float, 2> two_sums_from_neighbours(const sycl::sub_group<Item>&,
                                                                             std::array<eight_floats, 4> x,
                                                                             std::array<eight_floats, 4> y) {
-  __m128 sums;  // x, y
+  using four_floats = spmd::lanes<float, 4>;
+  four_floats sums;  // x, y
   if constexpr (Vec == 4) {
     // Neighbours stand in a register's two halves.
     const auto by_pair = [](const std::array<eight_floats, 4>& z) [[gnu::always_inline]] {
-      const auto halves_added = [](__m256 a, __m256 b) [[gnu::always_inline]] {
-        return _mm256_permute2f128_ps(a, b, 0x20) + _mm256_permute2f128_ps(a, b, 0x31);
+      const auto halves_added = [](const eight_floats& a, const eight_floats& b) [[gnu::always_inline]] {
+        return spmd::low_quarters(a, b) + spmd::high_quarters(a, b);
       };
-      return _mm256_hadd_ps(halves_added(z[0].v, z[2].v), halves_added(z[1].v, z[3].v));
+      return neighbours_added(halves_added(z[0], z[2]), halves_added(z[1], z[3]));
     };
-    const __m256 eights = _mm256_hadd_ps(by_pair(x), by_pair(y));  // x0 x1 y0 y1 | x2 x3 y2 y3
-    const __m256 sixteens = _mm256_hadd_ps(eights, eights);
-    sums = _mm256_castps256_ps128(sixteens) + _mm256_extractf128_ps(sixteens, 1);
+    const auto eights = neighbours_added(by_pair(x), by_pair(y));  // x0 x1 y0 y1 | x2 x3 y2 y3
+    const auto sixteens = neighbours_added(eights, eights);
+    sums = spmd::lower(sixteens) + spmd::upper(sixteens);
   } else {
     const auto by_eight = [](const std::array<eight_floats, 4>& z) [[gnu::always_inline]] {
       const auto pairs = [](const eight_floats& a, const eight_floats& b) [[gnu::always_inline]] {
-        return _mm256_hadd_ps(in_item_order<Vec>(a).v, in_item_order<Vec>(b).v);
+        return neighbours_added(in_item_order<Vec>(a), in_item_order<Vec>(b));
       };
-      const __m256 quads = _mm256_hadd_ps(pairs(z[0], z[1]), pairs(z[2], z[3]));
-      return _mm256_castps256_ps128(quads) + _mm256_extractf128_ps(quads, 1);
+      const auto quads = neighbours_added(pairs(z[0], z[1]), pairs(z[2], z[3]));
+      return spmd::lower(quads) + spmd::upper(quads);
     };
-    const __m128 sixteens = _mm_hadd_ps(by_eight(x), by_eight(y));
-    sums = _mm_hadd_ps(sixteens, sixteens);
+    const four_floats sixteens = neighbours_added(by_eight(x), by_eight(y));
+    sums = neighbours_added(sixteens, sixteens);
   }
-  return {sums[0], sums[1]};
+  return {sums.v[0], sums.v[1]};
 }
 template <int Vec, class Item>
 [[gnu::always_inline]] inline std::array<double, 2> two_sums_from_neighbours(

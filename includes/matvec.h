@@ -7,7 +7,7 @@
 #include <array>
 #include <cstdint>
 
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
 
 namespace tolvane {
 
@@ -20,7 +20,7 @@ enum class activation_sum { in_order, by_byte };
 template <class Format, class T>
 class activation_tiles {
  public:
-  static constexpr int lanes = HOST_SYCL_LANES;
+  static constexpr int lanes = spmd::gang_lanes;
 
   /// Lays out `rows` rows of `state_size` activations, a whole number of blocks. Lanes after the last tile
   /// are zero.

@@ -5,7 +5,7 @@
 namespace tolvane {
 
 /// What a kernel that consists of phases declares as first_gang_works.
-inline constexpr bool first_gang_runs_phases = HOST_SYCL_LANES > 1;
+inline constexpr bool first_gang_runs_phases = spmd::gang_lanes > 1;
 
 /// Runs body(item) for all work-items of the group, and then a barrier. What lives from one phase to the next
 /// stands in memory. Where gangs have many lanes, the first one goes through the body for all gangs in turn:

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "device_frame.h"
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
 
 namespace tolvane {
 namespace {

@@ -14,8 +14,7 @@
 
 #include "dispatch.h"
 #include "submit.h"
-#include "sycl/row_sums.hpp"
-#include "sycl/upper_bytes.hpp"
+#include "spmd/spmd.hpp"
 
 namespace tolvane {
 namespace {

@@ -13,7 +13,7 @@
 #include "dispatch.h"
 #include "submit.h"
 #include "sycl/math.hpp"
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
 
 namespace tolvane {
 namespace {
@@ -23,11 +23,11 @@ constexpr std::int64_t max_groups = 32768;
 constexpr std::int64_t max_local = 64;
 
 /// Columns that are turned together where they stand side by side: a register of floats.
-constexpr int run = HOST_SYCL_LANES == 1 ? 1 : 8;
+constexpr int run = spmd::gang_lanes == 1 ? 1 : 8;
 
 /// Where gangs have many lanes the first one takes all columns of a row: finding the row costs as much as
 /// turning 32 of its pairs.
-constexpr bool first_gang_turns_all = HOST_SYCL_LANES > 1;
+constexpr bool first_gang_turns_all = spmd::gang_lanes > 1;
 
 template <class V>
 struct sine_and_cosine {

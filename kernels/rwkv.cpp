@@ -15,7 +15,7 @@
 #include "dispatch.h"
 #include "submit.h"
 #include "sycl/math.hpp"
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
 
 namespace tolvane {
 namespace {

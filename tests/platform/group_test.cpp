@@ -94,7 +94,7 @@ TEST(Ids, IndexSpacesPast32Bits) {
   sycl::queue queue;
   std::atomic<std::int64_t> largest{0};
   const std::size_t count = (std::size_t{1} << 31) + 5;
-  if (HOST_SYCL_LANES > 1) {  // two billion gangs of one lane would take a minute
+  if (spmd::gang_lanes > 1) {  // two billion gangs of one lane would take a minute
     queue.submit([&](sycl::handler& command) {
       command.parallel_for(sycl::range<1>(count), ids_past_32_bits{&largest});
     });

@@ -11,9 +11,8 @@
 #include <vector>
 
 #include "reference.hpp"
-#include "sycl/row_sums.hpp"
+#include "spmd/spmd.hpp"
 #include "sycl/sycl.hpp"
-#include "sycl/upper_bytes.hpp"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <concepts>
 #include <limits>
 
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
 
 namespace sycl {
 

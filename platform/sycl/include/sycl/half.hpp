@@ -6,29 +6,17 @@
 #include <bit>
 #include <cstdint>
 
-#if defined(__F16C__)
-#include <immintrin.h>
-#endif
-
 namespace sycl {
 
 namespace host {
 
-/// IEEE binary16 from float, to nearest even. NaNs become quiet.
+/// IEEE binary16 from float, to nearest even. NaNs become quiet. One instruction where the CPU has F16C.
 inline std::uint16_t half_bits(float value) {
-#if defined(__F16C__)
-  return static_cast<std::uint16_t>(_cvtss_sh(value, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC));
-#else
   return std::bit_cast<std::uint16_t>(static_cast<_Float16>(value));
-#endif
 }
 
 inline float half_value(std::uint16_t bits) {
-#if defined(__F16C__)
-  return _cvtsh_ss(bits);
-#else
   return static_cast<float>(std::bit_cast<_Float16>(bits));
-#endif
 }
 
 /// The upper 16 bits of the float after adding 0x7FFF plus their lowest bit: nearest even, with no case for

@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "sycl/fiber.hpp"
-#include "sycl/lanes.hpp"
+#include "spmd/convert.hpp"
 #include "sycl/range.hpp"
 
 namespace sycl {

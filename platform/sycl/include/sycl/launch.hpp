@@ -23,11 +23,6 @@
 #include "sycl/pool.hpp"
 #include "sycl/range.hpp"
 
-#if !defined(HOST_SYCL_LANES)
-/// Lanes of a gang where the kernel does not fix them. 1 gives the scalar reading of every kernel.
-#define HOST_SYCL_LANES 32
-#endif
-
 namespace sycl::host {
 
 inline constexpr std::size_t local_alignment = 64;
@@ -84,8 +79,8 @@ constexpr int sub_group_of() {
 /// Lanes of the kernel's gangs: its sub-group where it uses one.
 template <class Kernel>
 constexpr int gang_lanes() {
-  if constexpr (HOST_SYCL_LANES > 1 && sub_group_of<Kernel>() > 0) return sub_group_of<Kernel>();
-  return HOST_SYCL_LANES;
+  if constexpr (spmd::gang_lanes > 1 && sub_group_of<Kernel>() > 0) return sub_group_of<Kernel>();
+  return spmd::gang_lanes;
 }
 
 /// Whether a gang of the kernel may have to wait for others.
@@ -155,14 +150,14 @@ void launch(const nd_range<D>& range, const Kernel& original, std::size_t local_
 
 /// One gang of a plain range.
 template <int D, class Kernel>
-[[gnu::flatten, gnu::noinline]] void run_items(const Kernel& kernel, const item<D, HOST_SYCL_LANES>& items) {
+[[gnu::flatten, gnu::noinline]] void run_items(const Kernel& kernel, const item<D, spmd::gang_lanes>& items) {
   kernel(items);
 }
 
 /// A plain range: gangs of neighbouring work-items, with no groups between them and the pool.
 template <int D, class Kernel>
 void launch(const range<D>& sizes, const Kernel& original) {
-  constexpr std::int64_t lanes = HOST_SYCL_LANES;
+  constexpr std::int64_t lanes = spmd::gang_lanes;
   const auto count = static_cast<std::int64_t>(sizes.size());
   Kernel kernel = original;
   arena memory;
@@ -173,7 +168,7 @@ void launch(const range<D>& sizes, const Kernel& original) {
         for (auto gang = static_cast<std::int64_t>(begin); gang < static_cast<std::int64_t>(end); ++gang) {
           const std::int64_t first = gang * lanes;
           run_items(kernel,
-                    item<D, HOST_SYCL_LANES>(sizes, first, static_cast<int>(std::min(lanes, count - first))));
+                    item<D, spmd::gang_lanes>(sizes, first, static_cast<int>(std::min(lanes, count - first))));
         }
       });
 }

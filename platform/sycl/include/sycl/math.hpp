@@ -3,87 +3,91 @@
 // vector functions (libmvec); a scalar takes the same way as a lane, so that both readings of a kernel agree.
 // Half and bfloat16 are computed in float and rounded once. Measured errors: docs/spmd.md.
 
-#include <immintrin.h>
-
-#include <cmath>
-
-#include "sycl/lanes.hpp"
-
-extern "C" {
-__m256 _ZGVdN8v_expf(__m256);
-__m256 _ZGVdN8v_exp2f(__m256);
-__m256 _ZGVdN8v_sinf(__m256);
-__m256 _ZGVdN8v_cosf(__m256);
-__m256d _ZGVdN4v_exp(__m256d);
-__m256d _ZGVdN4v_exp2(__m256d);
-__m256d _ZGVdN4v_sin(__m256d);
-__m256d _ZGVdN4v_cos(__m256d);
-__m256d _ZGVdN4vv_pow(__m256d, __m256d);
-}
+#include "spmd/convert.hpp"
 
 namespace sycl {
 
 namespace host {
 
-/// Applies a pair of register functions, for float and for double, to any varying or scalar value.
+using floats = spmd::vec<float, 8>;
+using doubles = spmd::vec<double, 4>;
+
+}  // namespace host
+
+extern "C" {
+host::floats _ZGVdN8v_expf(host::floats);
+host::floats _ZGVdN8v_exp2f(host::floats);
+host::floats _ZGVdN8v_sinf(host::floats);
+host::floats _ZGVdN8v_cosf(host::floats);
+host::doubles _ZGVdN4v_exp(host::doubles);
+host::doubles _ZGVdN4v_exp2(host::doubles);
+host::doubles _ZGVdN4v_sin(host::doubles);
+host::doubles _ZGVdN4v_cos(host::doubles);
+host::doubles _ZGVdN4vv_pow(host::doubles, host::doubles);
+}
+
+namespace host {
+
+/// Applies a pair of functions, of eight floats and of four doubles, to any varying or scalar value.
 template <class F, class V, class... More>
 [[gnu::always_inline]] inline V by_register(const F& f, const V& x, const More&... more) {
   using T = spmd::element<V>;
+  constexpr int n = spmd::lane_count<V>, few = 32 / sizeof(T);
   if constexpr (spmd::reduced<T>) {
     return spmd::convert<T>(by_register(f, spmd::convert<float>(x), spmd::convert<float>(more)...));
-  } else if constexpr (spmd::is_lanes<V>) {
-    return spmd::per_register(f, x, more...);
+  } else if constexpr (n > few) {
+    return spmd::joined(by_register(f, spmd::lower(x), spmd::lower(more)...),
+                        by_register(f, spmd::upper(x), spmd::upper(more)...));
+  } else if constexpr (n == few) {
+    return V(f(x.v, more.v...));
   } else {
-    return f(spmd::broadcast(x), spmd::broadcast(more)...)[0];
+    static_assert(n == 1);
+    return f(spmd::repeated<few>(x), spmd::repeated<few>(more)...)[0];
   }
 }
 
 struct exp_function {
-  spmd::native<float> operator()(spmd::native<float> x) const { return _ZGVdN8v_expf(x); }
-  spmd::native<double> operator()(spmd::native<double> x) const { return _ZGVdN4v_exp(x); }
+  floats operator()(floats x) const { return _ZGVdN8v_expf(x); }
+  doubles operator()(doubles x) const { return _ZGVdN4v_exp(x); }
 };
 struct exp2_function {
-  spmd::native<float> operator()(spmd::native<float> x) const { return _ZGVdN8v_exp2f(x); }
-  spmd::native<double> operator()(spmd::native<double> x) const { return _ZGVdN4v_exp2(x); }
+  floats operator()(floats x) const { return _ZGVdN8v_exp2f(x); }
+  doubles operator()(doubles x) const { return _ZGVdN4v_exp2(x); }
 };
 struct sin_function {
-  spmd::native<float> operator()(spmd::native<float> x) const { return _ZGVdN8v_sinf(x); }
-  spmd::native<double> operator()(spmd::native<double> x) const { return _ZGVdN4v_sin(x); }
+  floats operator()(floats x) const { return _ZGVdN8v_sinf(x); }
+  doubles operator()(doubles x) const { return _ZGVdN4v_sin(x); }
 };
 struct cos_function {
-  spmd::native<float> operator()(spmd::native<float> x) const { return _ZGVdN8v_cosf(x); }
-  spmd::native<double> operator()(spmd::native<double> x) const { return _ZGVdN4v_cos(x); }
+  floats operator()(floats x) const { return _ZGVdN8v_cosf(x); }
+  doubles operator()(doubles x) const { return _ZGVdN4v_cos(x); }
 };
 /// A float's power is made in double: the vector function for floats loses accuracy where the result is far
 /// from 1.
 struct pow_function {
-  spmd::native<double> operator()(spmd::native<double> x, spmd::native<double> y) const {
-    return _ZGVdN4vv_pow(x, y);
-  }
-  spmd::native<float> operator()(spmd::native<float> x, spmd::native<float> y) const {
-    const auto wide = [](spmd::native<float> v) { return spmd::convert<double>(spmd::lanes<float, 8>(v)); };
-    return spmd::convert<float>(spmd::per_register(*this, wide(x), wide(y))).v;
+  doubles operator()(doubles x, doubles y) const { return _ZGVdN4vv_pow(x, y); }
+  floats operator()(floats x, floats y) const {
+    const auto wide = [](floats v) { return spmd::convert<double>(spmd::lanes<float, 8>(v)); };
+    return spmd::convert<float>(by_register(*this, wide(x), wide(y))).v;
   }
 };
 struct rsqrt_function {
-  spmd::native<float> operator()(spmd::native<float> x) const {
-    return _mm256_div_ps(_mm256_set1_ps(1), _mm256_sqrt_ps(x));
-  }
-  spmd::native<double> operator()(spmd::native<double> x) const {
-    return _mm256_div_pd(_mm256_set1_pd(1), _mm256_sqrt_pd(x));
+  template <class V>
+  V operator()(V x) const {
+    return 1 / spmd::target::sqrt(x);
   }
 };
 struct sqrt_function {
-  spmd::native<float> operator()(spmd::native<float> x) const { return _mm256_sqrt_ps(x); }
-  spmd::native<double> operator()(spmd::native<double> x) const { return _mm256_sqrt_pd(x); }
-};
-/// max gives its second operand where one is NaN, which is wrong only where that is the second.
-struct fmax_function {
-  spmd::native<float> operator()(spmd::native<float> x, spmd::native<float> y) const {
-    return y != y ? x : spmd::native<float>(_mm256_max_ps(x, y));
+  template <class V>
+  V operator()(V x) const {
+    return spmd::target::sqrt(x);
   }
-  spmd::native<double> operator()(spmd::native<double> x, spmd::native<double> y) const {
-    return y != y ? x : spmd::native<double>(_mm256_max_pd(x, y));
+};
+/// The comparison gives its second operand where one is NaN, which is wrong only where that is the second.
+struct fmax_function {
+  template <class V>
+  V operator()(V x, V y) const {
+    return y != y ? x : (x > y ? x : y);
   }
 };
 

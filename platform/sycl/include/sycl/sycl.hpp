@@ -8,4 +8,4 @@
 #include "sycl/math.hpp"
 #include "sycl/queue.hpp"
 #include "sycl/range.hpp"
-#include "sycl/spmd.hpp"
+#include "spmd/spmd.hpp"
