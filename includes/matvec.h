@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "spmd/spmd.hpp"
+#include "sycl/launch.hpp"
 
 namespace tolvane {
 
