@@ -3,7 +3,7 @@
 if(NOT Python_EXECUTABLE AND NOT DEFINED ENV{VIRTUAL_ENV} AND EXISTS ${PROJECT_SOURCE_DIR}/.venv/bin/python)
   set(Python_EXECUTABLE ${PROJECT_SOURCE_DIR}/.venv/bin/python CACHE FILEPATH "The Python that the modules are built for")
 endif()
-find_package(Python 3.10 REQUIRED COMPONENTS Interpreter Development.Module)
+find_package(Python 3.10...<3.14 REQUIRED COMPONENTS Interpreter Development.Module)
 
 # Found, not imported: that would take seconds, and fail where a folder of torch's own name is broken.
 set(find_torch "from importlib import metadata, util
@@ -21,6 +21,8 @@ if(NOT torch_version MATCHES "^2\\.13\\.")
   message(FATAL_ERROR "torch 2.13 is needed, but ${Python_EXECUTABLE} has ${torch_version}. Run scripts/setup without "
                       "that environment, or install torch==2.13.0 in it.")
 endif()
+# Another torch in the same place is configured for anew.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${torch_folder}/version.py)
 message(STATUS "PyTorch ${torch_version} in ${torch_folder}")
 
 add_library(torch_api INTERFACE)
