@@ -6,6 +6,7 @@ Where the package is installed, ``import torch`` loads it; else, importing it is
 
 from __future__ import annotations
 
+import os
 from typing import Any, NamedTuple
 
 import torch
@@ -82,6 +83,11 @@ def _autoload() -> None:
     """What ``import torch`` calls, by the entry point in the group torch.backends. Importing has done all."""
 
 
+def _run_serially() -> None:
+    """The threads that run the CPU's operators do not survive a fork, and a child would wait for them for ever."""
+    torch.set_num_threads(1)
+
+
 def _install() -> None:
     if not _C.registered():  # another xpu backend was there before
         return
@@ -91,6 +97,7 @@ def _install() -> None:
             "Import kelvor_xpu directly after torch, or install it, so that `import torch` does."
         )
     _torch_xpu.install()
+    os.register_at_fork(after_in_child=_run_serially)
 
 
 _install()
