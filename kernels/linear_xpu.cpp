@@ -20,7 +20,8 @@
 namespace tolvane {
 namespace {
 
-/// Returning a tensor needs PyTorch's Python types, and the operators need a CPU that runs the device code.
+/// Returning a tensor needs PyTorch's Python types, and the operators need a CPU that runs the device code. The device's
+/// own package completes torch.xpu, where `import torch` has not loaded it.
 void require_environment() {
   if (const std::string problem = sycl::host::unsupported_cpu(); !problem.empty()) {
     throw std::runtime_error("tolvane cannot run here: " + problem);
@@ -29,11 +30,10 @@ void require_environment() {
     pybind11::module_::import("torch");
   } catch (const pybind11::error_already_set& error) {
     throw std::runtime_error(
-        std::string(
-            "tolvane needs PyTorch, and importing torch failed; install it for this Python (on Debian: apt "
-            "install python3-torch): ") +
+        std::string("tolvane needs PyTorch, and importing torch failed; install torch==2.13.0 for this Python: ") +
         error.what());
   }
+  pybind11::module_::import("kelvor_xpu");
 }
 
 /// A wrapper's check of one of its tensors, in fixed words.
@@ -131,4 +131,5 @@ extern "C" PYBIND11_EXPORT PyObject* PyInit_tolvane() {
     return m.release().ptr();
   }
   PYBIND11_CATCH_INIT_EXCEPTIONS
+  return nullptr;
 }

@@ -20,7 +20,7 @@ c10::Storage make_storage(std::size_t bytes, c10::DataPtr data, c10::Allocator* 
 c10::Storage make_alias(const c10::Storage& xpu) {
   auto* owner = new c10::Storage(xpu);
   c10::DataPtr data(
-      xpu.data(), owner, [](void* context) { delete static_cast<c10::Storage*>(context); },
+      xpu.data_ptr().get(), owner, [](void* context) { delete static_cast<c10::Storage*>(context); },
       c10::Device(c10::DeviceType::CPU));
   return make_storage(xpu.nbytes(), std::move(data), c10::GetCPUAllocator());
 }

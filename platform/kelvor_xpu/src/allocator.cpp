@@ -8,11 +8,12 @@
 #include <array>
 #include <bit>
 #include <cstdlib>
+#include <fstream>
 #include <limits>
 #include <mutex>
+#include <string>
 #include <vector>
 
-#include "kelvor_xpu/memory.h"
 #include "settings.hpp"
 
 namespace kelvor_xpu {
@@ -55,12 +56,12 @@ class Pool {
     const SizeClass wanted = class_of(bytes);
     {
       const std::lock_guard hold(lock_);
-      count_live(bytes);
       if (auto& free = free_[wanted.index]; !free.empty()) {
         Block* block = free.back();
         free.pop_back();
         cached_bytes_ -= block->size;
         block->requested = bytes;
+        count_live(bytes);
         return block;
       }
     }
@@ -69,11 +70,11 @@ class Pool {
       release_free();
       memory = fresh(wanted.size);
     }
-    if (memory == nullptr) {
-      forget_live(bytes);
-      TORCH_CHECK_WITH(OutOfMemoryError, false, "xpu: out of memory: cannot allocate ", bytes,
-                       " bytes, with ", statistics().live_bytes, " bytes in use");
-    }
+    TORCH_CHECK_WITH(OutOfMemoryError, memory != nullptr, "xpu: out of memory: cannot allocate ", bytes,
+                     " bytes, with ", statistics().live.current, " bytes in use");
+    const std::lock_guard hold(lock_);
+    count_live(bytes);
+    reserved_.increase(wanted.size);
     return new Block{memory, wanted.size, wanted.index, bytes};
   }
 
@@ -81,11 +82,12 @@ class Pool {
     std::vector<Block*> surplus;
     {
       const std::lock_guard hold(lock_);
-      live_bytes_ -= block->requested;
+      forget_live(block->requested);
       block->freed = given_back_++;
       cached_bytes_ += block->size;
       free_[block->size_class].push_back(block);
-      while (cached_bytes_ > std::max(small_cache, peak_bytes_)) surplus.push_back(take_oldest());
+      const std::size_t kept = std::max(small_cache, static_cast<std::size_t>(live_.peak));
+      while (cached_bytes_ > kept) surplus.push_back(take_oldest());
     }
     for (Block* old : surplus) destroy(old);
   }
@@ -93,10 +95,12 @@ class Pool {
   void count_adopted(std::size_t bytes) {
     const std::lock_guard hold(lock_);
     count_live(bytes);
+    reserved_.increase(bytes);
   }
-  void forget_live(std::size_t bytes) {
+  void forget_adopted(std::size_t bytes) {
     const std::lock_guard hold(lock_);
-    live_bytes_ -= bytes;
+    forget_live(bytes);
+    reserved_.decrease(bytes);
   }
 
   void release_free() {
@@ -107,18 +111,27 @@ class Pool {
         blocks.insert(blocks.end(), free.begin(), free.end());
         free.clear();
       }
+      reserved_.decrease(cached_bytes_);
       cached_bytes_ = 0;
     }
     for (Block* block : blocks) destroy(block);
   }
 
-  MemoryStatistics statistics() {
+  struct Statistics {
+    c10::CachingAllocator::Stat blocks, live, reserved;
+    std::size_t cached_bytes;
+  };
+  Statistics statistics() {
     const std::lock_guard hold(lock_);
-    return {live_bytes_, peak_bytes_, cached_bytes_};
+    return {blocks_, live_, reserved_, cached_bytes_};
   }
   void reset_peak() {
     const std::lock_guard hold(lock_);
-    peak_bytes_ = live_bytes_;
+    for (auto* stat : {&blocks_, &live_, &reserved_}) stat->reset_peak();
+  }
+  void reset_accumulated() {
+    const std::lock_guard hold(lock_);
+    for (auto* stat : {&blocks_, &live_, &reserved_}) stat->reset_accumulated();
   }
 
   void lock() { lock_.lock(); }
@@ -144,17 +157,23 @@ class Pool {
     Block* block = free.front();
     free.erase(free.begin());
     cached_bytes_ -= block->size;
+    reserved_.decrease(block->size);
     return block;
   }
   void count_live(std::size_t bytes) {
-    live_bytes_ += bytes;
-    peak_bytes_ = std::max(peak_bytes_, live_bytes_);
+    live_.increase(bytes);
+    blocks_.increase(1);
+  }
+  void forget_live(std::size_t bytes) {
+    live_.decrease(bytes);
+    blocks_.decrease(1);
   }
 
   std::mutex lock_;
   std::array<std::vector<Block*>, 66 * steps_per_octave> free_;
-  std::size_t live_bytes_ = 0;
-  std::size_t peak_bytes_ = 0;
+  c10::CachingAllocator::Stat blocks_;    // number of allocations that are in use
+  c10::CachingAllocator::Stat live_;      // their bytes as asked for
+  c10::CachingAllocator::Stat reserved_;  // bytes of all memory, in use and free
   std::size_t cached_bytes_ = 0;
   std::size_t given_back_ = 0;
 };
@@ -176,21 +195,39 @@ void give_back(void* context) {
   pool().give_back(block);
 }
 
-class PoolAllocator final : public c10::Allocator {
+c10::DataPtr take(std::size_t bytes, c10::Device device) {
+  settings();  // a malformed setting is reported by whatever uses the device first
+  if (bytes == 0) return {nullptr, device};
+  Block* block = pool().take(bytes);
+  open_to_kernels(block->memory, bytes);
+  return {block->memory, block, give_back, device};
+}
+
+class PoolAllocator final : public DeviceAllocator {
  public:
-  explicit PoolAllocator(c10::Device device) : device_(device) {}
-
-  c10::DataPtr allocate(std::size_t bytes) const override {
-    settings();  // a malformed setting is reported by whatever uses the device first
-    if (bytes == 0) return {nullptr, device_};
-    Block* block = pool().take(bytes);
-    open_to_kernels(block->memory, bytes);
-    return {block->memory, block, give_back, device_};
+  c10::DataPtr allocate(std::size_t bytes) override {
+    return take(bytes, c10::Device(c10::DeviceType::XPU, 0));
   }
-
- private:
-  c10::Device device_;
 };
+
+class ScratchAllocator final : public c10::Allocator {
+ public:
+  c10::DataPtr allocate(std::size_t bytes) override { return take(bytes, c10::Device(c10::DeviceType::CPU)); }
+  void copy_data(void* to, const void* from, std::size_t bytes) const override {
+    default_copy_data(to, from, bytes);
+  }
+};
+
+/// Bytes that the system could give out without swapping, and all that it has.
+std::pair<std::size_t, std::size_t> system_memory() {
+  std::size_t available = 0, total = 0, kilobytes = 0;
+  std::ifstream file("/proc/meminfo");
+  for (std::string name, unit; file >> name >> kilobytes; std::getline(file, unit)) {
+    if (name == "MemTotal:") total = kilobytes << 10;
+    if (name == "MemAvailable:") available = kilobytes << 10;
+  }
+  return {available, total};
+}
 
 struct Adopted {
   c10::Storage storage;
@@ -200,42 +237,63 @@ struct Adopted {
 }  // namespace
 
 c10::Allocator* device_allocator() {
-  static auto* pooled = new PoolAllocator(c10::Device(c10::DeviceType::XPU, 0));
+  static auto* pooled = new PoolAllocator;
   static const char* guard_pages = std::getenv("KELVOR_XPU_GUARD_PAGES");
   return guard_pages != nullptr && *guard_pages == '1' ? guarded_allocator() : pooled;
 }
 
 c10::Allocator* scratch_allocator() {
-  static auto* instance = new PoolAllocator(c10::Device(c10::DeviceType::CPU));
+  static auto* instance = new ScratchAllocator;
   return instance;
 }
 
 c10::DataPtr adopt(c10::Storage storage) {
   const c10::Device device(c10::DeviceType::XPU, 0);
-  void* data = storage.data();
+  void* data = storage.data_ptr().get();
   if (data == nullptr) return {nullptr, device};
   // Memory of the pool has been counted already.
   const std::size_t bytes = storage.data_ptr().get_deleter() == &give_back ? 0 : storage.nbytes();
-  pool().count_adopted(bytes);
-  if (bytes > 0) open_to_kernels(data, bytes);
+  if (bytes > 0) {
+    pool().count_adopted(bytes);
+    open_to_kernels(data, bytes);
+  }
   auto* owner = new Adopted{std::move(storage), bytes};
   const auto release = [](void* context) {
     auto* adopted = static_cast<Adopted*>(context);
-    pool().forget_live(adopted->bytes);
-    if (adopted->bytes > 0) close_to_kernels(adopted->storage.data());
+    if (adopted->bytes > 0) {
+      pool().forget_adopted(adopted->bytes);
+      close_to_kernels(adopted->storage.data_ptr().get());
+    }
     delete adopted;
   };
   return {data, owner, release, device};
 }
 
-MemoryStatistics memory_statistics() {
-  return pool().statistics();
+void DeviceAllocator::emptyCache(c10::MempoolId_t) {
+  pool().release_free();
 }
-void reset_peak_bytes() {
+
+c10::CachingDeviceAllocator::DeviceStats DeviceAllocator::getDeviceStats(c10::DeviceIndex) {
+  constexpr auto all = static_cast<std::size_t>(c10::CachingAllocator::StatType::AGGREGATE);
+  const Pool::Statistics now = pool().statistics();
+  c10::CachingDeviceAllocator::DeviceStats result;
+  result.allocation[all] = result.active[all] = now.blocks;
+  result.allocated_bytes[all] = result.active_bytes[all] = result.requested_bytes[all] = now.live;
+  result.reserved_bytes[all] = now.reserved;
+  return result;
+}
+
+void DeviceAllocator::resetAccumulatedStats(c10::DeviceIndex) {
+  pool().reset_accumulated();
+}
+
+void DeviceAllocator::resetPeakStats(c10::DeviceIndex) {
   pool().reset_peak();
 }
-void empty_cache() {
-  pool().release_free();
+
+std::pair<std::size_t, std::size_t> DeviceAllocator::getMemoryInfo(c10::DeviceIndex) {
+  const auto [available, total] = system_memory();
+  return {available + pool().statistics().cached_bytes, total};
 }
 
 }  // namespace kelvor_xpu

@@ -2,12 +2,27 @@
 // Device memory: host memory aligned to 64 bytes, pooled by size, since fresh pages cost several times what
 // the arithmetic on them does.
 
-#include <c10/core/Allocator.h>
+#include <c10/core/CachingDeviceAllocator.h>
 #include <c10/core/Storage.h>
 
 #include <sycl/checks.hpp>
 
 namespace kelvor_xpu {
+
+/// What torch.accelerator asks about the device's memory. How memory is allocated is left to derived classes.
+class DeviceAllocator : public c10::DeviceAllocator {
+ public:
+  bool initialized() override { return true; }
+  void emptyCache(c10::MempoolId_t) override;
+  void recordStream(const c10::DataPtr&, c10::Stream) override {}  // no work is ever pending
+  c10::CachingDeviceAllocator::DeviceStats getDeviceStats(c10::DeviceIndex) override;
+  void resetAccumulatedStats(c10::DeviceIndex) override;
+  void resetPeakStats(c10::DeviceIndex) override;
+  std::pair<std::size_t, std::size_t> getMemoryInfo(c10::DeviceIndex) override;
+  void copy_data(void* to, const void* from, std::size_t bytes) const override {
+    default_copy_data(to, from, bytes);
+  }
+};
 
 /// The allocator behind every xpu storage.
 c10::Allocator* device_allocator();

@@ -6,18 +6,18 @@
 namespace kelvor_xpu {
 
 /// torch.empty. Pinned memory and layouts other than strided are refused.
-at::Tensor empty(at::IntArrayRef size, c10::optional<c10::ScalarType> dtype,
-                 c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
-                 c10::optional<bool> pin_memory, c10::optional<c10::MemoryFormat> memory_format);
+at::Tensor empty(at::IntArrayRef size, std::optional<c10::ScalarType> dtype,
+                 std::optional<c10::Layout> layout, std::optional<c10::Device> device,
+                 std::optional<bool> pin_memory, std::optional<c10::MemoryFormat> memory_format);
 
 /// torch.empty_strided.
-at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, c10::optional<c10::ScalarType> dtype,
-                         c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
-                         c10::optional<bool> pin_memory);
+at::Tensor empty_strided(at::IntArrayRef size, at::IntArrayRef stride, std::optional<c10::ScalarType> dtype,
+                         std::optional<c10::Layout> layout, std::optional<c10::Device> device,
+                         std::optional<bool> pin_memory);
 
 /// A tensor of zeros without memory, as some gradients are.
-at::Tensor efficient_zeros(at::IntArrayRef size, c10::optional<c10::ScalarType> dtype,
-                           c10::optional<c10::Layout> layout, c10::optional<c10::Device> device,
-                           c10::optional<bool> pin_memory);
+at::Tensor efficient_zeros(at::IntArrayRef size, std::optional<c10::ScalarType> dtype,
+                           std::optional<c10::Layout> layout, std::optional<c10::Device> device,
+                           std::optional<bool> pin_memory);
 
 }  // namespace kelvor_xpu

@@ -50,8 +50,8 @@ class ArgumentConverter {
 
   /// Lists with holes hold indices, which may stay on the CPU.
   c10::IValue convert_indices(const c10::IValue& value) {
-    c10::List<c10::optional<at::Tensor>> list;
-    for (const c10::optional<at::Tensor>& tensor : value.toOptionalTensorVector()) {
+    c10::List<std::optional<at::Tensor>> list;
+    for (const std::optional<at::Tensor>& tensor : value.toOptionalTensorVector()) {
       list.push_back(tensor.has_value() && on_xpu(*tensor) ? aliases_.alias(*tensor) : tensor);
     }
     return list;

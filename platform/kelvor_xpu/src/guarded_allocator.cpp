@@ -23,9 +23,9 @@ void unmap(void* context) {
   delete mapping;
 }
 
-class GuardedAllocator final : public c10::Allocator {
+class GuardedAllocator final : public DeviceAllocator {
  public:
-  c10::DataPtr allocate(std::size_t bytes) const override {
+  c10::DataPtr allocate(std::size_t bytes) override {
     const c10::Device device(c10::DeviceType::XPU, 0);
     if (bytes == 0) return {nullptr, device};
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));

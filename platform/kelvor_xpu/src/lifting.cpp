@@ -65,7 +65,7 @@ at::Tensor scratch_like(const at::Tensor& like, c10::ScalarType type) {
     return at::detail::empty_strided_generic(like.sizes(), like.strides(), scratch_allocator(), cpu_keys,
                                              type);
   }
-  return at::detail::empty_generic(like.sizes(), scratch_allocator(), cpu_keys, type, c10::nullopt);
+  return at::detail::empty_generic(like.sizes(), scratch_allocator(), cpu_keys, type, std::nullopt);
 }
 
 at::Tensor converted(const at::Tensor& tensor, c10::ScalarType type) {

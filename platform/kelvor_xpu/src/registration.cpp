@@ -12,12 +12,15 @@
 #include <sycl/cpu.hpp>
 
 #include "allocator.hpp"
+#include "attention.hpp"
 #include "copy.hpp"
 #include "factories.hpp"
 #include "fallback.hpp"
-#include "gru.hpp"
 #include "guard.hpp"
+#include "hooks.hpp"
+#include "kelvor_xpu/registered.h"
 #include "linear.hpp"
+#include "recurrent_cells.hpp"
 
 namespace kelvor_xpu {
 namespace {
@@ -41,6 +44,11 @@ void register_operators(torch::Library& aten) {
   aten.impl("addmm.out", TORCH_FN(addmm_out));
   aten.impl("_thnn_fused_gru_cell", TORCH_FN(gru_cell));
   aten.impl("_thnn_fused_gru_cell_backward", TORCH_FN(gru_cell_backward));
+  aten.impl("_thnn_fused_lstm_cell", TORCH_FN(lstm_cell));
+  aten.impl("_thnn_fused_lstm_cell_backward_impl", TORCH_FN(lstm_cell_backward));
+  aten.impl("scaled_dot_product_attention", TORCH_FN(attention));
+  aten.impl("_scaled_dot_product_fused_attention_overrideable", TORCH_FN(fused_attention));
+  aten.impl("_scaled_dot_product_fused_attention_overrideable_backward", TORCH_FN(fused_attention_backward));
   // These only look at sizes and at the storage, whose allocator is ours.
   aten.impl("as_strided", TORCH_FN(at::native::as_strided_tensorimpl));
   aten.impl("view", TORCH_FN(at::native::view));
@@ -53,18 +61,27 @@ void register_operators(torch::Library& aten) {
   }
 }
 
-const bool registered = [] {
+const bool entered = [] {
   // Somebody else's XPU device has precedence, and a second copy of this library changes nothing.
   if (c10::impl::hasDeviceGuardImpl(c10::DeviceType::XPU) || !sycl::host::unsupported_cpu().empty())
     return false;
   c10::impl::DeviceGuardImplRegistrar(c10::DeviceType::XPU, new Guard);
   c10::SetAllocator(c10::DeviceType::XPU, device_allocator());
+  register_hooks();
   auto* aten = new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::XPU, __FILE__, __LINE__);
   register_operators(*aten);
+  auto* autograd =
+      new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::AutogradXPU, __FILE__, __LINE__);
+  autograd->impl("scaled_dot_product_attention", TORCH_FN(attention));
   auto* others = new torch::Library(torch::Library::IMPL, "_", c10::DispatchKey::XPU, __FILE__, __LINE__);
   others->fallback(torch::CppFunction::makeFromBoxedFunction<&fallback>());
   return true;
 }();
 
 }  // namespace
+
+bool registered() {
+  return entered;
+}
+
 }  // namespace kelvor_xpu

@@ -1,56 +1,38 @@
 """The ``xpu`` device of PyTorch on the CPU.
 
-Importing the package is enough: afterwards ``device="xpu"`` works wherever PyTorch takes a device.
-The functions below are also there as ``torch.xpu``, unless PyTorch has a module of that name.
+Where the package is installed, ``import torch`` loads it; else, importing it is enough. Afterwards
+``device="xpu"`` works wherever PyTorch takes a device, and so do ``torch.xpu`` and ``torch.accelerator``.
 """
 
 from __future__ import annotations
 
-import sys
+import os
 from typing import Any, NamedTuple
 
 import torch
-
-from . import _C, _storage
-from ._streams import (
-    Event,
-    Stream,
-    StreamContext,
-    current_stream,
-    default_stream,
-    set_stream,
-    stream,
-    synchronize,
+from torch.xpu import (
+    empty_cache,
+    is_available,
+    max_memory_allocated,
+    memory_allocated,
+    memory_reserved,
+    reset_peak_memory_stats,
 )
 
+from . import _C, _torch_xpu
+
 __all__ = [
-    "Event",
-    "Stream",
-    "StreamContext",
     "Submission",
     "clear_submissions",
-    "current_device",
-    "current_stream",
-    "default_stream",
-    "device",
-    "device_count",
     "device_name",
     "empty_cache",
-    "get_device_name",
     "is_available",
-    "is_initialized",
-    "manual_seed",
-    "manual_seed_all",
     "max_memory_allocated",
     "memory_allocated",
     "memory_reserved",
     "reset_peak_memory_stats",
-    "set_device",
-    "set_stream",
-    "stream",
     "submission_count",
     "submissions",
-    "synchronize",
     "wait_count",
 ]
 
@@ -69,96 +51,9 @@ class Submission(NamedTuple):
     """The label of its profiler record, empty if there was none."""
 
 
-def is_available() -> bool:
-    """Whether there is an xpu device. Importing this package on a CPU that cannot be one fails."""
-    return device_count() > 0
-
-
-def is_initialized() -> bool:
-    """Always true: the device needs no preparation."""
-    return True
-
-
-def device_count() -> int:
-    """The number of xpu devices: 1."""
-    return _C.device_count()
-
-
-def _check(device: Any) -> None:
-    if device is None:
-        return
-    wanted = torch.device("xpu", device) if isinstance(device, int) else torch.device(device)
-    if wanted.type != "xpu" or (wanted.index or 0) >= device_count():
-        raise ValueError(f"expected the one xpu device, xpu:0, but got {wanted}")
-
-
 def device_name(device: Any = None) -> str:
     """The name that the device gives itself; ``KELVOR_XPU_DEVICE_NAME`` changes it."""
-    _check(device)
-    return _C.device_name()
-
-
-get_device_name = device_name
-
-
-def current_device() -> int:
-    """The index of the current device: 0."""
-    return 0
-
-
-def set_device(device: Any) -> None:
-    """Makes ``device`` current. There is one only, so this checks its argument."""
-    _check(device)
-
-
-class device:  # noqa: N801 - the name that PyTorch's other device modules use
-    """Context manager: inside, ``device`` is current."""
-
-    def __init__(self, device: Any) -> None:
-        _check(device)
-
-    def __enter__(self) -> None:
-        pass
-
-    def __exit__(self, *error: object) -> None:
-        pass
-
-
-def memory_allocated(device: Any = None) -> int:
-    """Bytes held by tensors that exist now."""
-    _check(device)
-    return _C.memory_allocated()
-
-
-def max_memory_allocated(device: Any = None) -> int:
-    """The highest :func:`memory_allocated` so far, or since :func:`reset_peak_memory_stats`."""
-    _check(device)
-    return _C.max_memory_allocated()
-
-
-def memory_reserved(device: Any = None) -> int:
-    """Bytes held by tensors, and free ones that are kept for reuse."""
-    _check(device)
-    return _C.memory_allocated() + _C.memory_cached()
-
-
-def reset_peak_memory_stats(device: Any = None) -> None:
-    """Starts :func:`max_memory_allocated` again from the present value."""
-    _check(device)
-    _C.reset_peak_memory_stats()
-
-
-def empty_cache() -> None:
-    """Gives free memory that is kept for reuse back to the system."""
-    _C.empty_cache()
-
-
-def manual_seed(seed: int) -> None:
-    """Seeds the device's random numbers. They come from the CPU's generator, which this seeds."""
-    torch.default_generator.manual_seed(seed)
-
-
-manual_seed_all = manual_seed
+    return torch.xpu.get_device_name(device)
 
 
 def submissions() -> list[Submission]:
@@ -184,14 +79,25 @@ def wait_count() -> int:
     return _C.wait_count()
 
 
+def _autoload() -> None:
+    """What ``import torch`` calls, by the entry point in the group torch.backends. Importing has done all."""
+
+
+def _run_serially() -> None:
+    """The threads that run the CPU's operators do not survive a fork, and a child would wait for them for ever."""
+    torch.set_num_threads(1)
+
+
 def _install() -> None:
-    """Makes PyTorch know this module and save, load and pickle the device's tensors."""
-    _storage.install()
-    if not hasattr(torch, "xpu"):
-        torch.xpu = sys.modules[__name__]
-        sys.modules["torch.xpu"] = sys.modules[__name__]
-    if not hasattr(torch.Tensor, "is_xpu"):
-        torch.Tensor.is_xpu = property(lambda self: self.device.type == "xpu")
+    if not _C.registered():  # another xpu backend was there before
+        return
+    if not _C.hooks_seen():
+        raise ImportError(
+            "kelvor_xpu was imported too late: PyTorch looks for an xpu device once, and has done so already. "
+            "Import kelvor_xpu directly after torch, or install it, so that `import torch` does."
+        )
+    _torch_xpu.install()
+    os.register_at_fork(after_in_child=_run_serially)
 
 
 _install()

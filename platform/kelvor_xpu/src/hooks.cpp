@@ -1,0 +1,43 @@
+#include "hooks.hpp"
+
+#include <ATen/CPUGeneratorImpl.h>
+#include <c10/core/CPUAllocator.h>
+
+#include <memory>
+
+#include "guard.hpp"
+
+namespace kelvor_xpu {
+
+void Hooks::setCurrentDevice(c10::DeviceIndex index) const {
+  check_device(c10::Device(c10::DeviceType::XPU, index));
+}
+
+c10::DeviceIndex Hooks::exchangeDevice(c10::DeviceIndex index) const {
+  setCurrentDevice(index);
+  return 0;
+}
+
+c10::DeviceIndex Hooks::maybeExchangeDevice(c10::DeviceIndex index) const {
+  if (index >= 0) setCurrentDevice(index);
+  return 0;
+}
+
+const at::Generator& Hooks::getDefaultGenerator(c10::DeviceIndex) const {
+  return at::detail::getDefaultCPUGenerator();
+}
+
+at::Generator Hooks::getNewGenerator(c10::DeviceIndex) const {
+  return at::detail::createCPUGenerator();
+}
+
+c10::Allocator* Hooks::getPinnedMemoryAllocator() const {
+  return c10::GetCPUAllocator();
+}
+
+void register_hooks() {
+  at::XPUHooksRegistry()->Register(
+      "XPUHooks", [] { return std::unique_ptr<at::XPUHooksInterface>(new Hooks); });
+}
+
+}  // namespace kelvor_xpu
