@@ -11,6 +11,16 @@ namespace tolvane {
 /// `tensor` is defined, on an XPU device, and contiguous.
 void check_xpu(const char* op, const char* name, const at::Tensor& tensor);
 
+/// What kernels may read in the place of `tensor`: the tensor itself, or a copy where it is a view with a
+/// lazy sign. Raises where it has elements and no memory, as fake tensors and wrappers of other tensors.
+at::Tensor readable(const char* op, const char* name, at::Tensor tensor);
+
+/// `tensor` has memory that kernels may write: it is no view with a lazy sign, either.
+void check_writable(const char* op, const char* name, const at::Tensor& tensor);
+
+/// Marks the tensor as changed, so that a backward() that needs its former values says so.
+void mark_written(const at::Tensor& tensor);
+
 /// The element type of `tensor` is one of the four that kernels exist for; else the dispatch error under
 /// `label`.
 void check_floating(const char* label, const at::Tensor& tensor);

@@ -87,6 +87,7 @@ void dequantize_tile_of(const std::uint8_t* weight, T* output, std::size_t state
                         std::size_t output_size, std::size_t rows, std::size_t start, c10::Device device) {
   const auto columns = static_cast<std::int64_t>(state_size);
   check_multiple(columns, 64);
+  if (rows == 0) return;
   const int group = row_group_size(columns, PerItem);
   const std::int64_t first_block = static_cast<std::int64_t>(start) * columns / Format::block;
   const std::uint8_t* scales =
@@ -114,6 +115,8 @@ template <class Format, class T, submission_form Form>
 void dequantize_flat(const std::uint8_t* weight, T* output, std::size_t state_size, std::size_t output_size,
                      c10::Device device) {
   constexpr std::size_t group = 256;
+  check_multiple(static_cast<std::int64_t>(state_size), Format::block);
+  if (output_size == 0) return;
   const auto total = static_cast<std::int64_t>(state_size * output_size);
   const std::size_t items = static_cast<std::size_t>(total) / Format::flat_elements;
   const std::size_t groups = (items + group - 1) / group;

@@ -36,7 +36,7 @@ sycl::queue& current_queue(c10::Device device);
 /// The largest work-group of the current XPU device.
 TOLVANE_EXPORT int get_workgroup_size();
 
-/// The class of the current XPU device, a tolvane::gpu_type. The operators ask once, when they first need it.
+/// The class of the current XPU device, a tolvane::gpu_type.
 TOLVANE_EXPORT int initialize_gpu_type();
 
 /// False exactly when the environment variable QUARN_LLM_SYSARR_DISABLED is "1" at the time of the call.
@@ -47,7 +47,9 @@ TOLVANE_EXPORT bool canUse32BitIndexMath(const at::Tensor& t);
 
 namespace tolvane {
 
-/// initialize_gpu_type(), probed at the first call and the same from then on.
+/// initialize_gpu_type() and get_workgroup_size(), probed at the first call and the same from then on. The
+/// module calls both when it is imported.
 int current_gpu_type();
+int max_workgroup_size();
 
 }  // namespace tolvane

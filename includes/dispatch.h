@@ -34,10 +34,14 @@ void dispatch_floating(const char* label, at::ScalarType type, const Body& body)
   }
 }
 
-/// The tensor's elements as the device's type T.
+/// The tensor's elements as the device's type T. A new tensor has no memory where PyTorch makes fake ones
+/// only.
 template <class T>
 T* elements(const at::Tensor& tensor) {
-  return static_cast<T*>(tensor.data_ptr());
+  void* const data = tensor.data_ptr();
+  TORCH_CHECK(data != nullptr || tensor.numel() == 0, "a kernel needs memory, which tensors of ",
+              tensor.sizes(), " lack here: operators cannot run in a mode that makes fake tensors");
+  return static_cast<T*>(data);
 }
 
 }  // namespace tolvane

@@ -63,13 +63,15 @@ struct q5_0 : five_bit_records<q5_0> {
   }
 };
 
-/// c * d + m, each step in T.
+/// c * d + m, each step in T: half and bfloat16 round the product, float and double may contract.
 struct q5_1 : five_bit_records<q5_1> {
   static constexpr int offset = 0;
   template <class T, int N>
   static spmd::varying_t<T, N> element(const spmd::varying_t<float, N>& value, const std::uint8_t* record) {
     const spmd::varying_t<T, N> d = spmd::convert<T>(scale(record)), m = spmd::convert<T>(minimum(record));
-    return spmd::mad(d, spmd::convert_exact<T>(value), m);
+    const auto code = spmd::convert_exact<T>(value);
+    if constexpr (spmd::reduced<T>) return d * code + m;
+    return spmd::mad(d, code, m);
   }
 };
 

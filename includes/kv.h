@@ -12,9 +12,9 @@ namespace tolvane {
 ///
 /// `query` is [B, H, 1, 128] of float, half or bfloat16, `key` [B, KVH, L, 128] of bytes; KVH divides H. The
 /// first two strides are free, the elements of a row of `query` and all rows of a head of `key` lie next to
-/// each other. Returns [B, H, 1, L] in query's type, in which products and sums are rounded. Raises
-/// c10::Error where one of this fails; another element type of `query` writes "unsupported dtype" to the
-/// standard error stream and ends the process with status 2.
+/// each other: key.stride(2) is 128. Returns [B, H, 1, L] in query's type, in which products and sums are
+/// rounded. Raises c10::Error where one of this fails; another element type of `query`, in a call whose sizes
+/// fit, writes "unsupported dtype" to the standard error stream and ends the process with status 2.
 at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key);
 
 /// Weighted sums: result[b, h, 0, r] = sum over l of attn[b, h, 0, l] * value[b, h / (H / KVH), r, l].

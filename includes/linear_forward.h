@@ -21,10 +21,6 @@ inline constexpr const char* linear_label = "qlinear_forward_xpu";
 using forward_fn = at::Tensor (*)(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
                                   std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
 
-/// Expands a weight to [output_size, state_size], in the element type of `input`.
-using dequantize_fn = at::Tensor (*)(const at::Tensor& input, const at::Tensor& weight,
-                                     std::int64_t state_size, std::int64_t output_size);
-
 /// A new tensor on the weight's device, in the input's element type.
 inline at::Tensor empty_for(const at::Tensor& input, const at::Tensor& weight, std::int64_t rows,
                             std::int64_t columns) {
@@ -57,6 +53,16 @@ at::Tensor multiplied(const at::Tensor& input, const at::Tensor& weight, std::in
   return output;
 }
 
+/// The dense route: expands the weight and multiplies by it. Where there are no rows or no outputs, it only
+/// passes the checks of an expansion.
+template <class Paths>
+at::Tensor multiplied_by_dense(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
+                               std::int64_t state_size, std::int64_t output_size) {
+  const at::Tensor dense = dequantized<Paths>(input, weight, state_size, batch_size == 0 ? 0 : output_size);
+  if (dense.numel() == 0) return empty_for(input, weight, batch_size, output_size);
+  return at::linear(input, dense);
+}
+
 /// The launcher that most formats share. Paths has one_row<T>(), batch<T>() where batch_limit is above 1, and
 /// dequantize<T>().
 template <class Paths>
@@ -72,7 +78,7 @@ at::Tensor forward_by(const at::Tensor& input, const at::Tensor& weight, std::in
                         []<class T>(std::type_identity<T>) { return Paths::template batch<T>(); });
     }
   }
-  return at::linear(input, dequantized<Paths>(input, weight, state_size, output_size));
+  return multiplied_by_dense<Paths>(input, weight, batch_size, state_size, output_size);
 }
 
 }  // namespace tolvane

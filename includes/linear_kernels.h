@@ -139,11 +139,20 @@ struct five_bit_kernel {
   }
 };
 
-/// Checks that rows are whole tiles, and submits one row.
+/// A row is whole tiles, in the kernel's own words, and whole blocks.
+template <class Format>
+void check_tiles(std::size_t state_size) {
+  const auto columns = static_cast<std::int64_t>(state_size);
+  check_multiple(columns, Format::tile);
+  check_row_length("forward_new", columns, Format::block);
+}
+
+/// Checks that rows are whole tiles, and submits one row. No outputs need no kernel.
 template <class Format, class T, int wg_size, int Rows>
 void matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t /*batch_size*/,
             std::size_t state_size, std::size_t output_size, c10::Device device) {
-  check_multiple(static_cast<std::int64_t>(state_size), Format::tile);
+  check_tiles<Format>(state_size);
+  if (output_size == 0) return;
   const std::int32_t scale_offset = zoned_scale_offset<Format>(static_cast<std::int64_t>(state_size),
                                                                static_cast<std::int64_t>(output_size));
   const std::size_t groups = (output_size + Rows - 1) / Rows;
@@ -159,7 +168,8 @@ void matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t /
 template <class Format, class T, int wg_size>
 void batch_matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t batch_size,
                   std::size_t state_size, std::size_t output_size, c10::Device device) {
-  check_multiple(static_cast<std::int64_t>(state_size), Format::tile);
+  check_tiles<Format>(state_size);
+  if (batch_size == 0 || output_size == 0) return;
   const std::int32_t scale_offset = zoned_scale_offset<Format>(static_cast<std::int64_t>(state_size),
                                                                static_cast<std::int64_t>(output_size));
   const sycl::range<2> global((output_size + 1) / 2 * wg_size, (batch_size + 1) / 2);
@@ -174,6 +184,8 @@ void batch_matvec(const T* input, const std::uint8_t* weight, T* output, std::si
 template <class Format, class T, int wg_size>
 void five_bit_matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t /*batch_size*/,
                      std::size_t state_size, std::size_t output_size, c10::Device device) {
+  check_row_length("forward_new", static_cast<std::int64_t>(state_size), Format::block);
+  if (output_size == 0) return;
   submit(device, [&](sycl::handler& command) {
     const sycl::local_accessor<T> local(wg_size, command);
     command.parallel_for(sycl::nd_range<1>(output_size * wg_size, wg_size),

@@ -42,8 +42,18 @@ template <int sg_size, int wg_size>
 at::Tensor xpu_forward_q5_1(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
                             std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
 
-/// The expansions that the operator `dequant` offers: [output_size, state_size] in the element type of
-/// `input`.
+/// Expands a weight to [output_size, state_size], in the element type of `input`.
+using dequantize_fn = at::Tensor (*)(const at::Tensor& input, const at::Tensor& weight,
+                                     std::int64_t state_size, std::int64_t output_size);
+
+at::Tensor dequantize_q4_1(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                           std::int64_t output_size);
+at::Tensor dequantize_q5_0(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                           std::int64_t output_size);
+at::Tensor dequantize_q5_1(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                           std::int64_t output_size);
+at::Tensor dequantize_nf3(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                          std::int64_t output_size);
 at::Tensor dequantize_q4_0(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
                            std::int64_t output_size);
 at::Tensor dequantize_nf4(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,

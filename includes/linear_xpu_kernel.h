@@ -10,10 +10,20 @@ namespace tolvane {
 /// device.
 ///
 /// `input` is [batch_size, state_size] (half, float, double or bfloat16), `weight` a flat tensor of packed
-/// bytes in the format `qtype`, from whose length output_size follows. `size_hint` takes part in choosing the
-/// tiled route of q4_0. Raises c10::Error, before anything is submitted, for a format without a function
-/// here, sizes that are no whole number of blocks, and sizes past 32-bit arithmetic.
+/// bytes in the format `qtype`, from whose length output_size follows (0 of no bytes). `size_hint` takes part
+/// in choosing the tiled route of q4_0. Raises c10::Error, before anything is submitted, for a format without
+/// a function here, sizes that are no whole number of blocks, and sizes past 32-bit arithmetic.
 at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t size_hint);
+
+/// The same, differentiable with respect to `input` where that requires a gradient: the gradient is that of
+/// the result times the expanded weight.
+at::Tensor linear_xpu_forward_differentiable(at::Tensor input, at::Tensor weight, int qtype,
+                                             std::int64_t size_hint);
+
+/// The dense matrix [output_size, state_size] of a packed weight in any format that linear_xpu_forward_new
+/// takes, in the element type of `like`.
+at::Tensor linear_xpu_expanded(const at::Tensor& like, const at::Tensor& weight, int qtype,
+                               std::int64_t state_size);
 
 /// The dense matrix [output_size, state_size] of a packed weight. `input` gives its second size and its
 /// element type.

@@ -8,6 +8,7 @@
 
 #include <limits>
 
+#include "checks.h"
 #include "dispatch.h"
 #include "item_sums.h"
 #include "phases.h"
@@ -35,13 +36,13 @@ bool canUse32BitIndexMath(const at::Tensor& t) {
 }
 
 namespace tolvane {
-namespace {
 
-/// The largest work-group, probed at the first call and the same from then on.
 int max_workgroup_size() {
   static const int size = get_workgroup_size();
   return size;
 }
+
+namespace {
 
 template <class T>
 using accumulator = std::conditional_t<std::same_as<T, double>, double, float>;
@@ -330,8 +331,9 @@ bool LayerNormKernelImpl(const norm_call& call) {
   return fits;
 }
 
-at::Tensor contiguous_or_undefined(const at::Tensor& tensor) {
-  return tensor.defined() ? tensor.contiguous() : tensor;
+/// What the kernels read of an operand, which may be undefined.
+at::Tensor contiguous_rows(const char* name, const char* operand, const at::Tensor& tensor) {
+  return tensor.defined() ? readable(name, operand, tensor).contiguous() : tensor;
 }
 
 void check_addend(const char* name, const char* operand, const at::Tensor& addend, const at::Tensor& x) {
@@ -361,11 +363,11 @@ at::Tensor norm(const char* name, const at::Tensor& a, const at::Tensor& b, cons
 
   at::Tensor output = at::empty(x.sizes(), x.options());
   if (x.numel() == 0) return output;
-  const at::Tensor rows_of_x = x.contiguous();
-  const at::Tensor gamma = weight ? contiguous_or_undefined(*weight) : at::Tensor();
-  const at::Tensor beta = bias ? contiguous_or_undefined(*bias) : at::Tensor();
-  const at::Tensor add1 = contiguous_or_undefined(a.defined() ? a : b);
-  const at::Tensor add2 = a.defined() ? contiguous_or_undefined(b) : at::Tensor();
+  const at::Tensor rows_of_x = contiguous_rows(name, "input", x);
+  const at::Tensor gamma = weight ? contiguous_rows(name, "weight", *weight) : at::Tensor();
+  const at::Tensor beta = bias ? contiguous_rows(name, "bias", *bias) : at::Tensor();
+  const at::Tensor add1 = contiguous_rows(name, "addend", a.defined() ? a : b);
+  const at::Tensor add2 = a.defined() ? contiguous_rows(name, "addend", b) : at::Tensor();
   if (!LayerNormKernelImpl<is_rms>({name, rows_of_x, add1, add2, gamma, beta, rows, n, eps, output}))
     return at::empty({0});
   return output;

@@ -8,6 +8,7 @@
 #include <limits>
 #include <utility>
 
+#include "checks.h"
 #include "device_frame.h"
 #include "spmd/spmd.hpp"
 
@@ -58,17 +59,21 @@ struct MatrixMultiplication {
 }  // namespace
 
 at::Tensor bmm_xpu(at::Tensor A, at::Tensor B, at::Tensor C) {
-  TORCH_CHECK(A.dim() == 3 && B.dim() == 3, "bmm: Input tensors must have 3 dimensions, but have ", A.dim(),
-              " and ", B.dim());
+  TORCH_CHECK(A.dim() == 3 && B.dim() == 3, "Input tensors must have 3 dimensions, but A has ", A.dim(),
+              " and B has ", B.dim());
   TORCH_CHECK(A.size(0) == B.size(0) && A.size(2) == B.size(1),
-              "bmm: Input tensors dimensions do not match for batch multiplication: A is ", A.sizes(),
+              "Input tensors dimensions do not match for batch multiplication: A is ", A.sizes(),
               " (batch, M, N), and B must be (batch, N, P), but is ", B.sizes());
   const std::int64_t batch = A.size(0), M = A.size(1), N = A.size(2), P = B.size(2);
   TORCH_CHECK(N <= std::numeric_limits<std::int32_t>::max(), "bmm: N must be below 2147483648, but is ", N);
-  TORCH_CHECK(C.numel() == batch * M * P, "bmm: C must have ", batch, " * ", M, " * ", P,
+  TORCH_CHECK(C.numel() >= batch * M * P, "bmm: C must have at least ", batch, " * ", M, " * ", P,
               " elements, but has ", C.numel());
+  A = readable("bmm", "A", std::move(A));
+  B = readable("bmm", "B", std::move(B));
+  check_writable("bmm", "C", C);
   const MatrixMultiplication kernel{N, A.data_ptr<float>(), M * N, B.data_ptr<float>(), N * P,
                                     P, C.data_ptr<float>(), M * P};
+  mark_written(C);
   current_queue(c10::Device(c10::DeviceType::XPU, -1)).submit([&](sycl::handler& command) {
     command.parallel_for(sycl::range<3>(batch, M, P), kernel);
   });

@@ -4,11 +4,37 @@
 #include <c10/util/Exception.h>
 
 #include <limits>
+#include <utility>
 
 #include "dispatch.h"
 #include "formats.h"
 
 namespace tolvane {
+namespace {
+
+void check_memory(const char* op, const char* name, const at::Tensor& tensor) {
+  const bool has_memory = tensor.has_storage() && tensor.storage().device_type() != c10::DeviceType::Meta &&
+                          tensor.storage().data() != nullptr;
+  TORCH_CHECK(has_memory || tensor.numel() == 0, op, ": ", name,
+              " has no memory: it is a fake tensor, a wrapper of others, or zeros that are not stored");
+}
+
+}  // namespace
+
+at::Tensor readable(const char* op, const char* name, at::Tensor tensor) {
+  check_memory(op, name, tensor);
+  return tensor.is_neg() ? tensor.resolve_neg() : std::move(tensor);
+}
+
+void check_writable(const char* op, const char* name, const at::Tensor& tensor) {
+  check_memory(op, name, tensor);
+  TORCH_CHECK(!tensor.is_neg(), op, ": ", name,
+              " is written, so it must not be a view with a lazy sign; resolve_neg() makes a tensor of it");
+}
+
+void mark_written(const at::Tensor& tensor) {
+  if (!tensor.is_inference()) tensor.unsafeGetTensorImpl()->bump_version();
+}
 
 void check_xpu(const char* op, const char* name, const at::Tensor& tensor) {
   TORCH_CHECK(tensor.defined(), op, ": ", name, " must be a XPU tensor, but is undefined");

@@ -12,6 +12,7 @@
 #include <iostream>
 #include <limits>
 
+#include "checks.h"
 #include "dispatch.h"
 #include "submit.h"
 #include "spmd/spmd.hpp"
@@ -42,7 +43,7 @@ struct heads_of {
   std::int64_t head;
 
   heads_of(const at::Tensor& tensor)  // NOLINT: implicit, to fill a kernel's members
-      : data(static_cast<T*>(tensor.data_ptr())), batch(tensor.stride(0)), head(tensor.stride(1)) {}
+      : data(elements<T>(tensor)), batch(tensor.stride(0)), head(tensor.stride(1)) {}
   T* at(std::size_t b, std::size_t h) const {
     return data + static_cast<std::int64_t>(b) * batch + static_cast<std::int64_t>(h) * head;
   }
@@ -198,9 +199,9 @@ void check_heads(const char* op, std::int64_t num_heads, std::int64_t num_kv_hea
   TORCH_CHECK(input_size == 1, op, ": input_size == 1 is needed, one new token, but got ", input_size);
 }
 
-/// The kernel's addressing stays within the cache's storage, and neighbouring elements lie side by side.
-void check_memory(const char* op, const char* first_name, const at::Tensor& first, const char* cache_name,
-                  const at::Tensor& cache, std::int64_t row_stride) {
+/// The cache holds bytes, and neighbouring elements of both tensors lie side by side.
+void check_elements(const char* op, const char* first_name, const at::Tensor& first, const char* cache_name,
+                    const at::Tensor& cache) {
   TORCH_CHECK(cache.scalar_type() == at::ScalarType::Byte, op, ": ", cache_name,
               " must hold cache bytes (torch.uint8), but holds ", toString(cache.scalar_type()));
   const auto check = [op](const char* name, const at::Tensor& tensor) {
@@ -209,20 +210,15 @@ void check_memory(const char* op, const char* first_name, const at::Tensor& firs
   };
   check(first_name, first);
   check(cache_name, cache);
-  if (cache.numel() == 0) return;
-  const std::int64_t last = cache.storage_offset() + (cache.size(0) - 1) * cache.stride(0) +
-                            (cache.size(1) - 1) * cache.stride(1) + (cache.size(2) - 1) * row_stride +
-                            cache.size(3);
-  TORCH_CHECK(last <= static_cast<std::int64_t>(cache.storage().nbytes()), op, ": the rows of ", cache_name,
-              " must lie ", row_stride, " bytes apart, which reaches past its memory");
 }
 
 }  // namespace
 
-at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key) {
+at::Tensor query_key_fp8_matmul(const at::Tensor& query_argument, const at::Tensor& key_argument) {
   constexpr const char* op = "query_key_fp8_matmul";
   constexpr int rows = 32, head_size = 128, group_size = 32, sg_size = 16;
-  check_shapes(op, "query", query, "key", key);
+  check_shapes(op, "query", query_argument, "key", key_argument);
+  const at::Tensor query = readable(op, "query", query_argument), key = readable(op, "key", key_argument);
   const std::int64_t batch = query.size(0), num_heads = query.size(1), input_size = query.size(2),
                      head_dim = query.size(3), num_kv_heads = key.size(1), length = key.size(2);
   TORCH_CHECK(query.size(0) == key.size(0), op, ": query.size(0) == key.size(0) is needed, but got ",
@@ -231,10 +227,12 @@ at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key) 
               query.size(3), " and ", key.size(3));
   check_heads(op, num_heads, num_kv_heads, input_size);
   TORCH_CHECK(head_dim == head_size, op, ": head_dim == 128 is needed, but got ", head_dim);
-  check_memory(op, "query", query, "key", key, head_size);
 
   at::Tensor result = at::empty({batch, num_heads, 1, length}, query.options());
   dispatch_attention(query.scalar_type(), [&]<class T>(std::type_identity<T>) {
+    check_elements(op, "query", query, "key", key);
+    TORCH_CHECK(length <= 1 || key.numel() == 0 || key.stride(2) == head_size, op,
+                ": the rows of key must lie 128 bytes apart, but key.stride(2) is ", key.stride(2));
     const auto padded = static_cast<std::size_t>((length + rows - 1) / rows * rows);
     submit(query.device(), [&](sycl::handler& command) {
       const sycl::local_accessor<T, 2> local({rows, group_size}, command);
@@ -247,10 +245,11 @@ at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key) 
   return result;
 }
 
-at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value) {
+at::Tensor attn_value_fp8_matmul(const at::Tensor& attn_argument, const at::Tensor& value_argument) {
   constexpr const char* op = "attn_value_fp8_matmul";
   constexpr int rows = 4, group_size = 32, sg_size = 16;
-  check_shapes(op, "attn", attn, "value", value);
+  check_shapes(op, "attn", attn_argument, "value", value_argument);
+  const at::Tensor attn = readable(op, "attn", attn_argument), value = readable(op, "value", value_argument);
   const std::int64_t batch = attn.size(0), num_heads = attn.size(1), input_size = attn.size(2),
                      length = attn.size(3), num_kv_heads = value.size(1), head_dim = value.size(2);
   TORCH_CHECK(attn.size(0) == value.size(0), op, ": attn.size(0) == value.size(0) is needed, but got ",
@@ -260,12 +259,12 @@ at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value
   check_heads(op, num_heads, num_kv_heads, input_size);
   TORCH_CHECK(length <= std::numeric_limits<std::int32_t>::max(), op,
               ": at most 2147483647 positions are possible, but got ", length);
-  TORCH_CHECK(head_dim % rows == 0, op, ": head_dim % RS == 0 is needed, a multiple of 4, but got ",
-              head_dim);
-  check_memory(op, "attn", attn, "value", value, value.stride(2));
 
   at::Tensor result = at::empty({batch, num_heads, 1, head_dim}, attn.options());
   dispatch_attention(attn.scalar_type(), [&]<class T>(std::type_identity<T>) {
+    TORCH_CHECK(head_dim % rows == 0, op, ": head_dim % RS == 0 is needed, a multiple of 4, but got ",
+                head_dim);
+    check_elements(op, "attn", attn, "value", value);
     const auto items = static_cast<std::size_t>(head_dim / rows * group_size);
     submit(attn.device(), [&](sycl::handler& command) {
       const sycl::local_accessor<T, 2> local({rows, group_size}, command);

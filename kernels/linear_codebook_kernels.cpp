@@ -95,6 +95,11 @@ at::Tensor xpu_forward_nf3_new(at::Tensor input, at::Tensor weight, std::int64_t
   return forward_by<nf3_paths<sg_size, wg_size>>(input, weight, batch_size, state_size, output_size);
 }
 
+at::Tensor dequantize_nf3(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                          std::int64_t output_size) {
+  return dequantized<nf3_paths<16, 32>>(input, weight, state_size, output_size);
+}
+
 at::Tensor dequantize_nf4(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
                           std::int64_t output_size) {
   return dequantized<nf4_paths<16, 32>>(input, weight, state_size, output_size);

@@ -58,6 +58,16 @@ at::Tensor xpu_forward_q5_1(at::Tensor input, at::Tensor weight, std::int64_t ba
   return forward_by<q5_1_paths<sg_size, wg_size>>(input, weight, batch_size, state_size, output_size);
 }
 
+at::Tensor dequantize_q5_0(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                           std::int64_t output_size) {
+  return dequantized<q5_0_paths<16, 32>>(input, weight, state_size, output_size);
+}
+
+at::Tensor dequantize_q5_1(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                           std::int64_t output_size) {
+  return dequantized<q5_1_paths<16, 32>>(input, weight, state_size, output_size);
+}
+
 template decltype(xpu_forward_q5_0<32, 64>) xpu_forward_q5_0<32, 64>;
 template decltype(xpu_forward_q5_0<16, 32>) xpu_forward_q5_0<16, 32>;
 template decltype(xpu_forward_q5_1<32, 64>) xpu_forward_q5_1<32, 64>;

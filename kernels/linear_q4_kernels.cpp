@@ -4,8 +4,9 @@
 #include <c10/util/Exception.h>
 
 #include <cstdlib>
-#include <cstring>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "linear_forward.h"
 #include "linear_launchers.h"
@@ -75,20 +76,40 @@ struct q4_1_paths {
   }
 };
 
-/// When the weight is expanded and multiplied in slices of rows, and how many rows a slice has.
+/// When the weight is expanded and multiplied in slices of rows, and how many rows a slice has: 0 for a
+/// number that is not positive.
 struct tiling {
   long long threshold = 50000;
   unsigned long long size = 4096;
 };
 
-/// From the environment, at each call. A text that is no number raises as std::stoll and std::stoull do.
+/// The number that an environment variable begins with, by `parse`, whose exceptions get to name the variable
+/// and its text.
+template <class Number>
+Number number_from(const char* variable, const char* text, const char* parser,
+                   Number (*parse)(const std::string&, std::size_t*, int)) {
+  const auto message = [&](const char* problem) {
+    return std::string(parser) + ": " + variable + problem + ", but it is \"" + text + "\"";
+  };
+  try {
+    return parse(text, nullptr, 10);
+  } catch (const std::invalid_argument&) {
+    throw std::invalid_argument(message(" must begin with a whole number"));
+  } catch (const std::out_of_range&) {
+    throw std::out_of_range(message(" must be a number of 64 bits"));
+  }
+}
+
+/// From the environment, at each call.
 tiling current_tiling() {
   tiling result;
-  if (const char* text = std::getenv("TILE_THRESHOLD")) result.threshold = std::stoll(text);
+  if (const char* text = std::getenv("TILE_THRESHOLD")) {
+    result.threshold = number_from<long long>("TILE_THRESHOLD", text, "stoll", std::stoll);
+  }
   if (const char* text = std::getenv("TILE_SIZE")) {
-    result.size = std::stoull(text);
-    TORCH_CHECK(result.size > 0 && std::strchr(text, '-') == nullptr,
-                "TILE_SIZE must be a positive number of weight rows, but it is \"", text, "\"");
+    result.size = number_from<unsigned long long>("TILE_SIZE", text, "stoull", std::stoull);
+    const std::string_view digits(text);
+    if (digits[digits.find_first_not_of(" \t\n\v\f\r")] == '-') result.size = 0;
   }
   return result;
 }
@@ -97,6 +118,8 @@ tiling current_tiling() {
 template <int sg_size>
 at::Tensor forward_tiled(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
                          std::int64_t state_size, std::int64_t output_size, unsigned long long tile_size) {
+  TORCH_CHECK(tile_size > 0, "TILE_SIZE must be a positive number of weight rows, but it is \"",
+              std::getenv("TILE_SIZE"), "\"");
   at::Tensor output = empty_for(input, weight, batch_size, output_size);
   const auto step = static_cast<std::int64_t>(std::min<unsigned long long>(tile_size, output_size));
   for (std::int64_t start = 0; start < output_size; start += step) {
@@ -131,7 +154,7 @@ at::Tensor xpu_forward_q4_0_new(at::Tensor input, at::Tensor weight, std::int64_
   if (type == gpu_vela && output_size > tiles.threshold && size_hint > 128) {
     return forward_tiled<sg_size>(input, weight, batch_size, state_size, output_size, tiles.size);
   }
-  return at::linear(input, dequantized<paths>(input, weight, state_size, output_size));
+  return multiplied_by_dense<paths>(input, weight, batch_size, state_size, output_size);
 }
 
 template <int sg_size, int wg_size>
@@ -144,6 +167,11 @@ at::Tensor xpu_forward_q4_1_new(at::Tensor input, at::Tensor weight, std::int64_
 at::Tensor dequantize_q4_0(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
                            std::int64_t output_size) {
   return dequantized<q4_0_paths<16, 32, 2>>(input, weight, state_size, output_size);
+}
+
+at::Tensor dequantize_q4_1(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                           std::int64_t output_size) {
+  return dequantized<q4_1_paths<16, 32>>(input, weight, state_size, output_size);
 }
 
 template decltype(xpu_forward_q4_0_new<32, 64, 2>) xpu_forward_q4_0_new<32, 64, 2>;

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 #include "checks.h"
 #include "device_frame.h"
@@ -62,6 +63,22 @@ constexpr forward_table forward_fns_new_32 = with_super_blocks(formats_of_64<32,
 constexpr forward_table forward_fns_new = with_super_blocks(formats_of_64<16, 32, 2>());
 constexpr forward_table forward_fns_new_igx = formats_of_64<16, 32, 8>();
 
+/// The expansion of each format that has one.
+constexpr std::array<dequantize_fn, qtype_count> expansions = [] {
+  std::array<dequantize_fn, qtype_count> table{};
+  table[qtype_q4_0] = dequantize_q4_0;
+  table[qtype_q4_1] = dequantize_q4_1;
+  table[qtype_q5_0] = dequantize_q5_0;
+  table[qtype_q5_1] = dequantize_q5_1;
+  table[qtype_q8_0] = dequantize_q8_0;
+  table[qtype_nf4] = dequantize_nf4;
+  table[qtype_nf3] = dequantize_nf3;
+  table[qtype_fp8_e4m3] = dequantize_fp8_e4m3;
+  table[qtype_fp4] = dequantize_fp4;
+  table[qtype_fp8_e5m2] = dequantize_fp8_e5m2;
+  return table;
+}();
+
 const forward_table& current_table() {
   switch (current_gpu_type()) {
     case gpu_igx:
@@ -83,7 +100,7 @@ bool takes_matrix_engine(std::int64_t batch_size, std::int64_t output_size, int 
   return (type == gpu_summit && batch_size <= 16) || (type == gpu_vela_a && batch_size <= 64);
 }
 
-/// The row count of a packed weight, from its length in bytes.
+/// The row count of a packed weight, from its length in bytes. A weight of no bytes has no rows.
 std::int64_t rows_of(const char* op, const at::Tensor& weight, std::int64_t state_size, int qtype) {
   TORCH_CHECK(weight.scalar_type() == at::ScalarType::Byte && weight.dim() == 1, op,
               ": the weight must be a flat tensor of packed bytes (torch.uint8, 1 dimension), but has ",
@@ -91,24 +108,10 @@ std::int64_t rows_of(const char* op, const at::Tensor& weight, std::int64_t stat
   const std::uint64_t blocks = static_cast<std::uint64_t>(weight.size(0)) / GGML_TYPE_SIZE[qtype];
   const std::uint64_t elements = blocks * static_cast<std::uint64_t>(GGML_BLCK_SIZE[qtype]);
   const auto output_size = static_cast<std::int64_t>(elements / static_cast<std::uint64_t>(state_size));
-  TORCH_CHECK(output_size > 0, op, ": the weight's ", weight.size(0), " bytes hold no row of ", state_size,
-              " elements in this format");
+  TORCH_CHECK(output_size > 0 || weight.size(0) == 0, op, ": the weight's ", weight.size(0),
+              " bytes hold no row of ", state_size, " elements in this format");
+  if (output_size > 0) check_index_range(op, state_size, output_size);
   return output_size;
-}
-
-/// The first tile of a row that a one-row kernel of the format checks for, 0 where it has none.
-int checked_tile(int qtype) {
-  switch (qtype) {
-    case qtype_q8_0:
-    case qtype_fp8_e4m3:
-    case qtype_fp8_e5m2:
-      return 8;
-    case qtype_q5_0:
-    case qtype_q5_1:
-      return 0;
-    default:
-      return 16;
-  }
 }
 
 }  // namespace
@@ -116,6 +119,8 @@ int checked_tile(int qtype) {
 at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t size_hint) {
   TORCH_CHECK(input.dim() == 2, "forward_new: input must have 2 dimensions, rows and state_size, but has ",
               input.dim());
+  input = readable("forward_new", "input", std::move(input));
+  weight = readable("forward_new", "weights", std::move(weight));
   const std::int64_t batch_size = input.size(0);
   const std::int64_t state_size = input.size(1);
   const forward_table& table = current_table();
@@ -124,50 +129,40 @@ at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype
               "; it must be 2, 3, 6, 7, 8, 10, 11, 15, 16 or 19");
   TORCH_CHECK(state_size > 0, "forward_new: state_size must be positive, but got ", state_size);
   const std::int64_t output_size = rows_of("forward_new", weight, state_size, qtype);
-  check_index_range("forward_new", state_size, output_size);
 
-  if (takes_matrix_engine(batch_size, output_size, qtype)) {
+  if (output_size > 0 && takes_matrix_engine(batch_size, output_size, qtype)) {
     return sysarr_forward(input, weight, batch_size, state_size, output_size, size_hint, qtype,
                           current_gpu_type() == gpu_summit);
   }
-  if (state_size % GGML_BLCK_SIZE[qtype] != 0) {
-    // In the order in which a launcher would meet them: the element type, then the kernel's own check of the
-    // row.
-    check_floating("qlinear_forward_xpu", input);
-    if (batch_size != 1) check_multiple(state_size, 64);
-    if (const int tile = checked_tile(qtype)) check_multiple(state_size, tile);
-    check_row_length("forward_new", state_size, GGML_BLCK_SIZE[qtype]);
-  }
-  if (batch_size == 0) return at::empty({0, output_size}, input.options().device(weight.device()));
   return table[qtype](input, weight, batch_size, state_size, output_size, size_hint);
+}
+
+at::Tensor linear_xpu_expanded(const at::Tensor& like, const at::Tensor& weight, int qtype,
+                               std::int64_t state_size) {
+  TORCH_CHECK(qtype >= 0 && qtype < qtype_count && expansions[qtype] != nullptr,
+              "forward_new: there is no expansion of qtype ", qtype);
+  return expansions[qtype](like, weight, state_size, rows_of("forward_new", weight, state_size, qtype));
 }
 
 at::Tensor xpu_dequant(at::Tensor input, at::Tensor weight, int qtype) {
   TORCH_CHECK(input.dim() >= 2, "dequant: input must have at least 2 dimensions, but has ", input.dim());
-  const auto dequantize = [&] {
-    switch (qtype) {
-      case qtype_q4_0:
-        return dequantize_q4_0;
-      case qtype_q8_0:
-        return dequantize_q8_0;
-      case qtype_nf4:
-        return dequantize_nf4;
-      case qtype_fp8_e4m3:
-        return dequantize_fp8_e4m3;
-      case qtype_fp4:
-        return dequantize_fp4;
-      case qtype_fp8_e5m2:
-        return dequantize_fp8_e5m2;
-      default:
-        TORCH_CHECK(qtype != qtype_iq2_xxs, "dequant: the format iq2_xxs (qtype 21) has no kernel yet");
-        TORCH_CHECK(false, "dequant: qtype must be 2, 8, 10, 15, 16 or 19, but got ", qtype);
-    }
-  }();
+  switch (qtype) {
+    case qtype_q4_0:
+    case qtype_q8_0:
+    case qtype_nf4:
+    case qtype_fp8_e4m3:
+    case qtype_fp4:
+    case qtype_fp8_e5m2:
+      break;
+    default:
+      TORCH_CHECK(qtype != qtype_iq2_xxs, "dequant: the format iq2_xxs (qtype 21) has no kernel yet");
+      TORCH_CHECK(false, "dequant: qtype must be 2, 8, 10, 15, 16 or 19, but got ", qtype);
+  }
+  weight = readable("dequant", "weight", std::move(weight));
   const std::int64_t state_size = input.size(1);
   TORCH_CHECK(state_size > 0, "dequant: state_size must be positive, but got ", state_size);
   const std::int64_t output_size = rows_of("dequant", weight, state_size, qtype);
-  check_index_range("dequant", state_size, output_size);
-  return dequantize(input, weight, state_size, output_size);
+  return expansions[qtype](input, weight, state_size, output_size);
 }
 
 }  // namespace tolvane

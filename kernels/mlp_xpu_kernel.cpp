@@ -8,6 +8,7 @@
 
 #include <array>
 #include <limits>
+#include <utility>
 
 #include "checks.h"
 #include "decoders.h"
@@ -153,6 +154,9 @@ at::Tensor mlp_forward_xpu(at::Tensor input, at::Tensor weight_gate, at::Tensor 
   check_xpu("mlp_forward_xpu", "input", input);
   check_xpu("mlp_forward_xpu", "weight_gate", weight_gate);
   check_xpu("mlp_forward_xpu", "weight_up", weight_up);
+  input = readable("mlp_forward_xpu", "input", std::move(input));
+  weight_gate = readable("mlp_forward_xpu", "weight_gate", std::move(weight_gate));
+  weight_up = readable("mlp_forward_xpu", "weight_up", std::move(weight_up));
   const mlp_forward_table& table = current_gpu_type() == gpu_summit ? mlp_forward_fns_32 : mlp_forward_fns;
   const bool known = qtype >= 0 && qtype < static_cast<int>(table.size()) && table[qtype] != nullptr;
   TORCH_CHECK(known, "mlp_forward_xpu: qtype must be 2 (q4_0) or 19 (fp8_e5m2), but got ", qtype);

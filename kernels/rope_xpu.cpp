@@ -362,6 +362,12 @@ void check_positions(const at::Tensor& position_ids, const named& x) {
               x.tensor.sizes(), ", but is ", position_ids.sizes());
 }
 
+/// The outputs have memory to write, and are marked as changed.
+void write_to(std::initializer_list<named> outputs) {
+  for (const auto& [name, tensor] : outputs) check_writable(label, name, tensor);
+  for (const auto& [name, tensor] : outputs) mark_written(tensor);
+}
+
 position_angles angles_of(const at::Tensor& position_ids, std::int64_t head_size) {
   return {position_ids.data_ptr<std::int64_t>(),
           position_ids.size(0),
@@ -395,13 +401,16 @@ void apply_rotary_embedding_q_and_k(const at::Tensor& q, const at::Tensor& k, co
   check_positions(position_ids, {"k", k});
   if (q.numel() + k.numel() == 0) return;
 
-  const operand<2> turned_q(q_out, q), turned_k(k_out, k);
+  const at::Tensor q_in = readable(label, "q", q), k_in = readable(label, "k", k),
+                   positions = readable(label, "position_ids", position_ids);
+  const operand<2> turned_q(q_out, q_in), turned_k(k_out, k_in);
   const std::int64_t rows = turned_q.rows() + turned_k.rows();
+  write_to({{"q_out", q_out}, {"k_out", k_out}});
   dispatch_floating(label, q.scalar_type(), [&]<class T>(std::type_identity<T>) {
     launch(q.device(), rows, q.size(3),
-           apply_rotary_embedding_half_kernel_q_and_k<T>{
-               turned_q.rows(), rows, turned_q.as<T>(), turned_k.as<T>(), rows_per_batch(q),
-               rows_per_batch(k), angles_of(position_ids, q.size(3))});
+           apply_rotary_embedding_half_kernel_q_and_k<T>{turned_q.rows(), rows, turned_q.as<T>(),
+                                                         turned_k.as<T>(), rows_per_batch(q),
+                                                         rows_per_batch(k), angles_of(positions, q.size(3))});
   });
 }
 
@@ -415,11 +424,13 @@ void apply_rotary_embedding_q_or_k(const at::Tensor& x, const at::Tensor& positi
   check_positions(position_ids, {"x", x});
   if (x.numel() == 0) return;
 
-  const operand<2> turned(x_out, x);
+  const at::Tensor x_in = readable(label, "x", x), positions = readable(label, "position_ids", position_ids);
+  const operand<2> turned(x_out, x_in);
+  write_to({{"x_out", x_out}});
   dispatch_floating(label, x.scalar_type(), [&]<class T>(std::type_identity<T>) {
     launch(x.device(), turned.rows(), x.size(3),
            apply_rotary_embedding_half_kernel_q_or_k<T>{turned.rows(), turned.as<T>(), rows_per_batch(x),
-                                                        angles_of(position_ids, x.size(3)), backward});
+                                                        angles_of(positions, x.size(3)), backward});
   });
 }
 
@@ -440,8 +451,11 @@ void apply_rotary_embedding_q_and_k_cache_freq(const at::Tensor& q, const at::Te
   }
   if (q.numel() + k.numel() == 0) return;
 
-  const operand<4> turned_q(q_out, q, sin, cos), turned_k(k_out, k, sin, cos);
+  const at::Tensor q_in = readable(label, "q", q), k_in = readable(label, "k", k),
+                   sines = readable(label, "sin", sin), cosines = readable(label, "cos", cos);
+  const operand<4> turned_q(q_out, q_in, sines, cosines), turned_k(k_out, k_in, sines, cosines);
   const std::int64_t rows = turned_q.rows() + turned_k.rows();
+  write_to({{"q_out", q_out}, {"k_out", k_out}});
   dispatch_floating(label, q.scalar_type(), [&]<class T>(std::type_identity<T>) {
     launch(q.device(), rows, q.size(-1),
            apply_rotary_embedding_half_kernel_cache_freq<T>{turned_q.rows(), rows, turned_q.as<T>(),

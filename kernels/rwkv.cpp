@@ -10,6 +10,7 @@
 #include <cmath>
 #include <stdexcept>
 #include <type_traits>
+#include <utility>
 
 #include "checks.h"
 #include "dispatch.h"
@@ -150,7 +151,7 @@ struct rwkv_time_shift_kernel {
   bool streams;
 
   /// bfloat16 has a form of its own, x a + s (1 - a), and 1 - a is made once for all rows. The others take
-  /// s + a (x - s).
+  /// s + a (x - s). Of the reduced types every step rounds, the product too; float contracts.
   static constexpr bool by_products = std::same_as<IT, bfloat16>;
   const IT* rests = nullptr;
   void prepare(sycl::host::arena& memory) {
@@ -191,7 +192,9 @@ struct rwkv_time_shift_kernel {
       const vec a = spmd::convert<IT>(read(factor));
       if constexpr (by_products) {
         const vec rest = read(rests + (factor - mix));
-        spmd::stream_split(to, spmd::mad(wide(x), wide(a), wide(s * rest)), past_caches);
+        spmd::stream_split(to, wide(x * a) + wide(s * rest), past_caches);
+      } else if constexpr (spmd::reduced<IT>) {
+        spmd::stream(to, wide(s) + wide(a * difference), past_caches);
       } else {
         spmd::stream(to, spmd::mad(wide(a), wide(difference), wide(s)), past_caches);
       }
@@ -209,6 +212,14 @@ void check_shape(const char* op, const char* name, const at::Tensor& tensor, at:
   check_xpu(op, name, tensor);
   TORCH_CHECK(tensor.sizes() == shape, op, ": ", name, " must have shape ", shape, ", but has ",
               tensor.sizes());
+}
+
+/// `tensor` is on the device, contiguous, and as large as this shape at least, so that a kernel that reads
+/// the shape from its first element on stays inside.
+void check_holds(const char* op, const char* name, const at::Tensor& tensor, at::IntArrayRef shape) {
+  check_xpu(op, name, tensor);
+  TORCH_CHECK(tensor.numel() >= c10::multiply_integers(shape), op, ": ", name, " must have shape ", shape,
+              ", or at least as many elements, but has ", tensor.sizes());
 }
 
 /// `tensor` holds the same element type as `like`.
@@ -278,12 +289,18 @@ at::Tensor rwkv_linear_attention_v4(at::Tensor time_decay, at::Tensor time_first
        {std::pair{"num_state", num_state}, {"den_state", den_state}, {"max_state", max_state}}) {
     check_shape(op, name, state, {batch, channels});
     check_same_type(op, name, state, "key", key);
+    check_writable(op, name, state);
   }
+  key = readable(op, "key", std::move(key));
+  value = readable(op, "value", std::move(value));
+  time_decay = readable(op, "time_decay", std::move(time_decay));
+  time_first = readable(op, "time_first", std::move(time_first));
 
   at::Tensor result = at::empty({batch, tokens, channels}, key.options());
   dispatch_pair(key.scalar_type(), time_decay.scalar_type(),
                 [&]<class IT, class TT>(std::type_identity<IT>, std::type_identity<TT>) {
                   check_groups(op, channels, group_size);
+                  for (const at::Tensor* state : {&num_state, &den_state, &max_state}) mark_written(*state);
                   submit(key.device(), [&](sycl::handler& command) {
                     command.parallel_for(
                         sycl::nd_range<2>({batch, channels}, {1, group_size}),
@@ -313,6 +330,12 @@ at::Tensor rwkv_linear_attention_v5(at::Tensor time_decay, at::Tensor time_first
       ": time_decay.is_contiguous() && time_first.is_contiguous() && state.is_contiguous() is needed, but "
       "got ",
       time_decay.is_contiguous(), ", ", time_first.is_contiguous(), " and ", state.is_contiguous());
+  receptance = readable(op, "receptance", std::move(receptance));
+  key = readable(op, "key", std::move(key));
+  value = readable(op, "value", std::move(value));
+  time_decay = readable(op, "time_decay", std::move(time_decay));
+  time_first = readable(op, "time_first", std::move(time_first));
+  check_writable(op, "state", state);
   const std::int64_t batch = key.size(0), heads = key.size(1), tokens = key.size(2), head_dim = key.size(3);
   TORCH_CHECK(head_dim == head_size, op, ": head_dim == 64 is needed, but got ", head_dim);
   check_shape(op, "time_decay", time_decay, {heads, head_size});
@@ -334,11 +357,12 @@ at::Tensor rwkv_linear_attention_v5(at::Tensor time_decay, at::Tensor time_first
                                                           key.data_ptr<float>(),
                                                           value.data_ptr<float>(),
                                                           state.data_ptr<float>(),
-                                                          result.data_ptr<float>(),
+                                                          elements<float>(result),
                                                           tokens,
                                                           {key.stride(0), key.stride(1), key.stride(2)},
                                                           {tokens * heads * head_size, heads * head_size},
                                                           heads * head_size * head_size};
+  mark_written(state);
   submit(key.device(), [&](sycl::handler& command) {
     command.parallel_for(sycl::nd_range<3>({batch, heads, head_size}, {1, 1, group_size}), kernel);
   });
@@ -361,9 +385,12 @@ at::Tensor rwkv_time_shift(at::Tensor hidden, at::Tensor shifted, at::Tensor mix
   const std::int64_t batch = hidden.size(0), tokens = hidden.size(1), channels = hidden.size(2),
                      mixes = mix.size(0);
   check_xpu(op, "hidden", hidden);
-  check_shape(op, "shifted", shifted, hidden.sizes());
+  check_holds(op, "shifted", shifted, hidden.sizes());
   check_same_type(op, "shifted", shifted, "hidden", hidden);
-  check_shape(op, "mix", mix, {mixes, 1, channels});
+  check_holds(op, "mix", mix, {mixes, 1, channels});
+  hidden = readable(op, "hidden", std::move(hidden));
+  shifted = readable(op, "shifted", std::move(shifted));
+  mix = readable(op, "mix", std::move(mix));
 
   at::Tensor result = at::empty({mixes, batch, tokens, channels}, hidden.options());
   dispatch_pair(hidden.scalar_type(), mix.scalar_type(),

@@ -1,7 +1,8 @@
 """Operators for quantized large language models on XPU devices.
 
 All arguments are positional. A tensor that an operator refuses raises RuntimeError before anything is submitted.
-Packed weights are flat tensors of torch.uint8; quarn.pack makes them.
+Packed weights are flat tensors of torch.uint8; quarn.pack makes them. Tensors that an operator writes are marked as
+changed for autograd; no result requires a gradient but that of forward_new.
 """
 
 from typing import Optional, Tuple
@@ -14,9 +15,10 @@ def forward_new(input: Tensor, weights: Tensor, qtype: int, size_hint: int, /) -
     input: [rows, state_size], contiguous; torch.half, float, double or bfloat16.
     weights: flat packed bytes in the format qtype: 2 (q4_0), 3 (q4_1), 6 (q5_0), 7 (q5_1), 8 (q8_0), 10 (nf4),
         11 (nf3), 15 (fp8_e4m3), 16 (fp4) or 19 (fp8_e5m2, whose scales are not read). output_size follows from their
-        length. state_size is a multiple of 64.
+        length, 0 from no bytes. state_size is a multiple of 64.
     size_hint: with more than 128, very wide q4_0 layers may be expanded slice by slice; otherwise of no effect.
-    Returns [rows, output_size] in the element type of input.
+    Returns [rows, output_size] in the element type of input; differentiable with respect to input.
+    TILE_THRESHOLD and TILE_SIZE raise ValueError or IndexError on q4_0 calls where they do not begin with a number.
     """
 
 def dequant(input: Tensor, weight: Tensor, qtype: int, /) -> Tensor:
@@ -51,7 +53,8 @@ def apply_rotary_embedding_half_q_and_k_cache_freq(
 def bmm(A: Tensor, B: Tensor, C: Tensor, /) -> Tensor:
     """C[b] = A[b] @ B[b] for every b, into C, which is returned.
 
-    A: [batch, M, N], B: [batch, N, P], C: [batch, M, P], all contiguous and of torch.float.
+    A: [batch, M, N], B: [batch, N, P], C: [batch, M, P], all contiguous and of torch.float. C may be larger: its first
+    batch * M * P elements are written.
     """
 
 def fused_rms_norm(
@@ -105,7 +108,8 @@ def query_key_fp8_matmul(query: Tensor, key: Tensor, /) -> Tensor:
     """Scores of one new token against an FP8 key cache: the dot products of each query head with all its keys.
 
     query: [B, H, 1, 128]; torch.float, half or bfloat16. Another type ends the process.
-    key: [B, KVH, L, 128] of cache bytes (quarn.fp8_cache), each row 128 bytes after the one before; KVH divides H.
+    key: [B, KVH, L, 128] of cache bytes (quarn.fp8_cache), each row 128 bytes after the one before (key.stride(2));
+        KVH divides H.
     Returns [B, H, 1, L] in the element type of query. Neither scaled nor masked.
     """
 
@@ -154,7 +158,8 @@ def rwkv_linear_attention_v5(
 def rwkv_time_shift(hidden: Tensor, shifted: Tensor, mix: Tensor, /) -> Tensor:
     """Mixes of hidden states with their shifted copy: hidden * mix[m] + shifted * (1 - mix[m]) for every m.
 
-    hidden, shifted: [B, T, C]; mix: [M, 1, C]; all contiguous, C is a multiple of 64.
+    hidden, shifted: [B, T, C]; mix: [M, 1, C]; all contiguous, C is a multiple of 64. The first two sizes of shifted
+        and the second of mix may differ, if there are as many elements at least.
     Types of hidden and mix: (float, bfloat16 or float), (bfloat16, bfloat16), (half, half).
     Returns [M, B, T, C] in the element type of hidden.
     """

@@ -9,6 +9,7 @@ import tolvane
 from torch import Tensor
 
 HEAD_DIM = 128
+ATTENTION_TYPES = (torch.float32, torch.float16, torch.bfloat16)
 _LARGEST = 0x7B
 _NAN = 0x7F
 
@@ -63,10 +64,13 @@ class FP8Cache:
     def append(self, keys: Tensor, values: Tensor) -> None:
         """Rounds and stores new positions: keys and values [batch, kv_heads, positions, 128].
 
-        ValueError where their shape does not fit, or the cache is full.
+        TypeError where they hold no floating-point numbers, ValueError where their shape does not
+        fit, or the cache is full.
         """
         batch, kv_heads = self.keys.shape[:2]
         for name, x in (("keys", keys), ("values", values)):
+            if not x.dtype.is_floating_point:
+                raise TypeError(f"{name} must hold floating-point numbers, but hold {x.dtype}")
             fits = x.dim() == 4 and (*x.shape[:2], x.shape[3]) == (batch, kv_heads, HEAD_DIM)
             if not fits or x.shape != keys.shape:
                 raise ValueError(
@@ -83,9 +87,11 @@ class FP8Cache:
     def attend(self, query: Tensor, scale: float = HEAD_DIM**-0.5) -> Tensor:
         """Attention of one new token to all stored positions.
 
-        query: [batch, heads, 1, 128] of float, half or bfloat16; kv_heads divides heads. Returns
-        the same shape and type. The softmax is made in float.
+        query: [batch, heads, 1, 128] of float, half or bfloat16, else TypeError; kv_heads divides
+        heads. Returns the same shape and type. The softmax is made in float.
         """
+        if query.dtype not in ATTENTION_TYPES:
+            raise TypeError(f"query must be of float, half or bfloat16, but is of {query.dtype}")
         scores = tolvane.query_key_fp8_matmul(query * scale, self.keys[:, :, : self.length])
         weights = torch.softmax(scores, -1, dtype=torch.float32).to(query.dtype)
         return tolvane.attn_value_fp8_matmul(weights, self.values[..., : self.length])

@@ -72,7 +72,8 @@ def _dot_five_bit_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int,
     if weight.format.qtype == 6:
         elements = t.to(t.wide(code) * t.wide(d))
     else:
-        elements = add_product(d, t.to(code), t.to(weight.scales[:, :, 1])[:, :, None, None])
+        m = t.to(weight.scales[:, :, 1])[:, :, None, None]
+        elements = t.add(t.mul(d, t.to(code)), m)  # rounds twice even where the sums contract
     inputs = t.to(x).reshape(blocks, 2, 32)
     both = add_product(elements[:, :, 1], inputs[:, 1], t.mul(elements[:, :, 0], inputs[:, 0]))
     entries = np.zeros((rows, group), both.dtype)

@@ -48,8 +48,10 @@ def v5(w: np.ndarray, u: np.ndarray, r: np.ndarray, k: np.ndarray, v: np.ndarray
 
 
 def time_shift(t: Arithmetic, x: np.ndarray, shifted: np.ndarray, mix: np.ndarray) -> np.ndarray:
-    """The mixes [M, B, T, C]: from the difference, in bfloat16 from both products; the last sum contracts."""
+    """The mixes [M, B, T, C]: from the difference, in bfloat16 from both products. Every step rounds, but that in
+    float the last sum contracts."""
     x, s, a = (t.to(value) for value in (x, shifted, mix[:, :, None]))
     if t.name == "bfloat16":
-        return t.mad(x, a, t.mul(s, t.add(np.float32(1), -a)))
-    return t.mad(a, t.add(x, -s), s)
+        return t.add(t.mul(x, a), t.mul(s, t.add(np.float32(1), -a)))
+    difference = t.add(x, -s)
+    return t.mad(a, difference, s) if t.name == "float32" else t.add(s, t.mul(a, difference))

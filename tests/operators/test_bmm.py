@@ -67,7 +67,7 @@ REFUSED = {
     "inner size": (1, zeros(2, 3, 5), "dimensions do not match for batch multiplication"),
     "type of A": (0, zeros(2, 3, 4, dtype=torch.half), "expected scalar type Float but found Half"),
     "type of C": (2, zeros(2, 3, 5, dtype=torch.double), "expected scalar type Float but found Double"),
-    "size of C": (2, zeros(2, 3, 4), r"C must have 2 \* 3 \* 5 elements, but has 24"),
+    "size of C": (2, zeros(2, 3, 4), r"C must have at least 2 \* 3 \* 5 elements, but has 24"),
 }
 
 

@@ -220,24 +220,6 @@ def test_a_spare_byte_and_no_rows():
         assert tolvane.forward_new(x_of(0, 64), bytes_of(10 * BLOCK_BYTES[qtype]), qtype, 0).shape == (0, 10)
 
 
-def test_malformed_tiling_raises_on_q4_0_alone(monkeypatch):
-    q4_0, q4_1 = (x_of(1, 64), bytes_of(34), 2, 0), (x_of(1, 64), bytes_of(36), 3, 0)
-    for variable, function in (("TILE_THRESHOLD", "stoll"), ("TILE_SIZE", "stoull")):
-        for value, error in (("many", ValueError), ("", ValueError), ("9" * 30, IndexError)):
-            monkeypatch.setenv(variable, value)
-            with pytest.raises((error, RuntimeError), match=f"^{function}"):
-                tolvane.forward_new(*q4_0)
-            tolvane.forward_new(*q4_1)
-            monkeypatch.delenv(variable)
-    for value in ("0", "-4096"):
-        monkeypatch.setenv("TILE_SIZE", value)
-        with pytest.raises(RuntimeError, match="TILE_SIZE must be a positive number of weight rows"):
-            tolvane.forward_new(*q4_0)
-        tolvane.forward_new(*q4_1)
-    monkeypatch.setenv("TILE_SIZE", "12 rows")
-    tolvane.forward_new(*q4_0)
-
-
 def test_profiler_scopes():
     with torch.autograd.profiler.profile(record_shapes=True) as profile:
         tolvane.forward_new(x_of(1, 64), bytes_of(34), 2, 0)

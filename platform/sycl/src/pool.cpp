@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -63,9 +64,13 @@ class pool {
     const std::lock_guard own(owner_, std::adopt_lock);
     {
       const std::lock_guard hold(lock_);
-      while (static_cast<int>(workers_.size()) < helpers) {
-        workers_.emplace_back([this] { serve(); });
-        launcher_cpu_ = -1;
+      try {
+        while (static_cast<int>(workers_.size()) < helpers) {
+          workers_.emplace_back([this] { serve(); });
+          launcher_cpu_ = -1;
+        }
+      } catch (
+          const std::system_error&) {  // no further thread can be started: those that there are do it all
       }
       job_ = &work;
       places_ = helpers;

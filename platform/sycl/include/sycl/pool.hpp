@@ -34,7 +34,8 @@ void set_pool_threads(int threads);
 /// Runs body over [0, count) in pieces of `grain` (the last may be shorter), dealt in turn to the pool and to
 /// the calling thread, and returns when all are done. The first exception is rethrown here; pieces not yet
 /// begun are then left out. A call from inside a body, or while another thread's job holds the pool, runs on
-/// its own thread alone.
+/// its own thread alone. Where the system starts no thread, those that there are share the job, at worst the
+/// calling one alone.
 void parallel_for_pieces(std::size_t count, std::size_t grain, range_function body);
 
 }  // namespace sycl::host
