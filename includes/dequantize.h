@@ -6,7 +6,6 @@
 #include <cstdint>
 
 #include "checks.h"
-#include "decoders.h"
 #include "matvec.h"
 #include "submit.h"
 
@@ -80,51 +79,51 @@ inline int row_group_size(std::int64_t state_size, int per_item) {
   return size;
 }
 
-/// Expands `rows` rows from `start` on of a weight of output_size rows, into an output that begins with the
-/// first of them.
-template <class Format, class T, int PerItem, submission_form Form>
-void dequantize_tile_of(const std::uint8_t* weight, T* output, std::size_t state_size,
-                        std::size_t output_size, std::size_t rows, std::size_t start, c10::Device device) {
-  const auto columns = static_cast<std::int64_t>(state_size);
-  check_multiple(columns, 64);
-  if (rows == 0) return;
-  const int group = row_group_size(columns, PerItem);
-  const std::int64_t first_block = static_cast<std::int64_t>(start) * columns / Format::block;
-  const std::uint8_t* scales =
-      weight + zoned_scale_offset<Format>(columns, static_cast<std::int64_t>(output_size));
-  submit<Form>(device, [&](sycl::handler& command) {
-    command.parallel_for(
-        sycl::nd_range<1>(rows * group, group),
-        row_dequantize_kernel<Format, T, PerItem>{columns, static_cast<int>(columns / (group * PerItem)),
-                                                  scales + first_block * Format::scale_bytes,
-                                                  weight + first_block * Format::value_bytes, output,
-                                                  group * PerItem / Format::block});
-  });
+/// What an expansion is asked for: rows start … start + rows - 1 of a weight of output_size rows, into an
+/// output that begins with the first of them.
+template <class T>
+struct expansion {
+  const std::uint8_t* weight;
+  T* output;
+  std::int64_t state_size, output_size, start, rows;
+  c10::Device device;
+};
+
+/// By rows. `Plain` says that the host does not wait.
+template <class Format, int PerItem, bool Plain, class T>
+void qlinear_xpu_dequantize_kernel(const expansion<T>& range) {
+  check_multiple(range.state_size, 64);
+  if (range.rows == 0) return;
+  const int group = row_group_size(range.state_size, PerItem);
+  const std::int64_t first_block = range.start * range.state_size / Format::block;
+  const std::uint8_t* scales = range.weight + zoned_scale_offset<Format>(range.state_size, range.output_size);
+  submit<Plain ? submission_form::plain : submission_form::waiting>(
+      range.device, [&](sycl::handler& command) {
+        command.parallel_for(
+            sycl::nd_range<1>(static_cast<std::size_t>(range.rows) * group, group),
+            row_dequantize_kernel<Format, T, PerItem>{
+                range.state_size, static_cast<int>(range.state_size / (group * PerItem)),
+                scales + first_block * Format::scale_bytes, range.weight + first_block * Format::value_bytes,
+                range.output, group * PerItem / Format::block});
+      });
 }
 
-/// Expands all rows.
-template <class Format, class T, int PerItem, submission_form Form = submission_form::waiting>
-void dequantize_rows_of(const std::uint8_t* weight, T* output, std::size_t state_size,
-                        std::size_t output_size, c10::Device device) {
-  dequantize_tile_of<Format, T, PerItem, Form>(weight, output, state_size, output_size, output_size, 0,
-                                               device);
-}
-
-/// Expands the whole tensor by a flat kernel, with the global size rounded up to whole groups.
-template <class Format, class T, submission_form Form>
-void dequantize_flat(const std::uint8_t* weight, T* output, std::size_t state_size, std::size_t output_size,
-                     c10::Device device) {
+/// The whole tensor by a flat kernel, with the global size rounded up to whole groups.
+template <class Format, class T>
+void qlinear_xpu_dequantize_kernel_flat(const expansion<T>& range) {
+  check_row_length("forward_new", range.state_size, Format::block);
+  const std::int64_t total = range.state_size * range.rows;
+  if (total == 0) return;
   constexpr std::size_t group = 256;
-  check_multiple(static_cast<std::int64_t>(state_size), Format::block);
-  if (output_size == 0) return;
-  const auto total = static_cast<std::int64_t>(state_size * output_size);
   const std::size_t items = static_cast<std::size_t>(total) / Format::flat_elements;
   const std::size_t groups = (items + group - 1) / group;
-  submit<Form>(device, [&](sycl::handler& command) {
-    command.parallel_for(
-        sycl::nd_range<1>(groups * group, group),
-        flat_dequantize_kernel<Format, T>{total, weight, weight + Format::flat_scale_offset(total), output});
-  });
+  submit<Format::plain_expansion ? submission_form::plain : submission_form::waiting>(
+      range.device, [&](sycl::handler& command) {
+        command.parallel_for(
+            sycl::nd_range<1>(groups * group, group),
+            flat_dequantize_kernel<Format, T>{total, range.weight,
+                                              range.weight + Format::flat_scale_offset(total), range.output});
+      });
 }
 
 }  // namespace tolvane

@@ -5,8 +5,8 @@
 
 #include <array>
 
-#include "sycl/group.hpp"
 #include "spmd/spmd.hpp"
+#include "sycl/group.hpp"
 
 namespace tolvane {
 
@@ -16,7 +16,8 @@ using spmd::eight_floats;
 /// work-items, in an order that `in_item_order` puts right. 0, 1, 2 or 3 shuffles per register for Vec 1, 2,
 /// 4, 8.
 template <int Vec>
-[[gnu::always_inline]] inline std::array<eight_floats, Vec> by_element(const std::array<eight_floats, Vec>& x) {
+[[gnu::always_inline]] inline std::array<eight_floats, Vec> by_element(
+    const std::array<eight_floats, Vec>& x) {
   if constexpr (Vec == 2) {
     return {spmd::evens(x[0], x[1]), spmd::odds(x[0], x[1])};
   } else if constexpr (Vec == 4) {

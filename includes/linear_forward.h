@@ -1,25 +1,25 @@
 #pragma once
-// What every launcher of the quantized linear layer does: choose among one row, a few rows and the dense
+// What a launcher of the quantized linear layer does: choose among one row, a few rows and the dense
 // expansion.
 
+#include <ATen/TensorIndexing.h>
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 #include <ATen/ops/linear.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <type_traits>
 
 #include "device_frame.h"
 #include "dispatch.h"
 #include "linear_kernels.h"
+#include "linear_launchers.h"
+#include "linear_tiling.h"
 
 namespace tolvane {
 
 inline constexpr const char* linear_label = "qlinear_forward_xpu";
-
-/// A launcher: the forward tables hold these.
-using forward_fn = at::Tensor (*)(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                                  std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
 
 /// A new tensor on the weight's device, in the input's element type.
 inline at::Tensor empty_for(const at::Tensor& input, const at::Tensor& weight, std::int64_t rows,
@@ -27,15 +27,28 @@ inline at::Tensor empty_for(const at::Tensor& input, const at::Tensor& weight, s
   return at::empty({rows, columns}, input.options().device(weight.device()));
 }
 
-/// Expands the weight by the host function that Paths::dequantize<T>() gives for this class of device.
-template <class Paths>
-at::Tensor dequantized(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                       std::int64_t output_size) {
-  at::Tensor dense = empty_for(input, weight, output_size, state_size);
-  dispatch_floating(linear_label, input.scalar_type(), [&]<class T>(std::type_identity<T>) {
-    Paths::template dequantize<T>()(weight.data_ptr<std::uint8_t>(), elements<T>(dense),
-                                    static_cast<std::size_t>(state_size),
-                                    static_cast<std::size_t>(output_size), weight.device());
+/// Expands rows start … start + rows - 1 of a weight of output_size rows into a new tensor, by the shape and
+/// the form of submission that the format has on this class of device.
+template <class Format>
+at::Tensor expanded_rows(const at::Tensor& like, const at::Tensor& weight, std::int64_t state_size,
+                         std::int64_t output_size, std::int64_t start, std::int64_t rows) {
+  at::Tensor dense = empty_for(like, weight, rows, state_size);
+  dispatch_floating(linear_label, like.scalar_type(), [&]<class T>(std::type_identity<T>) {
+    const bool summit = current_gpu_type() == gpu_summit;
+    const expansion<T> range{weight.data_ptr<std::uint8_t>(),
+                             elements<T>(dense),
+                             state_size,
+                             output_size,
+                             start,
+                             rows,
+                             weight.device()};
+    if constexpr (requires { Format::flat_elements; }) {
+      qlinear_xpu_dequantize_kernel_flat<Format>(range);
+    } else {
+      constexpr int few = Format::block / Format::value_bytes;
+      summit ? qlinear_xpu_dequantize_kernel<Format, 2 * few, Format::plain_expansion_on_summit>(range)
+             : qlinear_xpu_dequantize_kernel<Format, few, Format::plain_expansion>(range);
+    }
   });
   return dense;
 }
@@ -45,40 +58,92 @@ template <class Kernel>
 at::Tensor multiplied(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
                       std::int64_t state_size, std::int64_t output_size, const Kernel& kernel) {
   at::Tensor output = empty_for(input, weight, batch_size, output_size);
-  dispatch_floating(linear_label, input.scalar_type(), [&]<class T>(std::type_identity<T> type) {
-    kernel(type)(elements<T>(input), weight.data_ptr<std::uint8_t>(), elements<T>(output),
-                 static_cast<std::size_t>(batch_size), static_cast<std::size_t>(state_size),
-                 static_cast<std::size_t>(output_size), weight.device());
+  dispatch_floating(linear_label, input.scalar_type(), [&]<class T>(std::type_identity<T>) {
+    kernel(elements<T>(input), weight.data_ptr<std::uint8_t>(), elements<T>(output),
+           static_cast<std::size_t>(batch_size), static_cast<std::size_t>(state_size),
+           static_cast<std::size_t>(output_size), weight.device());
   });
   return output;
 }
 
 /// The dense route: expands the weight and multiplies by it. Where there are no rows or no outputs, it only
 /// passes the checks of an expansion.
-template <class Paths>
+template <class Format>
 at::Tensor multiplied_by_dense(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
                                std::int64_t state_size, std::int64_t output_size) {
-  const at::Tensor dense = dequantized<Paths>(input, weight, state_size, batch_size == 0 ? 0 : output_size);
+  const std::int64_t rows = batch_size == 0 ? 0 : output_size;
+  const at::Tensor dense = expanded_rows<Format>(input, weight, state_size, output_size, 0, rows);
   if (dense.numel() == 0) return empty_for(input, weight, batch_size, output_size);
   return at::linear(input, dense);
 }
 
-/// The launcher that most formats share. Paths has one_row<T>(), batch<T>() where batch_limit is above 1, and
-/// dequantize<T>().
-template <class Paths>
-at::Tensor forward_by(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
-                      std::int64_t state_size, std::int64_t output_size) {
-  if (batch_size == 1) {
-    return multiplied(input, weight, batch_size, state_size, output_size,
-                      []<class T>(std::type_identity<T>) { return Paths::template one_row<T>(); });
+/// The same in slices of the weight's rows, which holds one slice at a time.
+template <class Format>
+at::Tensor multiplied_by_slices(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
+                                std::int64_t state_size, std::int64_t output_size, const tiling& tiles) {
+  check_slices(tiles);
+  at::Tensor output = empty_for(input, weight, batch_size, output_size);
+  const auto step = static_cast<std::int64_t>(std::min<unsigned long long>(tiles.size, output_size));
+  for (std::int64_t start = 0; start < output_size; start += step) {
+    const std::int64_t rows = std::min(step, output_size - start);
+    const at::Tensor slice = expanded_rows<Format>(input, weight, state_size, output_size, start, rows);
+    using at::indexing::Slice;
+    output.index_put_({Slice(), Slice(start, start + rows)}, at::linear(input, slice));
   }
-  if constexpr (Paths::batch_limit > 1) {
-    if (batch_size <= Paths::batch_limit) {
-      return multiplied(input, weight, batch_size, state_size, output_size,
-                        []<class T>(std::type_identity<T>) { return Paths::template batch<T>(); });
+  return output;
+}
+
+/// The launcher of a format.
+template <class Format, int sg_size, int wg_size, int ROWS>
+at::Tensor xpu_forward_new(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
+                           std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint) {
+  tiling tiles;
+  if constexpr (Format::sliced_expansion) tiles = current_tiling();
+  const auto run = [&](const auto& kernel) {
+    return multiplied(input, weight, batch_size, state_size, output_size, kernel);
+  };
+  if (batch_size == 1) {
+    return run([]<class T>(const T* from, auto... more) {
+      qlinear_xpu_kernel<Format, T, wg_size, ROWS>(from, more...);
+    });
+  }
+  if constexpr (Format::few_rows > 1) {
+    const int type = current_gpu_type();
+    if (batch_size <= (type == gpu_summit ? Format::few_rows_on_summit : Format::few_rows)) {
+      return run([]<class T>(const T* from, auto... more) {
+        qlinear_xpu_kernel_batch<Format, T, wg_size>(from, more...);
+      });
+    }
+    if (Format::sliced_expansion && type == gpu_vela && output_size > tiles.threshold && size_hint > 128) {
+      return multiplied_by_slices<Format>(input, weight, batch_size, state_size, output_size, tiles);
     }
   }
-  return multiplied_by_dense<Paths>(input, weight, batch_size, state_size, output_size);
+  return multiplied_by_dense<Format>(input, weight, batch_size, state_size, output_size);
+}
+
+template <class Format>
+at::Tensor linear_launchers<Format>::on_summit(const at::Tensor& input, const at::Tensor& weight,
+                                               std::int64_t batch_size, std::int64_t state_size,
+                                               std::int64_t output_size, std::int64_t size_hint) {
+  return xpu_forward_new<Format, 32, 64, 2>(input, weight, batch_size, state_size, output_size, size_hint);
+}
+template <class Format>
+at::Tensor linear_launchers<Format>::on_igx(const at::Tensor& input, const at::Tensor& weight,
+                                            std::int64_t batch_size, std::int64_t state_size,
+                                            std::int64_t output_size, std::int64_t size_hint) {
+  return xpu_forward_new<Format, 16, 32, Format::rows_on_igx>(input, weight, batch_size, state_size,
+                                                              output_size, size_hint);
+}
+template <class Format>
+at::Tensor linear_launchers<Format>::elsewhere(const at::Tensor& input, const at::Tensor& weight,
+                                               std::int64_t batch_size, std::int64_t state_size,
+                                               std::int64_t output_size, std::int64_t size_hint) {
+  return xpu_forward_new<Format, 16, 32, 2>(input, weight, batch_size, state_size, output_size, size_hint);
+}
+template <class Format>
+at::Tensor linear_launchers<Format>::expanded(const at::Tensor& like, const at::Tensor& weight,
+                                              std::int64_t state_size, std::int64_t output_size) {
+  return expanded_rows<Format>(like, weight, state_size, output_size, 0, output_size);
 }
 
 }  // namespace tolvane

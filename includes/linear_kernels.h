@@ -10,7 +10,6 @@
 #include <cstdint>
 
 #include "checks.h"
-#include "decoders.h"
 #include "dequantize.h"
 #include "matvec.h"
 #include "submit.h"
@@ -149,8 +148,9 @@ void check_tiles(std::size_t state_size) {
 
 /// Checks that rows are whole tiles, and submits one row. No outputs need no kernel.
 template <class Format, class T, int wg_size, int Rows>
-void matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t /*batch_size*/,
-            std::size_t state_size, std::size_t output_size, c10::Device device) {
+void qlinear_xpu_kernel_zoned(const T* input, const std::uint8_t* weight, T* output,
+                              std::size_t /*batch_size*/, std::size_t state_size, std::size_t output_size,
+                              c10::Device device) {
   check_tiles<Format>(state_size);
   if (output_size == 0) return;
   const std::int32_t scale_offset = zoned_scale_offset<Format>(static_cast<std::int64_t>(state_size),
@@ -166,8 +166,8 @@ void matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t /
 
 /// The same for a few rows. An odd last output counts as a pair.
 template <class Format, class T, int wg_size>
-void batch_matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t batch_size,
-                  std::size_t state_size, std::size_t output_size, c10::Device device) {
+void qlinear_xpu_kernel_batch(const T* input, const std::uint8_t* weight, T* output, std::size_t batch_size,
+                              std::size_t state_size, std::size_t output_size, c10::Device device) {
   check_tiles<Format>(state_size);
   if (batch_size == 0 || output_size == 0) return;
   const std::int32_t scale_offset = zoned_scale_offset<Format>(static_cast<std::int64_t>(state_size),
@@ -182,8 +182,9 @@ void batch_matvec(const T* input, const std::uint8_t* weight, T* output, std::si
 }
 
 template <class Format, class T, int wg_size>
-void five_bit_matvec(const T* input, const std::uint8_t* weight, T* output, std::size_t /*batch_size*/,
-                     std::size_t state_size, std::size_t output_size, c10::Device device) {
+void qlinear_xpu_kernel_records(const T* input, const std::uint8_t* weight, T* output,
+                                std::size_t /*batch_size*/, std::size_t state_size, std::size_t output_size,
+                                c10::Device device) {
   check_row_length("forward_new", static_cast<std::int64_t>(state_size), Format::block);
   if (output_size == 0) return;
   submit(device, [&](sycl::handler& command) {
@@ -191,6 +192,16 @@ void five_bit_matvec(const T* input, const std::uint8_t* weight, T* output, std:
     command.parallel_for(sycl::nd_range<1>(output_size * wg_size, wg_size),
                          five_bit_kernel<Format, T>{state_size, weight, input, local, output});
   });
+}
+
+/// One row times a weight of either container.
+template <class Format, class T, int wg_size, int Rows, class... Arguments>
+void qlinear_xpu_kernel(const T* input, const Arguments&... more) {
+  if constexpr (Format::zoned) {
+    qlinear_xpu_kernel_zoned<Format, T, wg_size, Rows>(input, more...);
+  } else {
+    qlinear_xpu_kernel_records<Format, T, wg_size>(input, more...);
+  }
 }
 
 }  // namespace tolvane

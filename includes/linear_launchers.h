@@ -1,7 +1,6 @@
 #pragma once
-// The launchers of the quantized linear layer and the expansions of its formats. Each family of formats is
-// instantiated in a file of its own, for the two pairs of sub-group and work-group sizes: (32, 64) and (16,
-// 32).
+// The launchers of the quantized linear layer and the expansions, by format. Each family of formats is
+// instantiated in a file of its own, for build time.
 
 #include <ATen/core/Tensor.h>
 
@@ -9,62 +8,26 @@
 
 namespace tolvane {
 
-/// All launchers have this form; `size_hint` is read by q4_0 alone. They return [batch_size, output_size].
-template <int sg_size, int wg_size, int ROWS>
-at::Tensor xpu_forward_q4_0_new(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                                std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_q4_1_new(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                                std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_nf4_new(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                               std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_nf3_new(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                               std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_fp4(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                           std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_q8_0_new(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                                std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_fp8_e4m3(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                                std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_fp8_e5m2(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                                std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_q5_0(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                            std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-template <int sg_size, int wg_size>
-at::Tensor xpu_forward_q5_1(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
-                            std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
-
-/// Expands a weight to [output_size, state_size], in the element type of `input`.
-using dequantize_fn = at::Tensor (*)(const at::Tensor& input, const at::Tensor& weight,
+/// A launcher: [batch_size, output_size] from input [batch_size, state_size]. `size_hint` is read by the
+/// tiled route alone.
+using forward_fn = at::Tensor (*)(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
+                                  std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
+/// An expansion: [output_size, state_size] in the element type of `like`.
+using dequantize_fn = at::Tensor (*)(const at::Tensor& like, const at::Tensor& weight,
                                      std::int64_t state_size, std::int64_t output_size);
 
-at::Tensor dequantize_q4_1(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                           std::int64_t output_size);
-at::Tensor dequantize_q5_0(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                           std::int64_t output_size);
-at::Tensor dequantize_q5_1(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                           std::int64_t output_size);
-at::Tensor dequantize_nf3(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                          std::int64_t output_size);
-at::Tensor dequantize_q4_0(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                           std::int64_t output_size);
-at::Tensor dequantize_nf4(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                          std::int64_t output_size);
-at::Tensor dequantize_fp4(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                          std::int64_t output_size);
-at::Tensor dequantize_q8_0(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                           std::int64_t output_size);
-at::Tensor dequantize_fp8_e4m3(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                               std::int64_t output_size);
-at::Tensor dequantize_fp8_e5m2(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
-                               std::int64_t output_size);
+/// A format's launchers for the classes of device: sub-groups and work-groups of (32, 64) on `gpu_summit` and
+/// (16, 32) elsewhere, and on `gpu_igx` more rows per work-group for formats that say so.
+template <class Format>
+struct linear_launchers {
+  static at::Tensor on_summit(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
+                              std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
+  static at::Tensor on_igx(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
+                           std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
+  static at::Tensor elsewhere(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
+                              std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
+  static at::Tensor expanded(const at::Tensor& like, const at::Tensor& weight, std::int64_t state_size,
+                             std::int64_t output_size);
+};
 
 }  // namespace tolvane

@@ -115,10 +115,18 @@ std::int32_t zoned_scale_offset(std::int64_t state_size, std::int64_t output_siz
   return static_cast<std::int32_t>(state_size * output_size / Format::block * Format::value_bytes);
 }
 
+/// Rounds of tiles that a walk for one activation row has in work at a time: chains of rounded multiply-adds
+/// have long latencies, so that eight registers of them should be under way. Memory hides those of plain
+/// floats where a gang is few registers.
+template <class T, int Lanes>
+inline constexpr int rounds_together = [] {
+  constexpr int registers = std::max(1, Lanes / spmd::native_lanes<spmd::wide<T>>);
+  return spmd::reduced<T> || registers >= 4 ? std::clamp(8 / registers, 2, 4) : 1;
+}();
+
 /// Step Walk over one weight row, for `Rows` activation rows from `row0` on: returns the accumulators of the
 /// gang's work-items. Weight rows are walked one after the other, so that a work-group reads its packed bytes
-/// as one run of memory: two rows in turn halve the rate at which they come. Two tiles, or one against two
-/// activation rows, are in work at a time, as chains of rounded multiply-adds have long latencies.
+/// as one run of memory: two rows in turn halve the rate at which they come.
 template <int Rows, class Format, class T, class Item>
 [[gnu::always_inline]] inline auto walk(const Item& item, const activation_tiles<Format, T>& input, int row0,
                                         int state_size, const packed_row& row) {
@@ -126,7 +134,7 @@ template <int Rows, class Format, class T, class Item>
   using value = spmd::varying<T, Item>;
   std::array<value, Rows> acc;
   spmd::unrolled<Rows>([&](auto a) { acc[a] = value(T(0.0f)); });
-  constexpr int together = Rows == 1 ? 2 : 1;
+  constexpr int together = Rows == 1 ? rounds_together<T, n> : 1;
   spmd::strided<together>(
       item, state_size / Format::tile, [&](const auto& first, auto live) [[gnu::always_inline]] {
         constexpr int rounds = std::tuple_size_v<std::remove_cvref_t<decltype(first)>>;

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "dispatch.h"
-#include "formats.h"
+#include "formats/list.h"
 
 namespace tolvane {
 namespace {

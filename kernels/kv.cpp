@@ -14,8 +14,8 @@
 
 #include "checks.h"
 #include "dispatch.h"
-#include "submit.h"
 #include "spmd/spmd.hpp"
+#include "submit.h"
 
 namespace tolvane {
 namespace {

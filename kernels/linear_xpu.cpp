@@ -1,4 +1,4 @@
-// The only door into the module: its entry function and the operators it publishes.
+// The operators that the module publishes: their wrappers and their registration.
 
 #include <torch/csrc/Exceptions.h>
 #include <torch/csrc/jit/frontend/tracer.h>
@@ -12,36 +12,17 @@
 #include <type_traits>
 #include <utility>
 
-#include "add_norm_fusion.h"
 #include "bmm_xpu_kernel.h"
-#include "device_frame.h"
 #include "kv.h"
 #include "linear_xpu_kernel.h"
 #include "mlp_xpu_kernel.h"
 #include "profiler_scope.h"
-#include "python_gate.h"
 #include "rope_xpu.h"
 #include "rwkv.h"
-#include "sycl/cpu.hpp"
+#include "target_library.h"
 
 namespace tolvane {
 namespace {
-
-/// Returning a tensor needs PyTorch's Python types, and the operators need a CPU that runs the device code. The device's
-/// own package completes torch.xpu, where `import torch` has not loaded it.
-void require_environment() {
-  if (const std::string problem = sycl::host::unsupported_cpu(); !problem.empty()) {
-    throw std::runtime_error("tolvane cannot run here: " + problem);
-  }
-  try {
-    pybind11::module_::import("torch");
-  } catch (const pybind11::error_already_set& error) {
-    throw std::runtime_error(
-        std::string("tolvane needs PyTorch, and importing torch failed; install torch==2.13.0 for this Python: ") +
-        error.what());
-  }
-  pybind11::module_::import("kelvor_xpu");
-}
 
 /// The device's class and limits are those of the moment of import, whatever changes later.
 void probe_device() {
@@ -215,25 +196,15 @@ void register_operators(pybind11::module_& m) {
 }  // namespace
 }  // namespace tolvane
 
-extern "C" PYBIND11_EXPORT PyObject* PyInit_tolvane() {
-  constexpr const char* built_for =
-      PYBIND11_TOSTRING(PY_MAJOR_VERSION) "." PYBIND11_TOSTRING(PY_MINOR_VERSION);
-  if (!tolvane::same_python(built_for, Py_GetVersion())) {
-    PyErr_Format(PyExc_ImportError,
-                 "Python version mismatch: module was compiled for Python %s, but the interpreter version is "
-                 "incompatible: %s.",
-                 built_for, Py_GetVersion());
-    return nullptr;
-  }
-  PYBIND11_ENSURE_INTERNALS_READY
-  static PyModuleDef definition;
-  auto m = pybind11::module_::create_extension_module("tolvane", nullptr, &definition);
-  try {
-    tolvane::require_environment();
-    tolvane::probe_device();
-    tolvane::register_operators(m);
-    return m.release().ptr();
-  }
-  PYBIND11_CATCH_INIT_EXCEPTIONS
-  return nullptr;
-}
+const tolvane::target_library tolvane_target_library = {[](pybind11::module_& m) {
+                                                          tolvane::probe_device();
+                                                          tolvane::register_operators(m);
+                                                        },
+                                                        get_workgroup_size,
+                                                        initialize_gpu_type,
+                                                        is_sysarr_enabled,
+                                                        canUse32BitIndexMath,
+                                                        add_rms_norm,
+                                                        add_layer_norm,
+                                                        add_add_rms_norm,
+                                                        add_add_layer_norm};

@@ -9,11 +9,12 @@
 #include <array>
 #include <cstdlib>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "checks.h"
 #include "device_frame.h"
-#include "formats.h"
+#include "formats/list.h"
 #include "linear_launchers.h"
 
 bool is_sysarr_enabled() {
@@ -24,60 +25,34 @@ bool is_sysarr_enabled() {
 namespace tolvane {
 namespace {
 
-using forward_fn = at::Tensor (*)(at::Tensor, at::Tensor, std::int64_t, std::int64_t, std::int64_t,
-                                  std::int64_t);
 using forward_table = std::array<forward_fn, qtype_count>;
 
 /// The super-block formats have their rows in the tables, and no kernels yet.
-at::Tensor xpu_forward_iq2_xxs(at::Tensor, at::Tensor, std::int64_t, std::int64_t, std::int64_t,
+at::Tensor xpu_forward_iq2_xxs(const at::Tensor&, const at::Tensor&, std::int64_t, std::int64_t, std::int64_t,
                                std::int64_t) {
   TORCH_CHECK(false, "forward_new: the format iq2_xxs (qtype 21) has no kernel yet");
 }
-at::Tensor xpu_forward_q2_k(at::Tensor, at::Tensor, std::int64_t, std::int64_t, std::int64_t, std::int64_t) {
+at::Tensor xpu_forward_q2_k(const at::Tensor&, const at::Tensor&, std::int64_t, std::int64_t, std::int64_t,
+                            std::int64_t) {
   TORCH_CHECK(false, "forward_new: the format q2_k (qtype 23) has no kernel yet");
 }
 
-template <int sg_size, int wg_size, int ROWS>
-constexpr forward_table formats_of_64() {
-  forward_table table{};
-  table[qtype_q4_0] = xpu_forward_q4_0_new<sg_size, wg_size, ROWS>;
-  table[qtype_q4_1] = xpu_forward_q4_1_new<sg_size, wg_size>;
-  table[qtype_q5_0] = xpu_forward_q5_0<sg_size, wg_size>;
-  table[qtype_q5_1] = xpu_forward_q5_1<sg_size, wg_size>;
-  table[qtype_q8_0] = xpu_forward_q8_0_new<sg_size, wg_size>;
-  table[qtype_nf4] = xpu_forward_nf4_new<sg_size, wg_size>;
-  table[qtype_nf3] = xpu_forward_nf3_new<sg_size, wg_size>;
-  table[qtype_fp8_e4m3] = xpu_forward_fp8_e4m3<sg_size, wg_size>;
-  table[qtype_fp4] = xpu_forward_fp4<sg_size, wg_size>;
-  table[qtype_fp8_e5m2] = xpu_forward_fp8_e5m2<sg_size, wg_size>;
-  return table;
-}
-
 constexpr forward_table with_super_blocks(forward_table table) {
-  table[qtype_iq2_xxs] = xpu_forward_iq2_xxs;
-  table[qtype_q2_k] = xpu_forward_q2_k;
+  table[21] = xpu_forward_iq2_xxs;
+  table[23] = xpu_forward_q2_k;
   return table;
 }
 
-constexpr forward_table forward_fns_new_32 = with_super_blocks(formats_of_64<32, 64, 2>());
-constexpr forward_table forward_fns_new = with_super_blocks(formats_of_64<16, 32, 2>());
-constexpr forward_table forward_fns_new_igx = formats_of_64<16, 32, 8>();
+constexpr forward_table forward_fns_new_32 = with_super_blocks(by_qtype<forward_fn>(
+    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::on_summit; }));
+constexpr forward_table forward_fns_new = with_super_blocks(by_qtype<forward_fn>(
+    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::elsewhere; }));
+constexpr forward_table forward_fns_new_igx = by_qtype<forward_fn>(
+    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::on_igx; });
 
 /// The expansion of each format that has one.
-constexpr std::array<dequantize_fn, qtype_count> expansions = [] {
-  std::array<dequantize_fn, qtype_count> table{};
-  table[qtype_q4_0] = dequantize_q4_0;
-  table[qtype_q4_1] = dequantize_q4_1;
-  table[qtype_q5_0] = dequantize_q5_0;
-  table[qtype_q5_1] = dequantize_q5_1;
-  table[qtype_q8_0] = dequantize_q8_0;
-  table[qtype_nf4] = dequantize_nf4;
-  table[qtype_nf3] = dequantize_nf3;
-  table[qtype_fp8_e4m3] = dequantize_fp8_e4m3;
-  table[qtype_fp4] = dequantize_fp4;
-  table[qtype_fp8_e5m2] = dequantize_fp8_e5m2;
-  return table;
-}();
+constexpr auto expansions = by_qtype<dequantize_fn>(
+    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::expanded; });
 
 const forward_table& current_table() {
   switch (current_gpu_type()) {
@@ -89,9 +64,6 @@ const forward_table& current_table() {
       return forward_fns_new;
   }
 }
-
-/// Formats that the matrix engine takes, by qtype: 2, 8, 15 and 19.
-constexpr std::uint32_t sysarr_formats = 557316;
 
 bool takes_matrix_engine(std::int64_t batch_size, std::int64_t output_size, int qtype) {
   if (!is_sysarr_enabled() || batch_size < 2 || output_size % 16 != 0) return false;
@@ -125,8 +97,8 @@ at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype
   const std::int64_t state_size = input.size(1);
   const forward_table& table = current_table();
   TORCH_CHECK(qtype >= 0 && qtype < qtype_count && table[qtype] != nullptr,
-              "forward_new: this device has no function for qtype ", qtype,
-              "; it must be 2, 3, 6, 7, 8, 10, 11, 15, 16 or 19");
+              "forward_new: this device has no function for qtype ", qtype, "; it must be ",
+              qtypes_in_words([&](int q) { return table[q] != nullptr; }));
   TORCH_CHECK(state_size > 0, "forward_new: state_size must be positive, but got ", state_size);
   const std::int64_t output_size = rows_of("forward_new", weight, state_size, qtype);
 
@@ -146,18 +118,9 @@ at::Tensor linear_xpu_expanded(const at::Tensor& like, const at::Tensor& weight,
 
 at::Tensor xpu_dequant(at::Tensor input, at::Tensor weight, int qtype) {
   TORCH_CHECK(input.dim() >= 2, "dequant: input must have at least 2 dimensions, but has ", input.dim());
-  switch (qtype) {
-    case qtype_q4_0:
-    case qtype_q8_0:
-    case qtype_nf4:
-    case qtype_fp8_e4m3:
-    case qtype_fp4:
-    case qtype_fp8_e5m2:
-      break;
-    default:
-      TORCH_CHECK(qtype != qtype_iq2_xxs, "dequant: the format iq2_xxs (qtype 21) has no kernel yet");
-      TORCH_CHECK(false, "dequant: qtype must be 2, 8, 10, 15, 16 or 19, but got ", qtype);
-  }
+  TORCH_CHECK(qtype != 21, "dequant: the format iq2_xxs (qtype 21) has no kernel yet");
+  TORCH_CHECK(qtype >= 0 && qtype < qtype_count && dequant_takes[qtype], "dequant: qtype must be ",
+              qtypes_in_words([](int q) { return dequant_takes[q]; }), ", but got ", qtype);
   weight = readable("dequant", "weight", std::move(weight));
   const std::int64_t state_size = input.size(1);
   TORCH_CHECK(state_size > 0, "dequant: state_size must be positive, but got ", state_size);

@@ -11,10 +11,9 @@
 #include <utility>
 
 #include "checks.h"
-#include "decoders.h"
 #include "device_frame.h"
 #include "dispatch.h"
-#include "formats.h"
+#include "formats/list.h"
 #include "matvec.h"
 #include "profiler_scope.h"
 #include "submit.h"
@@ -85,7 +84,7 @@ void launch(const T* input, const std::uint8_t* gate, const std::uint8_t* up, T*
   });
 }
 
-template <class Format, int qtype, int sg_size, int wg_size>
+template <class Format, int sg_size, int wg_size>
 at::Tensor forward(const char* label, const at::Tensor& input, const at::Tensor& weight_gate,
                    const at::Tensor& weight_up, std::int64_t batch_size, std::int64_t state_size,
                    std::int64_t output_size) {
@@ -98,8 +97,8 @@ at::Tensor forward(const char* label, const at::Tensor& input, const at::Tensor&
   check_index_range("mlp_forward_xpu", state_size, output_size);
   TORCH_CHECK(output_size % 2 == 0, "mlp_forward_xpu: output_size must be even, but got ", output_size);
   check_activation("mlp_forward_xpu", "input", input, state_size);
-  check_packed_weight("mlp_forward_xpu", "weight_gate", weight_gate, qtype, state_size, output_size);
-  check_packed_weight("mlp_forward_xpu", "weight_up", weight_up, qtype, state_size, output_size);
+  check_packed_weight("mlp_forward_xpu", "weight_gate", weight_gate, Format::qtype, state_size, output_size);
+  check_packed_weight("mlp_forward_xpu", "weight_up", weight_up, Format::qtype, state_size, output_size);
 
   at::Tensor output = at::empty({1, output_size}, input.options().device(weight_gate.device()));
   dispatch_floating(label, input.scalar_type(), [&]<class T>(std::type_identity<T>) {
@@ -116,16 +115,16 @@ template <int sg_size, int wg_size>
 at::Tensor mlp_forward_q4_0_xpu_t(at::Tensor input, at::Tensor weight_gate, at::Tensor weight_up,
                                   std::int64_t batch_size, std::int64_t state_size,
                                   std::int64_t output_size) {
-  return forward<q4_0, qtype_q4_0, sg_size, wg_size>("mlp_forward_q4_0_xpu_t", input, weight_gate, weight_up,
-                                                     batch_size, state_size, output_size);
+  return forward<q4_0, sg_size, wg_size>("mlp_forward_q4_0_xpu_t", input, weight_gate, weight_up, batch_size,
+                                         state_size, output_size);
 }
 
 template <int sg_size, int wg_size>
 at::Tensor mlp_forward_fp8_e5m2_xpu_t(at::Tensor input, at::Tensor weight_gate, at::Tensor weight_up,
                                       std::int64_t batch_size, std::int64_t state_size,
                                       std::int64_t output_size) {
-  return forward<fp8_e5m2_fused, qtype_fp8_e5m2, sg_size, wg_size>(
-      "mlp_forward_fp8_e5m2_xpu_t", input, weight_gate, weight_up, batch_size, state_size, output_size);
+  return forward<fp8_e5m2_fused, sg_size, wg_size>("mlp_forward_fp8_e5m2_xpu_t", input, weight_gate,
+                                                   weight_up, batch_size, state_size, output_size);
 }
 
 namespace {
@@ -137,8 +136,8 @@ using mlp_forward_table = std::array<mlp_forward_fn, 20>;
 template <int sg_size, int wg_size>
 constexpr mlp_forward_table forward_table() {
   mlp_forward_table table{};
-  table[qtype_q4_0] = mlp_forward_q4_0_xpu_t<sg_size, wg_size>;
-  table[qtype_fp8_e5m2] = mlp_forward_fp8_e5m2_xpu_t<sg_size, wg_size>;
+  table[q4_0::qtype] = mlp_forward_q4_0_xpu_t<sg_size, wg_size>;
+  table[fp8_e5m2_fused::qtype] = mlp_forward_fp8_e5m2_xpu_t<sg_size, wg_size>;
   return table;
 }
 

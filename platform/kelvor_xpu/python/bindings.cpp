@@ -48,6 +48,7 @@ PYBIND11_MODULE(_C, module) {
   module.def("device_name", [] { return xpu_device().get_info<sycl::info::device::name>(); });
   module.def("max_work_group_size",
              [] { return xpu_device().get_info<sycl::info::device::max_work_group_size>(); });
+  module.def("target", sycl::host::chosen_target);
   module.def("registered", kelvor_xpu::registered);
   module.def("hooks_seen", [] { return at::detail::getXPUHooks().hasXPU(); });
   module.def("submissions", submissions);

@@ -1,6 +1,5 @@
 #include "sycl/pool.hpp"
 
-#include <immintrin.h>
 #include <pthread.h>
 #include <sched.h>
 
@@ -12,6 +11,8 @@
 #include <system_error>
 #include <thread>
 #include <vector>
+
+#include "spmd/target/streams.hpp"
 
 namespace sycl::host {
 namespace {
@@ -39,7 +40,7 @@ struct job {
       if (begin >= count) return;
       try {
         body(begin, std::min(begin + grain, count));
-        _mm_sfence();  // streamed stores are in memory before the job is done
+        spmd::target::finish_streams();  // before the job is done
       } catch (...) {
         const std::lock_guard hold(error_lock);
         if (!error) error = std::current_exception();

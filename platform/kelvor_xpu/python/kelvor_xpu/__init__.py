@@ -79,6 +79,14 @@ def wait_count() -> int:
     return _C.wait_count()
 
 
+def target() -> str:
+    """The instruction set whose kernels run: "scalar", "avx2" or "avx512".
+
+    The widest that the CPU has, or what the environment variable KELVOR_XPU_TARGET names.
+    """
+    return _C.target()
+
+
 def _autoload() -> None:
     """What ``import torch`` calls, by the entry point in the group torch.backends. Importing has done all."""
 

@@ -7,7 +7,7 @@ namespace spmd {
 
 /// Whether N elements of either type fit one register.
 template <class T, class U, int N>
-inline constexpr bool share_register = N <= native_lanes<T> && N <= native_lanes<U>;
+inline constexpr bool share_register = N <= native_lanes<T>&& N <= native_lanes<U>;
 
 /// The mask of a comparison of registers, of 32 bits whatever their width.
 template <class F, plain T, int N>
@@ -109,8 +109,8 @@ requires(!is_lanes<From>) [[gnu::always_inline]] inline To convert(From x) {
 /// The same bits as another type of the same width.
 template <plain To, plain From, int N>
 [[gnu::always_inline]] inline lanes<To, N> bit_cast(const lanes<From, N>& x) {
-  return per_register_as<To>([](auto v) [[gnu::always_inline]] { return reinterpret_cast<vec<To, sizeof v / sizeof(To)>>(v); },
-                             x);
+  return per_register_as<To>(
+      [](auto v) [[gnu::always_inline]] { return reinterpret_cast<vec<To, sizeof v / sizeof(To)>>(v); }, x);
 }
 
 /// x, which is a value of T as it stands (an integer of at most 8 bits, say): converted without rounding.

@@ -7,8 +7,8 @@
 
 namespace spmd {
 
-/// Bytes `Byte` of the words as the upper halves of 16-bit words, lower halves 0. Two neighbouring bytes stand
-/// in the two halves of one register, so that they share their shuffles.
+/// Bytes `Byte` of the words as the upper halves of 16-bit words, lower halves 0. Two neighbouring bytes
+/// stand in the two halves of one register, so that they share their shuffles.
 template <int Byte, int N>
 [[gnu::always_inline]] inline vec<std::uint16_t, N> upper_bytes(vec<std::uint32_t, N> words) {
   constexpr auto order = constants<std::int8_t, 4 * N>(
@@ -18,7 +18,8 @@ template <int Byte, int N>
   constexpr int turns = N / 2;
   const auto sorted = shuffled<turns>(reinterpret_cast<vec<std::uint64_t, turns>>(pairs),
                                       [](int i) { return i % (turns / 2) * 2 + i / (turns / 2); });
-  return shuffled<N>(reinterpret_cast<vec<std::uint16_t, 2 * N>>(sorted), [](int i) { return Byte % 2 * N + i; });
+  return shuffled<N>(reinterpret_cast<vec<std::uint16_t, 2 * N>>(sorted),
+                     [](int i) { return Byte % 2 * N + i; });
 }
 
 /// The half whose upper byte is byte `Byte` of each word and whose lower byte is `Lower`, as float. 1

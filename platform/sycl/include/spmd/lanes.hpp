@@ -1,6 +1,6 @@
 #pragma once
-// lanes<T, N>: the values of one variable in N work-items of a gang, held in as many registers as they take or
-// in a part of one, and arithmetic in T on them. With one work-item per gang a varying value is the plain
+// lanes<T, N>: the values of one variable in N work-items of a gang, held in as many registers as they take
+// or in a part of one, and arithmetic in T on them. With one work-item per gang a varying value is the plain
 // scalar. Half and bfloat16 are held widened to float and rounded after every operation, so each register
 // value is one that the type can hold.
 
@@ -140,7 +140,8 @@ template <class To, class F, class T, int N, class... More>
   }
 }
 template <class F, class T, int N, class... More>
-[[gnu::always_inline]] inline lanes<T, N> per_register(const F& f, const lanes<T, N>& x, const More&... more) {
+[[gnu::always_inline]] inline lanes<T, N> per_register(const F& f, const lanes<T, N>& x,
+                                                       const More&... more) {
   return per_register_as<T>(f, x, more...);
 }
 
@@ -156,7 +157,7 @@ template <int N>
 template <reduced T, int N>
 [[gnu::always_inline]] inline lanes<T, N> rounded(const lanes<float, N>& exact) {
   return lanes<T, N>(per_register(
-      []<class V>(V x) [[gnu::always_inline]]->V {
+      []<class V>(V x) [[gnu::always_inline]] -> V {
         if constexpr (std::same_as<T, half>) {
           return target::from_halves(target::to_halves(x));
         } else {

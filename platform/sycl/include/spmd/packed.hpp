@@ -155,7 +155,8 @@ template <int N, std::uint8_t Lower>
     return {load_upper_bytes<N / 2, Lower>(p, all_lanes<N / 2>()),
             load_upper_bytes<N / 2, Lower>(p + N / 2, all_lanes<N / 2>())};
   } else {
-    return lanes<float, N>(target::from_halves(target::widened_bytes(loaded<vec<std::uint8_t, N>>(p)) << 8 | Lower));
+    return lanes<float, N>(
+        target::from_halves(target::widened_bytes(loaded<vec<std::uint8_t, N>>(p)) << 8 | Lower));
   }
 }
 

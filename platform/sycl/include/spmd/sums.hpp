@@ -8,8 +8,8 @@
 
 namespace spmd {
 
-// Shuffles of two registers of eight, one instruction each. "Quarters" are the four elements of 128 bits, which
-// most instructions keep apart.
+// Shuffles of two registers of eight, one instruction each. "Quarters" are the four elements of 128 bits,
+// which most instructions keep apart.
 
 using eight_floats = lanes<float, 8>;
 
@@ -30,8 +30,7 @@ using eight_floats = lanes<float, 8>;
 /// Of each quarter: a0 a2 b0 b2, and a1 a3 b1 b3.
 template <int N>
 [[gnu::always_inline]] inline lanes<float, N> evens(const lanes<float, N>& a, const lanes<float, N>& b) {
-  return lanes<float, N>(
-      shuffled<N>(a.v, b.v, [](int l) { return l / 4 * 4 + l % 2 * 2 + l % 4 / 2 * N; }));
+  return lanes<float, N>(shuffled<N>(a.v, b.v, [](int l) { return l / 4 * 4 + l % 2 * 2 + l % 4 / 2 * N; }));
 }
 template <int N>
 [[gnu::always_inline]] inline lanes<float, N> odds(const lanes<float, N>& a, const lanes<float, N>& b) {
@@ -54,7 +53,8 @@ template <int N>
 }
 
 /// Element j of rows 0 … 7 in register j: 24 shuffles.
-[[gnu::always_inline]] inline std::array<eight_floats, 8> transposed(const std::array<eight_floats, 8>& rows) {
+[[gnu::always_inline]] inline std::array<eight_floats, 8> transposed(
+    const std::array<eight_floats, 8>& rows) {
   const auto first = transposed_quarters(rows.data()), second = transposed_quarters(rows.data() + 4);
   std::array<eight_floats, 8> columns;
   for (int j = 0; j < 4; ++j) {

@@ -8,4 +8,9 @@ namespace sycl::host {
 /// missing and what to do. Callable on any x86-64 CPU.
 std::string unsupported_cpu();
 
+/// The target whose kernels are to run, "scalar", "avx2" or "avx512": the one that KELVOR_XPU_TARGET names,
+/// else the widest that this CPU has. Throws std::runtime_error, with a sentence that says what would do, for
+/// a name that is none and for a target that this CPU lacks.
+std::string chosen_target();
+
 }  // namespace sycl::host

@@ -1,5 +1,6 @@
 #pragma once
-// What the compiler's vectors of 32 bytes lack, or do in more instructions than needed: AVX2 with FMA and F16C.
+// What the compiler's vectors of 32 bytes lack, or do in more instructions than needed: AVX2 with FMA and
+// F16C.
 
 #include <immintrin.h>
 
@@ -39,8 +40,7 @@ namespace spmd::target {
 }
 [[gnu::always_inline]] inline vec<std::uint16_t, 16> narrowed(vec<std::uint32_t, 8> low,
                                                               vec<std::uint32_t, 8> high) {
-  const __m256i words =
-      _mm256_packus_epi32(reinterpret_cast<__m256i>(low), reinterpret_cast<__m256i>(high));
+  const __m256i words = _mm256_packus_epi32(reinterpret_cast<__m256i>(low), reinterpret_cast<__m256i>(high));
   return reinterpret_cast<vec<std::uint16_t, 16>>(_mm256_permute4x64_epi64(words, 0xD8));
 }
 
@@ -88,9 +88,10 @@ namespace spmd::target {
       _mm256_shuffle_epi8(reinterpret_cast<__m256i>(x), reinterpret_cast<__m256i>(order)));
 }
 
-/// sum + a[4l] * b[4l] + … + a[4l + 3] * b[4l + 3], with a unsigned and b signed. No two neighbouring products
-/// may add up to 2^15 or more.
-[[gnu::always_inline]] inline vec<std::int32_t, 8> dot_bytes(vec<std::int32_t, 8> sum, vec<std::uint8_t, 32> a,
+/// sum + a[4l] * b[4l] + … + a[4l + 3] * b[4l + 3], with a unsigned and b signed. No two neighbouring
+/// products may add up to 2^15 or more.
+[[gnu::always_inline]] inline vec<std::int32_t, 8> dot_bytes(vec<std::int32_t, 8> sum,
+                                                             vec<std::uint8_t, 32> a,
                                                              vec<std::int8_t, 32> b) {
   const __m256i pairs = _mm256_maddubs_epi16(reinterpret_cast<__m256i>(a), reinterpret_cast<__m256i>(b));
   return sum + reinterpret_cast<vec<std::int32_t, 8>>(_mm256_madd_epi16(pairs, _mm256_set1_epi16(1)));
@@ -99,12 +100,13 @@ namespace spmd::target {
 /// The first `count` 64-bit words at p, the others 0; nothing behind them is read.
 [[gnu::always_inline]] inline vec<std::uint64_t, 4> load_first(const std::uint64_t* p, int count) {
   const vec<std::int64_t, 4> lane = {0, 1, 2, 3};
-  return reinterpret_cast<vec<std::uint64_t, 4>>(_mm256_maskload_epi64(
-      reinterpret_cast<const long long*>(p), reinterpret_cast<__m256i>(lane < static_cast<std::int64_t>(count))));
+  return reinterpret_cast<vec<std::uint64_t, 4>>(
+      _mm256_maskload_epi64(reinterpret_cast<const long long*>(p),
+                            reinterpret_cast<__m256i>(lane < static_cast<std::int64_t>(count))));
 }
 
-/// Stores; `store` is never merged with the conversion before it, which would take twice as long, and `stream`
-/// goes past the caches, to memory aligned to the register.
+/// Stores; `store` is never merged with the conversion before it, which would take twice as long, and
+/// `stream` goes past the caches, to memory aligned to the register.
 [[gnu::always_inline]] inline void store(void* p, vec<std::uint16_t, 8> x) {
   _mm_storeu_si128(static_cast<__m128i*>(p), reinterpret_cast<__m128i>(x));
 }
