@@ -18,7 +18,7 @@ struct Fields {
 
 /// d and dmin as stored.
 struct Steps {
-  float scale, minimum;
+  float scale = 0, minimum = 0;
 };
 
 struct Solution {
@@ -30,6 +30,14 @@ struct Solution {
 /// Sums over a sub-block, from which the line through its codes follows.
 struct Moments {
   Floats q{}, qq{}, xq{};
+};
+
+/// The nearest codes of value = code * slope - minimum.
+struct Coder {
+  Floats inverse, shift;
+
+  Coder(Floats slope, Floats minimum) : inverse(quotient(all(1), slope)), shift(minimum * inverse) {}
+  Floats operator()(Floats x) const { return clamp(round(fused(x, inverse, shift)), 0, top_code); }
 };
 
 /// One block, a sub-block to a lane: element e of sub-block 8 * half + lane is x[half][e][lane].
@@ -52,16 +60,12 @@ struct Block {
     }
   }
 
-  static Floats code_of(Floats x, Floats inverse, Floats minimum) {
-    return clamp(round(fused(x, inverse, minimum * inverse)), 0, top_code);
-  }
-
   /// The weighted squared error of value = code * slope - minimum with the nearest codes.
   Floats error(int half, Floats slope, Floats minimum) const {
-    const Floats inverse = quotient(all(1), slope), shift = minimum * inverse;
+    const Coder coder(slope, minimum);
     Floats sums[2]{};
     for (int e = 0; e < part_elements; ++e) {
-      const Floats code = clamp(round(fused(x[half][e], inverse, shift)), 0, top_code);
+      const Floats code = coder(x[half][e]);
       const Floats off = fused(-code, slope, x[half][e] + minimum);
       sums[e % 2] = fused(weighted ? off * w[half][e] : off, off, sums[e % 2]);
     }
@@ -69,11 +73,10 @@ struct Block {
   }
 
   Moments moments(int half, Floats slope, Floats minimum) const {
-    const Floats inverse = quotient(all(1), slope);
+    const Coder coder(slope, minimum);
     Moments sums;
     for (int e = 0; e < part_elements; ++e) {
-      const Floats code = code_of(x[half][e], inverse, minimum),
-                   product = weighted ? code * w[half][e] : code;
+      const Floats code = coder(x[half][e]), product = weighted ? code * w[half][e] : code;
       sums.q += product;
       sums.qq = fused(product, code, sums.qq);
       sums.xq = fused(product, x[half][e], sums.xq);
@@ -82,7 +85,7 @@ struct Block {
   }
 
   /// Slopes and minima of least error, as any numbers, but the minimum not below 0.
-  void fit(Fields& best) const;
+  Fields fit() const;
 
   /// The fields of least error around (slopes, minima) under the steps; `reach` is how far around.
   Solution quantize(Steps steps, const Fields& around, float reach) const;
@@ -90,14 +93,16 @@ struct Block {
   /// The steps that fit a solution's fields and codes best.
   Steps refit(const Solution& solution) const;
 
+  /// The least error found over all of that.
   Solution solve() const;
 };
 
 template <bool weighted>
-void Block<weighted>::fit(Fields& best) const {
+Fields Block<weighted>::fit() const {
   static constexpr float starts[][2] = {{0, 0},     {0.05f, 0.05f}, {0.1f, 0.1f},   {0.16f, 0.16f},
                                         {0, 0.15f}, {0.15f, 0},     {0.25f, 0.05f}, {0.05f, 0.25f}};
   constexpr int rounds = 3;
+  Fields best;
   for (int half = 0; half < halves; ++half) {
     Floats low = x[half][0], high = x[half][0];
     for (const Floats& value : x[half]) low = min(low, value), high = max(high, value);
@@ -123,6 +128,7 @@ void Block<weighted>::fit(Fields& best) const {
       }
     }
   }
+  return best;
 }
 
 template <bool weighted>
@@ -172,8 +178,7 @@ template <bool weighted>
 Solution Block<weighted>::solve() const {
   constexpr float reach = 1;
   static constexpr float shrinks[] = {1, 0.94f, 0.88f, 0.82f, 0.76f};
-  Fields free;
-  fit(free);
+  const Fields free = fit();
   const float scale = largest_of(max(free.scale[0], free.scale[1])) / top_scale;
   const float minimum = largest_of(max(free.minimum[0], free.minimum[1])) / top_scale;
   Solution best;
@@ -193,6 +198,8 @@ Solution Block<weighted>::solve() const {
   return best;
 }
 
+/// The better of a solution for the weights and one for their negatives, and its sign. The minima lie on one
+/// side of 0 only, so that weights of one sign pack well under one of the two.
 template <bool weighted>
 std::pair<Solution, float> either_sign(const float* weights, const float* importance) {
   const Solution up = Block<weighted>(weights, importance, 1).solve();
@@ -213,8 +220,9 @@ void q2_k::encode(const float* weights, const float* importance, std::uint8_t* r
     for (int lane = 0; lane < lanes; ++lane)
       record[half * lanes + lane] = static_cast<std::uint8_t>(
           static_cast<int>(fields.scale[half][lane]) | static_cast<int>(fields.minimum[half][lane]) << 4);
+    const Coder coder(slope, minimum);
     for (int e = 0; e < part_elements; ++e) {
-      const Floats code = Block<false>::code_of(block.x[half][e], quotient(all(1), slope), minimum);
+      const Floats code = coder(block.x[half][e]);
       for (int lane = 0; lane < lanes; ++lane) {
         const int at = lane * part_elements + e;  // within 128 elements: four runs of 32
         record[parts + half * 32 + at % 32] |=
