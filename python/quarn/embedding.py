@@ -70,6 +70,9 @@ class QuantEmbedding(nn.Module):
                 flat.contiguous(), self.packed, self.format.qtype, self.embedding_dim
             )
         else:
+            outside = flat[(flat < 0) | (flat >= self.num_embeddings)]
+            if outside.numel():
+                raise IndexError(f"index {outside[0]} is not in 0 to {self.num_embeddings - 1}")
             table = self.packed.view(self.num_embeddings, -1)
             rows = unpack(table[flat[0]].flatten(), "q2_k", self.embedding_dim)
         return rows.to(self.like.dtype).view(*indices.shape, self.embedding_dim)
