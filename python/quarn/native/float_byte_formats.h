@@ -23,16 +23,14 @@ constexpr auto e5m2_peaks = octave<32>(1);
 constexpr auto e4m3_peaks = octave<32>(8);
 
 /// Rounds to nearest even onto a binary floating-point type with subnormals, whose smallest normal value is
-/// 2^smallest_exponent; x is in the range of the type.
+/// 2^smallest_exponent; x is in the range of the type. A zero loses its sign.
 template <int fraction_bits, int smallest_exponent>
 Floats round_to_bits(Floats x) {
-  constexpr int dropped = 23 - fraction_bits;
-  constexpr float units = 1 << (fraction_bits - smallest_exponent);
-  constexpr float smallest = 1.0f / (1 << -smallest_exponent);
-  const Ints odd = bits(x) >> dropped & 1;
-  const Ints rounded = (bits(x) + ((1 << (dropped - 1)) - 1) + odd) & -(1 << dropped);
-  const Floats subnormal = round(x * units) / units;
-  return abs(x) < smallest ? subnormal : from_bits(rounded);
+  // Next to a number that much larger, a float has just the bits that are to stay.
+  constexpr float smallest = 1.0f / (1 << -smallest_exponent), larger = 1.5f * (1 << (23 - fraction_bits));
+  const Floats power_of_two = from_bits(bits(x) & 0x7F800000);
+  const Floats shift = max(power_of_two, all(smallest)) * larger;
+  return x + shift - shift;
 }
 
 inline Ints sign_bit(Floats x) {
@@ -47,10 +45,10 @@ struct fp8_e4m3 {
     const Floats scale = abs(best_scale(blocks, e4m3_peaks, round_to_bits<3, -6>, as_float));
     scatter_floats(scales, scale_bytes, count, scale);
     for (int e = 0; e < block_elements; ++e) {
-      const Floats level = round_to_bits<3, -6>(quotient(blocks.x[e], scale)), size = abs(level);
+      const Floats x = quotient(blocks.x[e], scale), size = abs(round_to_bits<3, -6>(x));
       const Ints normal = (bits(size) >> 20) - (120 << 3);
       scatter(values + e, value_bytes, count,
-              (size < 0x1p-6f ? to_ints(size * 0x1p9f) : normal) | sign_bit(level));
+              (size < 0x1p-6f ? to_ints(size * 0x1p9f) : normal) | sign_bit(x));
     }
   }
 };
@@ -71,9 +69,10 @@ struct fp8_e5m2 {
     const Floats scale = abs(best_scale(blocks, e5m2_peaks, round_to_bits<2, -14>, as_float, &mantissa));
     scatter_floats(scales, scale_bytes, count, scale);
     for (int e = 0; e < block_elements; ++e) {
-      const Floats level = round_to_bits<2, -14>(quotient(blocks.x[e], scale));
-      const __m128i halves = _mm256_cvtps_ph(reinterpret_cast<__m256>(level), _MM_FROUND_TO_NEAREST_INT);
-      scatter(values + e, value_bytes, count, reinterpret_cast<Ints>(_mm256_cvtepu16_epi32(halves)) >> 8);
+      const Floats x = quotient(blocks.x[e], scale), size = abs(round_to_bits<2, -14>(x));
+      const __m128i halves = _mm256_cvtps_ph(reinterpret_cast<__m256>(size), _MM_FROUND_TO_NEAREST_INT);
+      scatter(values + e, value_bytes, count,
+              reinterpret_cast<Ints>(_mm256_cvtepu16_epi32(halves)) >> 8 | sign_bit(x));
     }
   }
 };
