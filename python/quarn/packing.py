@@ -47,9 +47,7 @@ def pack(
         part = weight.detach()[start : start + step].float().contiguous()
         _check_elements(native.largest(part), entry)
         blocks = slice(start * row_blocks, (start + len(part)) * row_blocks)
-        native.encode(
-            format, part, entry.block_elements, factors, values[blocks], scales[blocks]
-        )
+        native.encode(format, part, entry.block_elements, factors, values[blocks], scales[blocks])
         if progress is not None:
             progress(part.numel())
     return packed

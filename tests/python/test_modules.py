@@ -246,7 +246,9 @@ def test_importance_is_the_mean_square_of_each_column() -> None:
     into_last = torch.cat([model.again(model.first(row)) for row in rows])
     both = torch.cat([*rows, *(model.first(row) for row in rows)])
     for name, inputs in (("first.0", both), ("last", into_last)):
-        torch.testing.assert_close(importance[name], inputs.detach().double().square().mean(0).float())
+        torch.testing.assert_close(
+            importance[name], inputs.detach().double().square().mean(0).float()
+        )
     assert not any(module._forward_pre_hooks for module in model.modules())
     doubled = quarn.collect_importance(model, samples, lambda m, s: m.last(torch.ones(1, 256)))
     assert list(doubled) == ["last"] and (doubled["last"] == 1).all()

@@ -10,7 +10,15 @@ from hypothesis import strategies as st
 
 import quarn
 import super_blocks
-from reference import SIZES, codes_and_scales, decode, levels, minifloat_values, naive_error, nearest
+from reference import (
+    SIZES,
+    codes_and_scales,
+    decode,
+    levels,
+    minifloat_values,
+    naive_error,
+    nearest,
+)
 
 EVERY_NAME = sorted(quarn.FORMATS)
 NAMES = sorted(SIZES)
@@ -314,4 +322,5 @@ def test_synthetic_weight_is_whole_and_plausible(name: str) -> None:
     torch.manual_seed(0)
     dense = decode(as_bytes(quarn.synthetic(name, 96, 4096, 0.5)), name, 4096)
     assert dense.shape == (96, 4096)
-    assert abs(dense.std() - 0.5) < 0.03 and abs(dense.mean()) < 0.01
+    slack = 0.03 if name in super_blocks.BYTES else 0.01  # two bits lose some of the deviation
+    assert abs(dense.std() - 0.5) < slack and abs(dense.mean()) < 0.01

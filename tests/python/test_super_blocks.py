@@ -63,7 +63,9 @@ def test_q2_k_is_better_than_the_usual_rounding() -> None:
     parts = weight.reshape(-1, 16, 16)
     minimum = np.maximum(-parts.min(2), 0)
     scale = (np.maximum(parts.max(2), 0) + minimum) / 3
-    d, dmin = (np.float16(x.max(1, keepdims=True) / 15).astype(np.float32) for x in (scale, minimum))
+    d, dmin = (
+        np.float16(x.max(1, keepdims=True) / 15).astype(np.float32) for x in (scale, minimum)
+    )
     scale, minimum = (
         step * np.round(np.divide(x, step, out=np.zeros_like(x), where=step != 0)).clip(0, 15)
         for x, step in ((scale, d), (minimum, dmin))
