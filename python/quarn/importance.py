@@ -12,7 +12,7 @@ def collect_importance(
     model: nn.Module,
     samples: Iterable[Any],
     run: Callable[[nn.Module, Any], Any] | None = None,
-    kinds: type | tuple[type, ...] = nn.Linear,
+    kinds: type[nn.Module] | tuple[type[nn.Module], ...] = nn.Linear,
 ) -> dict[str, Tensor]:
     """The mean square of every input column of a model's linear layers, by the layers' names.
 

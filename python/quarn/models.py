@@ -60,7 +60,7 @@ def pack_model(
     progress: whether a bar on stderr shows how far it is. A layer that cannot be packed raises
     ValueError with its name; the model then has the layers before it packed.
     """
-    chosen: dict[str, tuple[nn.Module, str]] = {}
+    chosen: dict[str, tuple[nn.Linear | nn.Embedding, str]] = {}
     for name, module in model.named_modules():
         if isinstance(module, nn.Linear):
             own = format(name, module) if callable(format) else format
@@ -72,8 +72,7 @@ def pack_model(
     for name in list(chosen):
         module, own = chosen.pop(name)  # so that a dense weight goes once it is packed
         bar.label = name
-        takes = importance is not None and format_named(own).weighted
-        factors = importance.get(name) if takes else None
+        factors = importance.get(name) if importance and format_named(own).weighted else None
         try:
             if isinstance(module, nn.Embedding):
                 packed: nn.Module = QuantEmbedding.from_float(module, factors, bar.advance)

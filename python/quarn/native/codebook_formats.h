@@ -48,7 +48,7 @@ class Codebook {
     for (std::size_t i = 0; i < 15; ++i)
       middles[i] = i + 1 < count ? (levels[i + 1] + levels[i]) / 2 : infinity;
     middle_ = middles[7];
-    for (int i = 0; i < 8; ++i) {
+    for (std::size_t i = 0; i < 8; ++i) {
       quarters_[i] = middles[i == 1 ? 11 : 3];
       eighths_[i] = middles[4 * (i % 4) + 1];
       sixteenths_[i] = middles[2 * i];

@@ -1,8 +1,8 @@
 #include "iq2_xxs.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 
 #include "iq2xxs_grid.h"
@@ -91,10 +91,10 @@ struct Part {
     float sum = 0;
     for (const Group& one : group) {
       Floats least[2] = {all(infinity), all(infinity)};
-      for (int entry = 0; entry < entries; entry += 2 * lanes)
-        for (int i = 0; i < 2; ++i)
-          least[i] = min(least[i], fused(all(scale), load(one.squares + entry + i * lanes),
-                                         -2 * load(one.product + entry + i * lanes)));
+      for (int entry = 0; entry < entries; entry += lanes) {
+        Floats& strand = least[entry / lanes % 2];
+        strand = min(strand, fused(all(scale), load(one.squares + entry), -2 * load(one.product + entry)));
+      }
       sum += smallest_of(min(least[0], least[1]));
     }
     return scale * sum;
@@ -139,7 +139,8 @@ float free_scale(const Part& part, float largest) {
   constexpr float highest = 1.2f, ratio = 0.9f;
   constexpr int rungs = 24, rounds = 2;
   float best = 0, best_error = 0;
-  for (float scale = highest * largest / largest_magnitude, rung = 0; rung < rungs; ++rung, scale *= ratio) {
+  float scale = highest * largest / largest_magnitude;
+  for (int rung = 0; rung < rungs; ++rung, scale *= ratio) {
     const float error = part.error(scale);
     if (error < best_error) best_error = error, best = scale;
   }
@@ -188,7 +189,8 @@ Solution solve(const Part* block, const float* largest) {
     highest = std::max(highest, scales[part]);
   }
   Solution best;
-  for (float top = 15.5f; top > 8; top -= 0.75f) {
+  for (int shrink = 0; shrink < 10; ++shrink) {
+    const float top = 15.5f - 0.75f * static_cast<float>(shrink);
     const Solution found = quantize(block, scales, nearest_half(4 * highest / top));
     if (found.error < best.error) best = found;
   }
@@ -206,22 +208,22 @@ void iq2_xxs::encode(const float* weights, const float* importance, std::uint8_t
   float largest[parts];
   for (int part = 0; part < parts; ++part) {
     largest[part] = 0;
-    for (int e = 0; e < part_elements; ++e)
-      largest[part] = std::max(largest[part], std::fabs(weights[part * part_elements + e]));
-    for (int i = 0; i < groups; ++i) {
-      const int from = part * part_elements + i * group_elements;
+    for (std::ptrdiff_t i = 0; i < groups; ++i) {
+      const std::ptrdiff_t from = (part * groups + i) * group_elements;
+      for (int e = 0; e < group_elements; ++e)
+        largest[part] = std::max(largest[part], std::fabs(weights[from + e]));
       block[part].group[i].prepare(weights + from, importance ? importance + from : nullptr);
     }
   }
   const Solution solution = solve(block, largest);
   const unsigned short d = half_bits(solution.d);
   std::memcpy(record, &d, sizeof d);
-  for (int part = 0; part < parts; ++part) {
+  for (std::ptrdiff_t part = 0; part < parts; ++part) {
     int chosen[groups];
     block[part].fit(scale_of(solution.d, solution.step[part]), chosen);
     std::uint8_t* bytes = record + 2 + 8 * part;
     std::uint32_t word = static_cast<std::uint32_t>(solution.step[part]) << 28;
-    for (int i = 0; i < groups; ++i) {
+    for (std::ptrdiff_t i = 0; i < groups; ++i) {
       const float* x = weights + part * part_elements + i * group_elements;
       std::uint32_t signs = 0;
       for (int e = 0; e < group_elements; ++e) signs |= static_cast<std::uint32_t>(x[e] < 0) << e;

@@ -1,6 +1,7 @@
 #include "packers.h"
 
 #include <algorithm>
+#include <bit>
 
 #include "codebook_formats.h"
 #include "float_byte_formats.h"

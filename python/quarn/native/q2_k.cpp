@@ -88,7 +88,7 @@ struct Block {
   Fields fit() const;
 
   /// The fields of least error around (slopes, minima) under the steps; `reach` is how far around.
-  Solution quantize(Steps steps, const Fields& around, float reach) const;
+  Solution quantize(Steps steps, const Fields& around, int reach) const;
 
   /// The steps that fit a solution's fields and codes best.
   Steps refit(const Solution& solution) const;
@@ -132,16 +132,16 @@ Fields Block<weighted>::fit() const {
 }
 
 template <bool weighted>
-Solution Block<weighted>::quantize(Steps steps, const Fields& around, float reach) const {
+Solution Block<weighted>::quantize(Steps steps, const Fields& around, int reach) const {
   Solution solution{steps, {}, 0};
   for (int half = 0; half < halves; ++half) {
     const Floats scale = round(quotient(around.scale[half], all(steps.scale)));
     const Floats minimum = round(quotient(around.minimum[half], all(steps.minimum)));
     Floats best = all(infinity);
-    for (float i = -reach; i <= reach; ++i) {
-      const Floats s = clamp(scale + i, 0, top_scale);
-      for (float j = -reach; j <= reach; ++j) {
-        const Floats m = clamp(minimum + j, 0, top_scale);
+    for (int i = -reach; i <= reach; ++i) {
+      const Floats s = clamp(scale + static_cast<float>(i), 0, top_scale);
+      for (int j = -reach; j <= reach; ++j) {
+        const Floats m = clamp(minimum + static_cast<float>(j), 0, top_scale);
         const Floats now = error(half, steps.scale * s, steps.minimum * m);
         const auto better = now < best;
         best = better ? now : best;
@@ -176,7 +176,7 @@ Steps Block<weighted>::refit(const Solution& solution) const {
 
 template <bool weighted>
 Solution Block<weighted>::solve() const {
-  constexpr float reach = 1;
+  constexpr int reach = 1;
   static constexpr float shrinks[] = {1, 0.94f, 0.88f, 0.82f, 0.76f};
   const Fields free = fit();
   const float scale = largest_of(max(free.scale[0], free.scale[1])) / top_scale;
@@ -217,9 +217,10 @@ void q2_k::encode(const float* weights, const float* importance, std::uint8_t* r
   std::memset(record, 0, bytes);
   for (int half = 0; half < halves; ++half) {
     const Floats slope = steps.scale * fields.scale[half], minimum = steps.minimum * fields.minimum[half];
-    for (int lane = 0; lane < lanes; ++lane)
+    for (int lane = 0; lane < lanes; ++lane) {
       record[half * lanes + lane] = static_cast<std::uint8_t>(
           static_cast<int>(fields.scale[half][lane]) | static_cast<int>(fields.minimum[half][lane]) << 4);
+    }
     const Coder coder(slope, minimum);
     for (int e = 0; e < part_elements; ++e) {
       const Floats code = coder(block.x[half][e]);
