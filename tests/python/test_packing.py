@@ -264,6 +264,18 @@ def test_other_types_pack_like_float(name: str) -> None:
     assert torch.equal(quarn.pack(weight.t().float().t(), name), expected)
 
 
+@pytest.mark.parametrize("name", ["q4_0", "q2_k"])
+def test_large_weights_pack_like_their_rows(name: str) -> None:
+    """With an importance, where the format takes one, of which each block reads its own columns."""
+    weight = torch.randn(300, 4096, generator=torch.Generator().manual_seed(0))
+    importance = torch.rand(4096) if quarn.FORMATS[name].weighted else None
+    packed: list[int] = []
+    whole = quarn.unpack(quarn.pack(weight, name, importance, packed.append), name, 4096)
+    parts = [quarn.pack(part, name, importance) for part in weight.split([150, 1, 149])]
+    assert torch.equal(whole, torch.cat([quarn.unpack(part, name, 4096) for part in parts]))
+    assert len(packed) > 1 and sum(packed) == weight.numel()
+
+
 def test_refused_input() -> None:
     weight = torch.ones(2, 64)
     with pytest.raises(ValueError, match="unknown format 'q9'; known are q4_0, q4_1,"):

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -17,7 +18,11 @@ void split(std::int64_t total, std::int64_t step, int threads, const Body& body)
       body(first, first + step < total ? step : total - first);
   };
   std::vector<std::jthread> others;
-  for (int thread = 1; thread < threads && thread * step < total; ++thread) others.emplace_back(work);
+  try {
+    for (int thread = 1; thread < threads && thread * step < total; ++thread) others.emplace_back(work);
+  } catch (const std::system_error&) {
+    // The work is dealt out bit by bit; those that run do all of it.
+  }
   work();
 }
 
