@@ -90,12 +90,15 @@ struct Part {
   float error(float scale) const {
     float sum = 0;
     for (const Group& one : group) {
-      Floats least[2] = {all(infinity), all(infinity)};
-      for (int entry = 0; entry < entries; entry += lanes) {
-        Floats& strand = least[entry / lanes % 2];
-        strand = min(strand, fused(all(scale), load(one.squares + entry), -2 * load(one.product + entry)));
+      const auto part = [&](int entry) {
+        return fused(all(scale), load(one.squares + entry), -2 * load(one.product + entry));
+      };
+      Floats even = all(infinity), odd = even;
+      for (int entry = 0; entry < entries; entry += 2 * lanes) {
+        even = min(even, part(entry));
+        odd = min(odd, part(entry + lanes));
       }
-      sum += smallest_of(min(least[0], least[1]));
+      sum += smallest_of(min(even, odd));
     }
     return scale * sum;
   }
