@@ -279,7 +279,7 @@ def test_rows_of_the_key_cache_lie_128_bytes_apart():
 
 
 def test_signatures_agree_in_stub_help_and_document():
-    stub = ast.parse(Path(tolvane.__file__).with_name("tolvane.pyi").read_text())
+    stub = ast.parse((HERE.parents[1] / "kernels" / "tolvane.pyi").read_text())
     document = (HERE.parents[1] / "docs" / "operators.md").read_text()
     functions = [node for node in stub.body if isinstance(node, ast.FunctionDef)]
     assert [function.name for function in functions] == OPERATORS

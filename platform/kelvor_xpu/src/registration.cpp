@@ -20,6 +20,7 @@
 #include "hooks.hpp"
 #include "kelvor_xpu/registered.h"
 #include "linear.hpp"
+#include "pinned_memory.hpp"
 #include "recurrent_cells.hpp"
 
 namespace kelvor_xpu {
@@ -68,6 +69,7 @@ const bool entered = [] {
   c10::impl::DeviceGuardImplRegistrar(c10::DeviceType::XPU, new Guard);
   c10::SetAllocator(c10::DeviceType::XPU, device_allocator());
   register_hooks();
+  register_pinned_memory();
   auto* aten = new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::XPU, __FILE__, __LINE__);
   register_operators(*aten);
   auto* autograd =
