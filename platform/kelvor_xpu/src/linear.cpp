@@ -94,7 +94,8 @@ at::Tensor& mm_out(const at::Tensor& self, const at::Tensor& weights, at::Tensor
     call.alpha = 1.0F;
     run(call, self, weights, out);
   } else {
-    fall_back("aten::mm", "out", self, weights, out);
+    static const c10::OperatorHandle op = operator_named("aten::mm", "out");
+    fall_back(op, self, weights, out);
   }
   return out;
 }
@@ -113,7 +114,8 @@ at::Tensor& addmm_out(const at::Tensor& self, const at::Tensor& rows, const at::
     call.addend_column_stride = addend.stride(1);
     run(call, rows, weights, out);
   } else {
-    fall_back("aten::addmm", "out", self, rows, weights, beta, alpha, out);
+    static const c10::OperatorHandle op = operator_named("aten::addmm", "out");
+    fall_back(op, self, rows, weights, beta, alpha, out);
   }
   return out;
 }

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <limits>
 #include <mutex>
-#include <shared_mutex>
 #include <string_view>
 #include <unordered_map>
 
@@ -73,15 +72,20 @@ OperatorTraits::OperatorTraits(const c10::FunctionSchema& schema) {
 }
 
 const OperatorTraits& traits_of(const c10::OperatorHandle& op) {
-  static auto& lock = *new std::shared_mutex;
+  static auto& lock = *new std::mutex;
   static auto& known = *new std::unordered_map<const c10::FunctionSchema*, OperatorTraits>;
+  // What a thread has asked for lately, by address.
+  struct Recent {
+    const c10::FunctionSchema* schema;
+    const OperatorTraits* traits;
+  };
+  static thread_local std::array<Recent, 256> recent{};
   const c10::FunctionSchema& schema = op.schema();
-  {
-    const std::shared_lock hold(lock);
-    if (const auto found = known.find(&schema); found != known.end()) return found->second;
-  }
-  const std::unique_lock hold(lock);
-  return known.try_emplace(&schema, schema).first->second;
+  Recent& entry = recent[reinterpret_cast<std::uintptr_t>(&schema) / 64 % recent.size()];
+  if (entry.schema == &schema) return *entry.traits;
+  const std::lock_guard hold(lock);
+  entry = {&schema, &known.try_emplace(&schema, schema).first->second};
+  return *entry.traits;
 }
 
 }  // namespace kelvor_xpu
