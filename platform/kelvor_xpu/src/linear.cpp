@@ -8,6 +8,7 @@
 #include "alias.hpp"
 #include "allocator.hpp"
 #include "fallback.hpp"
+#include "lifting.hpp"
 #include "linear_kernels.hpp"
 #include "settings.hpp"
 
@@ -31,7 +32,7 @@ bool dense_rows(const at::Tensor& matrix) {
 /// operator.
 bool streams(const at::Tensor& rows, const at::Tensor& weights, const at::Tensor& out) {
   const c10::ScalarType type = rows.scalar_type();
-  if (type != at::kHalf && type != at::kBFloat16) return false;
+  if (type != at::kHalf && (type != at::kBFloat16 || cpu_multiplies_bfloat16())) return false;
   if (!is_reduced_matrix(rows, type) || !is_reduced_matrix(weights, type) || !is_reduced_matrix(out, type)) {
     return false;
   }

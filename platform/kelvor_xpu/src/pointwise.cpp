@@ -177,6 +177,39 @@ struct Sin {
   static constexpr const char* name = "aten::sin";
 };
 
+struct Eq {
+  static constexpr const char* name = "aten::eq";
+};
+struct Ne {
+  static constexpr const char* name = "aten::ne";
+};
+struct Lt {
+  static constexpr const char* name = "aten::lt";
+};
+struct Le {
+  static constexpr const char* name = "aten::le";
+};
+struct Gt {
+  static constexpr const char* name = "aten::gt";
+};
+struct Ge {
+  static constexpr const char* name = "aten::ge";
+};
+
+/// Comparisons: a new tensor of bool.
+template <auto& Loop, class Name>
+at::Tensor compared(const at::Tensor& self, const at::Tensor& other) {
+  const auto right = operand(self, other);
+  if (!right) {
+    static const c10::OperatorHandle op = operator_named(Name::name, "Tensor");
+    return fall_back_for_result(op, self, other);
+  }
+  at::Tensor result;
+  auto iterator = at::TensorIterator::comparison_op(result, self, *right);
+  Loop(at::kCPU, iterator);
+  return iterator.output();
+}
+
 }  // namespace
 
 void register_pointwise(torch::Library& aten) {
@@ -197,6 +230,12 @@ void register_pointwise(torch::Library& aten) {
   aten.impl("tanh", TORCH_FN((unary<at::native::tanh_stub, Tanh>)));
   aten.impl("cos", TORCH_FN((unary<at::native::cos_stub, Cos>)));
   aten.impl("sin", TORCH_FN((unary<at::native::sin_stub, Sin>)));
+  aten.impl("eq.Tensor", TORCH_FN((compared<at::native::eq_stub, Eq>)));
+  aten.impl("ne.Tensor", TORCH_FN((compared<at::native::ne_stub, Ne>)));
+  aten.impl("lt.Tensor", TORCH_FN((compared<at::native::lt_stub, Lt>)));
+  aten.impl("le.Tensor", TORCH_FN((compared<at::native::le_stub, Le>)));
+  aten.impl("gt.Tensor", TORCH_FN((compared<at::native::gt_stub, Gt>)));
+  aten.impl("ge.Tensor", TORCH_FN((compared<at::native::ge_stub, Ge>)));
 }
 
 }  // namespace kelvor_xpu
