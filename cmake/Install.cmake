@@ -3,7 +3,8 @@
 set(torch_libraries $ORIGIN/../torch/lib)
 set_target_properties(host_sycl PROPERTIES INSTALL_RPATH $ORIGIN)
 set_target_properties(kelvor_xpu kelvor_xpu_python PROPERTIES INSTALL_RPATH "$ORIGIN;${torch_libraries}")
-set_target_properties(tolvane PROPERTIES INSTALL_RPATH "$ORIGIN/../kelvor_xpu;${torch_libraries}")
+list(TRANSFORM device_targets PREPEND tolvane_ OUTPUT_VARIABLE target_libraries)
+set_target_properties(tolvane ${target_libraries} PROPERTIES INSTALL_RPATH "$ORIGIN/../kelvor_xpu;${torch_libraries}")
 
 install(TARGETS host_sycl kelvor_xpu kelvor_xpu_python LIBRARY DESTINATION kelvor_xpu)
 install(DIRECTORY platform/kelvor_xpu/python/kelvor_xpu DESTINATION .
@@ -12,7 +13,7 @@ install(FILES ${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/kelvor_xpu/_built_for.py DESTINA
 install(FILES platform/kelvor_xpu/python/_kelvor_xpu_autoload.py DESTINATION .)
 
 # The stub is the package's as well as the module's.
-install(TARGETS tolvane LIBRARY DESTINATION tolvane)
+install(TARGETS tolvane ${target_libraries} LIBRARY DESTINATION tolvane)
 install(FILES kernels/python/tolvane/__init__.py platform/kelvor_xpu/python/kelvor_xpu/py.typed DESTINATION tolvane)
 install(FILES kernels/tolvane.pyi DESTINATION tolvane RENAME __init__.pyi)
 

@@ -21,6 +21,7 @@
 #include "kelvor_xpu/registered.h"
 #include "linear.hpp"
 #include "pinned_memory.hpp"
+#include "pointwise.hpp"
 #include "recurrent_cells.hpp"
 
 namespace kelvor_xpu {
@@ -43,6 +44,7 @@ void register_operators(torch::Library& aten) {
   aten.impl("_local_scalar_dense", TORCH_FN(local_scalar_dense));
   aten.impl("mm.out", TORCH_FN(mm_out));
   aten.impl("addmm.out", TORCH_FN(addmm_out));
+  register_pointwise(aten);
   aten.impl("_thnn_fused_gru_cell", TORCH_FN(gru_cell));
   aten.impl("_thnn_fused_gru_cell_backward", TORCH_FN(gru_cell_backward));
   aten.impl("_thnn_fused_lstm_cell", TORCH_FN(lstm_cell));
