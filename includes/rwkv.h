@@ -29,9 +29,9 @@ at::Tensor rwkv_linear_attention_v5(at::Tensor time_decay, at::Tensor time_first
 /// Mixes of the hidden states and their shifted copy: result[m] = hidden * mix[m] + shifted * (1 - mix[m]).
 ///
 /// `hidden` and `shifted` are [B, T, C], `mix` is [M, 1, C], all contiguous; C is a multiple of 64. The first
-/// two sizes of `shifted` and the second of `mix` may differ: the elements are read in memory order, and there
-/// must be enough of them. Types of hidden and mix: (float, bfloat16 or float), (bfloat16, bfloat16), (half,
-/// half). Returns [M, B, T, C] in hidden's type. Errors as for version 4.
+/// two sizes of `shifted` and the second of `mix` may differ: the elements are read in memory order, and
+/// there must be enough of them. Types of hidden and mix: (float, bfloat16 or float), (bfloat16, bfloat16),
+/// (half, half). Returns [M, B, T, C] in hidden's type. Errors as for version 4.
 ///
 /// bfloat16 computes p = hidden * mix, q = 1 - mix, r = shifted * q and p + r, half d = hidden - shifted, e =
 /// mix * d and shifted + e, each step rounded. Float takes half's form, in which the last two steps may

@@ -10,7 +10,7 @@ import torch
 
 @dataclass(frozen=True)
 class Call:
-    """`written`: the places of the tensors that the operator writes; `unread`: of those whose elements it never reads."""
+    """`written`: the places of the tensors that the operator writes; `unread`: of those that give it sizes only."""
 
     arguments: list[Any]
     written: tuple[int, ...] = ()

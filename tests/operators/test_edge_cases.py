@@ -267,7 +267,8 @@ def test_rows_of_the_key_cache_lie_128_bytes_apart():
     wider = torch.cat([key, key], 3)
     positions = torch.cat([key, key], 2)
     for view, stride in ((wider[..., 128:], 256), (positions[:, :, ::2], 256), (key[:, :, :1].expand(1, 1, 5, 128), 0)):
-        with pytest.raises(RuntimeError, match=rf"rows of key must lie 128 bytes apart, but key.stride\(2\) is {stride}$"):
+        said = rf"rows of key must lie 128 bytes apart, but key.stride\(2\) is {stride}$"
+        with pytest.raises(RuntimeError, match=said):
             tolvane.query_key_fp8_matmul(query, view)
     expected = tolvane.query_key_fp8_matmul(query, key)
     assert torch.equal(tolvane.query_key_fp8_matmul(query, wider[:, :, :1, :128]), expected[..., :1])
