@@ -42,6 +42,12 @@ template <int sg_size, int wg_size>
 at::Tensor xpu_forward_q5_1(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
                             std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
 
+/// The formats of 256 elements, the same for every class of device that has them.
+at::Tensor xpu_forward_q2_k(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
+                            std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
+at::Tensor xpu_forward_iq2_xxs(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
+                               std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint);
+
 /// Expands a weight to [output_size, state_size], in the element type of `input`.
 using dequantize_fn = at::Tensor (*)(const at::Tensor& input, const at::Tensor& weight,
                                      std::int64_t state_size, std::int64_t output_size);
@@ -66,5 +72,9 @@ at::Tensor dequantize_fp8_e4m3(const at::Tensor& input, const at::Tensor& weight
                                std::int64_t output_size);
 at::Tensor dequantize_fp8_e5m2(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
                                std::int64_t output_size);
+at::Tensor dequantize_q2_k(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                           std::int64_t output_size);
+at::Tensor dequantize_iq2_xxs(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                              std::int64_t output_size);
 
 }  // namespace tolvane

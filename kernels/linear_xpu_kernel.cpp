@@ -8,6 +8,7 @@
 
 #include <array>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -27,15 +28,6 @@ namespace {
 using forward_fn = at::Tensor (*)(at::Tensor, at::Tensor, std::int64_t, std::int64_t, std::int64_t,
                                   std::int64_t);
 using forward_table = std::array<forward_fn, qtype_count>;
-
-/// The super-block formats have their rows in the tables, and no kernels yet.
-at::Tensor xpu_forward_iq2_xxs(at::Tensor, at::Tensor, std::int64_t, std::int64_t, std::int64_t,
-                               std::int64_t) {
-  TORCH_CHECK(false, "forward_new: the format iq2_xxs (qtype 21) has no kernel yet");
-}
-at::Tensor xpu_forward_q2_k(at::Tensor, at::Tensor, std::int64_t, std::int64_t, std::int64_t, std::int64_t) {
-  TORCH_CHECK(false, "forward_new: the format q2_k (qtype 23) has no kernel yet");
-}
 
 template <int sg_size, int wg_size, int ROWS>
 constexpr forward_table formats_of_64() {
@@ -76,6 +68,8 @@ constexpr std::array<dequantize_fn, qtype_count> expansions = [] {
   table[qtype_fp8_e4m3] = dequantize_fp8_e4m3;
   table[qtype_fp4] = dequantize_fp4;
   table[qtype_fp8_e5m2] = dequantize_fp8_e5m2;
+  table[qtype_iq2_xxs] = dequantize_iq2_xxs;
+  table[qtype_q2_k] = dequantize_q2_k;
   return table;
 }();
 
@@ -88,6 +82,15 @@ const forward_table& current_table() {
     default:
       return forward_fns_new;
   }
+}
+
+/// The formats of a table, for messages.
+std::string formats_of(const forward_table& table) {
+  std::string list;
+  for (int qtype = 0; qtype < qtype_count; ++qtype) {
+    if (table[qtype] != nullptr) list += (list.empty() ? "" : ", ") + std::to_string(qtype);
+  }
+  return list;
 }
 
 /// Formats that the matrix engine takes, by qtype: 2, 8, 15 and 19.
@@ -125,8 +128,8 @@ at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype
   const std::int64_t state_size = input.size(1);
   const forward_table& table = current_table();
   TORCH_CHECK(qtype >= 0 && qtype < qtype_count && table[qtype] != nullptr,
-              "forward_new: this device has no function for qtype ", qtype,
-              "; it must be 2, 3, 6, 7, 8, 10, 11, 15, 16 or 19");
+              "forward_new: this device has no function for qtype ", qtype, "; it must be one of ",
+              formats_of(table));
   TORCH_CHECK(state_size > 0, "forward_new: state_size must be positive, but got ", state_size);
   const std::int64_t output_size = rows_of("forward_new", weight, state_size, qtype);
 
@@ -153,10 +156,10 @@ at::Tensor xpu_dequant(at::Tensor input, at::Tensor weight, int qtype) {
     case qtype_fp8_e4m3:
     case qtype_fp4:
     case qtype_fp8_e5m2:
+    case qtype_iq2_xxs:
       break;
     default:
-      TORCH_CHECK(qtype != qtype_iq2_xxs, "dequant: the format iq2_xxs (qtype 21) has no kernel yet");
-      TORCH_CHECK(false, "dequant: qtype must be 2, 8, 10, 15, 16 or 19, but got ", qtype);
+      TORCH_CHECK(false, "dequant: qtype must be 2, 8, 10, 15, 16, 19 or 21, but got ", qtype);
   }
   weight = readable("dequant", "weight", std::move(weight));
   const std::int64_t state_size = input.size(1);

@@ -1,0 +1,35 @@
+#pragma once
+// What a packed format says of itself beside its layout and its decoding. Every header of this folder
+// describes one format, or what several share; formats/list.h has the list, from which all tables, limits and
+// messages are made. docs/formats.md has the bytes.
+
+namespace tolvane {
+
+struct format {
+  /// Activation rows that go to a kernel for a few rows, 1 where there is none, on devices of class
+  /// `gpu_summit` and on others.
+  static constexpr int few_rows_on_summit = 1;
+  static constexpr int few_rows = 1;
+  /// Outputs that a work-group computes on devices of class `gpu_igx`; 2 on others.
+  static constexpr int rows_on_igx = 2;
+  /// Whether many outputs of a long input are made in slices of the expanded weight.
+  static constexpr bool sliced_expansion = false;
+  /// Whether the matrix engine takes the format, and whether the operator `dequant` does.
+  static constexpr bool matrix_engine = false;
+  static constexpr bool dequant = false;
+  /// Whether the host goes on while an expansion may still run, on the same two kinds of devices.
+  static constexpr bool plain_expansion_on_summit = false;
+  static constexpr bool plain_expansion = false;
+};
+
+/// Formats whose values lie in one zone and whose scales in another one behind it.
+struct zoned_format : format {
+  static constexpr bool zoned = true;
+};
+
+/// Formats of records, each a block with its scales.
+struct record_format : format {
+  static constexpr bool zoned = false;
+};
+
+}  // namespace tolvane
