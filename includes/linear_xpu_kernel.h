@@ -29,6 +29,12 @@ at::Tensor linear_xpu_expanded(const at::Tensor& like, const at::Tensor& weight,
 /// element type.
 at::Tensor xpu_dequant(at::Tensor input, at::Tensor weight, int qtype);
 
+/// Rows of a packed table as floats: [B, L, state_size] for the row numbers `input`, [B, L] of 64-bit
+/// integers. `weight` is packed in q2_k. For any other `qtype` the result is memory that nothing was written
+/// to. Raises c10::Error, before anything is submitted, where state_size is no multiple of 256 and where an
+/// index names no row of the weight.
+at::Tensor xpu_dequantize_rows(at::Tensor input, at::Tensor weight, int qtype, std::int64_t state_size);
+
 /// The matrix engine's route: a few rows, without a dense weight in memory.
 at::Tensor sysarr_forward(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
                           std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint,

@@ -59,6 +59,13 @@ at::Tensor dequant(at::Tensor input, at::Tensor weight, int qtype) {
   return xpu_dequant(input, weight, qtype);
 }
 
+at::Tensor dequantize_rows(at::Tensor input, at::Tensor weight, int qtype, std::int64_t state_size) {
+  check_tensor(input, "input");
+  check_tensor(weight, "weight");
+  const profiler_scope scope("quarn_dequantize_rows", input);
+  return xpu_dequantize_rows(input, weight, qtype, state_size);
+}
+
 void apply_rotary_embedding_half_q_and_k(const at::Tensor& q, const at::Tensor& k,
                                          const at::Tensor& position_ids, at::Tensor& q_out,
                                          at::Tensor& k_out) {
@@ -191,6 +198,8 @@ void register_operators(pybind11::module_& m) {
   define(m, "rwkv_linear_attention_v5", rwkv_linear_attention_v5,
          {"time_decay", "time_first", "receptance", "key", "value", "state"}, "rwkv v5 attention");
   define(m, "rwkv_time_shift", rwkv_time_shift, {"hidden", "shifted", "mix"}, "rwkv time shift");
+  define(m, "dequantize_rows", dequantize_rows, {"input", "weight", "qtype", "state_size"},
+         "Dequantize rows of weight");
 }
 
 }  // namespace

@@ -63,4 +63,5 @@ def sample_calls() -> dict[str, Call]:
             written=(5,),
         ),
         "rwkv_time_shift": Call([numbers(1, 2, 64), numbers(1, 2, 64), numbers(3, 1, 64)]),
+        "dequantize_rows": Call([torch.tensor([[2, 0]]).to("xpu"), code(3 * 84), 23, 256]),
     }
