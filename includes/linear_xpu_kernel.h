@@ -15,11 +15,6 @@ namespace tolvane {
 /// a function here, sizes that are no whole number of blocks, and sizes past 32-bit arithmetic.
 at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t size_hint);
 
-/// The same, differentiable with respect to `input` where that requires a gradient: the gradient is that of
-/// the result times the expanded weight.
-at::Tensor linear_xpu_forward_differentiable(at::Tensor input, at::Tensor weight, int qtype,
-                                             std::int64_t size_hint);
-
 /// The dense matrix [output_size, state_size] of a packed weight in any format that linear_xpu_forward_new
 /// takes, in the element type of `like`.
 at::Tensor linear_xpu_expanded(const at::Tensor& like, const at::Tensor& weight, int qtype,
