@@ -26,10 +26,13 @@ OPERATORS = common_methods_invocations.op_db
 Arguments = tuple[list[Any], dict[str, Any]]
 
 
-def samples(op: Any, dtype: torch.dtype, count: int) -> list[Arguments]:
-    """Up to ``count`` CPU samples. Half, which few entries list, is made from float."""
+REDUCED = (torch.half, torch.bfloat16)
+
+
+def samples(op: Any, dtype: torch.dtype, count: int | None) -> list[Arguments]:
+    """Up to ``count`` CPU samples, or all. Where an entry does not list a reduced type, they are made from float."""
     listed = dtype if dtype in op.dtypes else torch.float32
-    if listed is not dtype and dtype is not torch.half or listed not in op.dtypes:
+    if listed is not dtype and dtype not in REDUCED or listed not in op.dtypes:
         return []
     torch.manual_seed(0)
     found = []

@@ -55,7 +55,8 @@ PYBIND11_MODULE(_C, module) {
   module.def("hooks_seen", [] { return at::detail::getXPUHooks().hasXPU(); });
   module.def("limit_memory", kelvor_xpu::limit_memory);
   module.def("default_generator", [] {
-    return py::reinterpret_steal<py::object>(THPGenerator_Wrap(at::detail::getXPUHooks().getDefaultGenerator()));
+    return py::reinterpret_steal<py::object>(
+        THPGenerator_Wrap(at::detail::getXPUHooks().getDefaultGenerator()));
   });
   module.def("submissions", submissions);
   module.def("clear_submissions", sycl::host::clear_submissions);

@@ -58,8 +58,9 @@ class Pool {
     {
       const std::lock_guard hold(lock_);
       const auto live = static_cast<std::size_t>(live_.current);
-      TORCH_CHECK_WITH(OutOfMemoryError, bytes <= limit_ && live <= limit_ - bytes, "xpu: out of memory: ", bytes,
-                       " bytes more than the ", live, " in use would exceed the limit of ", limit_);
+      TORCH_CHECK_WITH(OutOfMemoryError, bytes <= limit_ && live <= limit_ - bytes,
+                       "xpu: out of memory: ", bytes, " bytes more than the ", live,
+                       " in use would exceed the limit of ", limit_);
       if (auto& free = free_[wanted.index]; !free.empty()) {
         Block* block = free.back();
         free.pop_back();

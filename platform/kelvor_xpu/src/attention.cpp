@@ -1,12 +1,13 @@
 #include "attention.hpp"
 
-#include <ATen/core/LegacyTypeDispatch.h>
 #include <ATen/SDPBackend.h>
+#include <ATen/core/LegacyTypeDispatch.h>
 #include <ATen/ops/_fused_sdp_choice.h>
 #include <ATen/ops/_scaled_dot_product_attention_math.h>
 #include <ATen/ops/_scaled_dot_product_flash_attention_for_cpu.h>
 #include <ATen/ops/_scaled_dot_product_flash_attention_for_cpu_backward.h>
 #include <ATen/ops/_scaled_dot_product_fused_attention_overrideable.h>
+#include <ATen/ops/scaled_dot_product_attention_native.h>
 #include <ATen/ops/zeros_like.h>
 
 #include <limits>
@@ -21,19 +22,26 @@ std::optional<at::Tensor> alias_if_defined(Aliases& aliases, const std::optional
   return on_xpu(*tensor) ? aliases.alias(*tensor) : *tensor;
 }
 
+/// Whether the tensor is memory of the device, and not a stand-in that records or transforms what is done
+/// with it.
+bool is_plain(const at::Tensor& tensor) {
+  return on_xpu(tensor) && tensor.has_storage() && !tensor.key_set().has_any(c10::python_ks) &&
+         !tensor.key_set().has(c10::DispatchKey::FuncTorchGradWrapper);
+}
+
 /// Whether the CPU would take its fused kernel.
 bool takes_fused(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                  const std::optional<at::Tensor>& mask, double dropout, bool causal,
                  std::optional<double> scale, bool grouped) {
-  if (!on_xpu(query) || !on_xpu(key) || !on_xpu(value)) return false;
+  if (!is_plain(query) || !is_plain(key) || !is_plain(value)) return false;
   Aliases aliases;
   const auto alias = [&](const at::Tensor& tensor) {
     return aliases.alias(tensor).set_requires_grad(tensor.requires_grad());
   };
   std::optional<at::Tensor> cpu_mask = alias_if_defined(aliases, mask);
   if (cpu_mask.has_value() && mask->requires_grad()) cpu_mask->set_requires_grad(true);
-  const auto choice =
-      at::_fused_sdp_choice(alias(query), alias(key), alias(value), cpu_mask, dropout, causal, scale, grouped);
+  const auto choice = at::_fused_sdp_choice(alias(query), alias(key), alias(value), cpu_mask, dropout, causal,
+                                            scale, grouped);
   return choice == static_cast<std::int64_t>(at::SDPBackend::flash_attention);
 }
 
@@ -41,7 +49,8 @@ bool takes_fused(const at::Tensor& query, const at::Tensor& key, const at::Tenso
 std::optional<at::Tensor> as_bias(const std::optional<at::Tensor>& mask, c10::ScalarType type) {
   if (!mask.has_value() || !mask->defined()) return std::nullopt;
   if (mask->scalar_type() != at::kBool) return mask;
-  return at::zeros_like(*mask, type).masked_fill_(mask->logical_not(), -std::numeric_limits<double>::infinity());
+  return at::zeros_like(*mask, type)
+      .masked_fill_(mask->logical_not(), -std::numeric_limits<double>::infinity());
 }
 
 }  // namespace
@@ -54,8 +63,16 @@ at::Tensor attention(const at::Tensor& query, const at::Tensor& key, const at::T
     return std::get<0>(at::_scaled_dot_product_fused_attention_overrideable(query, key, value, bias, dropout,
                                                                             causal, false, scale));
   }
-  return std::get<0>(at::_scaled_dot_product_attention_math(query, key, value, bias, dropout, causal, std::nullopt,
-                                                            scale, grouped));
+  return std::get<0>(at::_scaled_dot_product_attention_math(query, key, value, bias, dropout, causal,
+                                                            std::nullopt, scale, grouped));
+}
+
+at::Tensor batched_attention(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                             const std::optional<at::Tensor>& mask, double dropout, bool causal,
+                             std::optional<double> scale, bool grouped) {
+  return query.is_xpu() ? attention(query, key, value, mask, dropout, causal, scale, grouped)
+                        : at::native::scaled_dot_product_attention(query, key, value, mask, dropout, causal,
+                                                                   scale, grouped);
 }
 
 std::tuple<at::Tensor, at::Tensor, at::Tensor, at::Tensor, c10::SymInt, c10::SymInt, at::Tensor, at::Tensor,
@@ -69,8 +86,15 @@ fused_attention(const at::Tensor& query, const at::Tensor& key, const at::Tensor
       aliases.alias(query), aliases.alias(key), aliases.alias(value), dropout, causal,
       alias_if_defined(aliases, bias), scale);
   const at::Tensor none;
-  return {aliases.to_xpu(output), aliases.to_xpu(log_sums), none, none, query.sym_size(2), key.sym_size(2), none,
-          none, none};
+  return {aliases.to_xpu(output),
+          aliases.to_xpu(log_sums),
+          none,
+          none,
+          query.sym_size(2),
+          key.sym_size(2),
+          none,
+          none,
+          none};
 }
 
 std::tuple<at::Tensor, at::Tensor, at::Tensor, at::Tensor> fused_attention_backward(
@@ -83,7 +107,8 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor, at::Tensor> fused_attention_backw
   const at::AutoDispatchBelowADInplaceOrView below_autograd;
   const auto [grad_query, grad_key, grad_value] = at::_scaled_dot_product_flash_attention_for_cpu_backward(
       aliases.alias(grad), aliases.alias(query), aliases.alias(key), aliases.alias(value),
-      aliases.alias(output), aliases.alias(log_sums), dropout, causal, alias_if_defined(aliases, bias), scale);
+      aliases.alias(output), aliases.alias(log_sums), dropout, causal, alias_if_defined(aliases, bias),
+      scale);
   return {aliases.to_xpu(grad_query), aliases.to_xpu(grad_key), aliases.to_xpu(grad_value), at::Tensor()};
 }
 

@@ -14,6 +14,11 @@ at::Tensor attention(const at::Tensor& query, const at::Tensor& key, const at::T
                      const std::optional<at::Tensor>& mask, double dropout, bool causal,
                      std::optional<double> scale, bool grouped);
 
+/// The same under torch.vmap, for tensors of any device.
+at::Tensor batched_attention(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
+                             const std::optional<at::Tensor>& mask, double dropout, bool causal,
+                             std::optional<double> scale, bool grouped);
+
 /// The fused forward: the output, the logarithms of the sums, and seven values that only other devices need.
 std::tuple<at::Tensor, at::Tensor, at::Tensor, at::Tensor, c10::SymInt, c10::SymInt, at::Tensor, at::Tensor,
            at::Tensor>

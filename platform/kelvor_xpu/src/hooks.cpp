@@ -41,8 +41,8 @@ bool Hooks::isPinnedPtr(const void* data) const {
 }
 
 void register_hooks() {
-  at::XPUHooksRegistry()->Register(
-      "XPUHooks", [] { return std::unique_ptr<at::XPUHooksInterface>(new Hooks); });
+  at::XPUHooksRegistry()->Register("XPUHooks",
+                                   [] { return std::unique_ptr<at::XPUHooksInterface>(new Hooks); });
 }
 
 }  // namespace kelvor_xpu

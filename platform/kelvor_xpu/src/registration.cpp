@@ -64,6 +64,20 @@ void register_operators(torch::Library& aten) {
   }
 }
 
+class Silence final : public c10::WarningHandler {
+  void process(const c10::Warning&) override {}
+};
+
+/// The one kernel that takes another's place, which PyTorch would warn of. It hands on what is not the
+/// device's.
+void register_batched_attention() {
+  Silence silence;
+  const c10::WarningUtils::WarningHandlerGuard hold(&silence);
+  auto* aten = new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::FuncTorchVmapMode, __FILE__,
+                                  __LINE__);
+  aten->impl("scaled_dot_product_attention", TORCH_FN(batched_attention));
+}
+
 const bool entered = [] {
   // Somebody else's XPU device has precedence, and a second copy of this library changes nothing.
   if (c10::impl::hasDeviceGuardImpl(c10::DeviceType::XPU) || !sycl::host::unsupported_cpu().empty())
@@ -77,6 +91,7 @@ const bool entered = [] {
   auto* autograd =
       new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::AutogradXPU, __FILE__, __LINE__);
   autograd->impl("scaled_dot_product_attention", TORCH_FN(attention));
+  register_batched_attention();
   auto* others = new torch::Library(torch::Library::IMPL, "_", c10::DispatchKey::XPU, __FILE__, __LINE__);
   others->fallback(torch::CppFunction::makeFromBoxedFunction<&fallback>());
   return true;
