@@ -12,6 +12,7 @@ import quarn
 import row_entries
 import sequence_entries
 import tolvane
+from dense_peers import linear_peers, mlp_peers
 from harness import TYPES_AND_DOUBLE, Case, copies_needed
 
 Call = Callable[[int], Tensor]
@@ -36,27 +37,17 @@ def mlp_call(row: Tensor, packed: Weights, state: int, hidden: int, qtype: int) 
     )
 
 
-def dense_mlp_call(row: Tensor, dense: Weights) -> Call:
-    """silu(linear(x, gate)) * linear(x, up) on the CPU."""
-
-    def run(number: int) -> Tensor:
-        gate, up = dense[number % len(dense)]
-        return F.silu(F.linear(row, gate)) * F.linear(row, up)
-
-    return run
-
-
 def mlp_cases(name: str, state: int, hidden: int, rotate: bool = True) -> Iterator[Case]:
-    """Every format and type of one size, against the dense peer in float."""
+    """Every format and type of one size."""
     x = torch.randn(1, state)
-    peer = dense_mlp_call(x, copies(torch.randn(hidden, state), 2, rotate))
+    peers = mlp_peers(x, hidden, rotate)
     for format in quarn.MLP_FORMATS:
         entry = quarn.FORMATS[format]
         packed = on_xpu(copies(quarn.synthetic(format, hidden, state), 2, rotate))
         size = 2 * entry.packed_bytes(hidden, state)
         for kind, dtype in TYPES_AND_DOUBLE.items():
             ours = mlp_call(x.to(dtype).to("xpu"), packed, state, hidden, entry.qtype)
-            yield Case(name, f"{state} x {hidden}", kind, format, size, ours, peer)
+            yield Case(name, f"{state} x {hidden}", kind, format, size, ours, peers[kind])
 
 
 def mlp(quick: bool) -> Iterator[Case]:
@@ -78,19 +69,18 @@ def dense_linear_call(x: Tensor, weights: Weights) -> Call:
 
 
 def linear(quick: bool) -> Iterator[Case]:
-    """PyTorch's own linear with a dense weight on `xpu`, against the CPU's in float."""
+    """PyTorch's own linear with a dense weight on `xpu`, against the CPU's."""
     size = 4096
     weight = torch.randn(size, size)
-    peer_weights = copies(weight, 1, rotate=True)
-    for rows in (1, 16) if quick else (1, 2, 4, 8, 16, 32, 64):
+    for rows in (1, 16) if quick else (1, 2, 4, 8, 16, 64, 512):
         x = torch.randn(rows, size)
+        peers = linear_peers(x, size)
         for kind, dtype in TYPES_AND_DOUBLE.items():
             dense = copies(weight.to(dtype), 1, rotate=True)
             ours = dense_linear_call(x.to(dtype).to("xpu"), on_xpu(dense))
             shape = f"{rows} x {size}^2"
             bytes_read = dense[0][0].numel() * dense[0][0].element_size()
-            peer = dense_linear_call(x, peer_weights)
-            yield Case("linear", shape, kind, "dense", bytes_read, ours, peer)
+            yield Case("linear", shape, kind, "dense", bytes_read, ours, peers[kind])
 
 
 def packed_linear_call(x: Tensor, packed: Weights, qtype: int) -> Call:
@@ -99,17 +89,17 @@ def packed_linear_call(x: Tensor, packed: Weights, qtype: int) -> Call:
 
 
 def forward_cases(name: str, formats: list[str], rows: int) -> Iterator[Case]:
-    """A packed layer of 4096 x 4096 in every type, against the dense one on the CPU in float."""
+    """A packed layer of 4096 x 4096 in every type."""
     size = 4096
     x = torch.randn(rows, size)
-    peer = dense_linear_call(x, copies(torch.randn(size, size), 1, rotate=True))
+    peers = linear_peers(x, size)
     for format in formats:
         entry = quarn.FORMATS[format]
         packed = on_xpu(copies(quarn.synthetic(format, size, size), 1, rotate=True))
         for kind, dtype in TYPES_AND_DOUBLE.items():
             ours = packed_linear_call(x.to(dtype).to("xpu"), packed, entry.qtype)
             shape = f"{rows} x {size}^2"
-            yield Case(name, shape, kind, format, entry.packed_bytes(size, size), ours, peer)
+            yield Case(name, shape, kind, format, entry.packed_bytes(size, size), ours, peers[kind])
 
 
 def forward(quick: bool) -> Iterator[Case]:
@@ -138,7 +128,7 @@ def dequant(quick: bool) -> Iterator[Case]:
                 format,
                 source.numel() * source.element_size(),
                 lambda number, like=like: tolvane.dequant(like, packed, entry.qtype),
-                lambda number, target=target, source=source: target.copy_(source),
+                {"copy": lambda number, target=target, source=source: target.copy_(source)},
             )
 
 
@@ -154,7 +144,7 @@ def overhead(quick: bool) -> Iterator[Case]:
 
         return run
 
-    yield Case("overhead", "100 x 16", "float", "dense", 100 * 16 * 4, adds(x.to("xpu")), adds(x))
+    yield Case("overhead", "100 x 16", "float", "dense", 100 * 16 * 4, adds(x.to("xpu")), {"cpu": adds(x)})
 
 
 ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, forward, dequant, linear, overhead]

@@ -1,4 +1,4 @@
-"""Measures operators against a peer in the same process, with weights that come from memory."""
+"""Measures operators against peers in the same process, with weights that come from memory."""
 
 from __future__ import annotations
 
@@ -25,8 +25,9 @@ BANDWIDTH_BYTES = 256_000_000
 class Case:
     """One line of the table.
 
-    `ours` and `peer` take the number of the call, and use it to pick one of several copies of
-    the weights (`copies_needed`). `packed_bytes` is what one call of `ours` reads.
+    `ours` and the peers, which have names, take the number of the call, and use it to pick one
+    of several copies of the weights (`copies_needed`). `packed_bytes` is what one call of `ours`
+    reads.
     """
 
     operator: str
@@ -35,12 +36,26 @@ class Case:
     format: str
     packed_bytes: int
     ours: Callable[[int], object]
-    peer: Callable[[int], object]
+    peers: dict[str, Callable[[int], object]]
+
+
+@dataclass(frozen=True)
+class Peer:
+    """A peer's median in microseconds, and that over ours."""
+
+    name: str
+    microseconds: float
+    spread: float
+    speed_up: float
 
 
 @dataclass(frozen=True)
 class Result:
-    """Medians in microseconds; spreads are the quartile distance over the median."""
+    """Medians in microseconds; spreads are the quartile distance over the median.
+
+    `read_microseconds` is what reading the packed bytes takes at the memory's rate in this run,
+    and `bandwidth_share` that over our time.
+    """
 
     operator: str
     shape: str
@@ -48,11 +63,9 @@ class Result:
     format: str
     microseconds: float
     spread: float
-    gigabytes_per_second: float
+    read_microseconds: float
     bandwidth_share: float
-    peer_microseconds: float
-    peer_spread: float
-    speed_up: float
+    peers: list[Peer]
 
 
 def copies_needed(size: int) -> int:
@@ -75,43 +88,47 @@ def read_bandwidth(threads: int = 2, rounds: int = 7) -> float:
 
 PAUSE_SECONDS = 0.1
 TURN_SECONDS = 0.02
+LONG_TURN_SECONDS = 0.2
 
 
 def measure(case: Case, seconds: float, bandwidth: float) -> Result:
-    """Calls ours and the peer in turns for about `seconds`, at least 3 turns of 3 calls each.
+    """Calls ours and the peers in turns for about `seconds`, at least 3 turns.
 
-    Before each turn there is a pause: after a call, the BLAS's threads keep a core busy for a while in case there is
-    another one, which would be charged to whoever comes next.
+    A turn has 3 calls, or fewer long ones. Before it there is a pause: after a call, the BLAS's threads keep a core
+    busy for a while in case there is another one, which would be charged to whoever comes next.
     """
-    ours: list[float] = []
-    peer: list[float] = []
-    case.ours(0), case.peer(0)
+    runs = {"": case.ours, **case.peers}
+    times: dict[str, list[float]] = {name: [] for name in runs}
+    for run in runs.values():
+        run(0)
     end = time.perf_counter() + seconds
     turns = 0
     while turns < 3 or time.perf_counter() < end:
         turns += 1
-        for run, times in ((case.ours, ours), (case.peer, peer)):
+        for name, run in runs.items():
             time.sleep(PAUSE_SECONDS)
-            turn_end = time.perf_counter() + TURN_SECONDS
+            begin = time.perf_counter()
             for calls in itertools.count():
                 start = time.perf_counter()
-                if calls >= 3 and start >= turn_end:
+                if start - begin >= (TURN_SECONDS if calls >= 3 else LONG_TURN_SECONDS):
                     break
-                run(len(times) + 1)
-                times.append(1e6 * (time.perf_counter() - start))
-    rate = case.packed_bytes / median(ours) / 1e3
+                run(len(times[name]) + 1)
+                times[name].append(1e6 * (time.perf_counter() - start))
+    ours = median(times[""])
+    read = case.packed_bytes / bandwidth / 1e3
     return Result(
         case.operator,
         case.shape,
         case.dtype,
         case.format,
-        median(ours),
-        spread(ours),
-        rate,
-        rate / bandwidth,
-        median(peer),
-        spread(peer),
-        median(peer) / median(ours),
+        ours,
+        spread(times[""]),
+        read,
+        read / ours,
+        [
+            Peer(name, median(times[name]), spread(times[name]), median(times[name]) / ours)
+            for name in case.peers
+        ],
     )
 
 
@@ -123,17 +140,17 @@ def spread(times: Sequence[float]) -> float:
 
 HEADER = (
     f"{'operator':<10} {'shape':<14} {'type':<9} {'format':<9} {'time us':>10} {'spread':>7} "
-    f"{'GB/s':>7} {'share':>6} {'peer us':>10} {'spread':>7} {'speed-up':>8}"
+    f"{'read us':>9} {'share':>6}  peers: time us (over ours)"
 )
 
 
 def line(result: Result) -> str:
     """A line of the table under `HEADER`."""
+    peers = (f"{peer.name} {peer.microseconds:.1f} ({peer.speed_up:.2f})" for peer in result.peers)
     return (
         f"{result.operator:<10} {result.shape:<14} {result.dtype:<9} {result.format:<9} "
         f"{result.microseconds:>10.1f} {result.spread:>7.1%} "
-        f"{result.gigabytes_per_second:>7.2f} {result.bandwidth_share:>6.1%} "
-        f"{result.peer_microseconds:>10.1f} {result.peer_spread:>7.1%} {result.speed_up:>8.2f}"
+        f"{result.read_microseconds:>9.1f} {result.bandwidth_share:>6.1%}  {', '.join(peers)}"
     )
 
 
@@ -144,13 +161,14 @@ def write_json(path: Path, machine: dict[str, object], results: Sequence[Result]
 
 
 def write_plot(path: Path, results: Sequence[Result]) -> None:
-    """A bar per result: the share of the read bandwidth, with the speed-up as its label."""
+    """A bar per result: the share of the read bandwidth, with the speed-ups as its label."""
     from matplotlib import pyplot
 
     names = [f"{r.operator} {r.shape} {r.dtype} {r.format}" for r in results]
+    labels = [", ".join(f"{p.speed_up:.2f} x {p.name}" for p in r.peers) for r in results]
     figure, axes = pyplot.subplots(figsize=(9, 1 + 0.3 * len(results)))
     bars = axes.barh(names, [100 * r.bandwidth_share for r in results])
-    axes.bar_label(bars, [f"{r.speed_up:.2f} x peer" for r in results], padding=3)
+    axes.bar_label(bars, labels, padding=3)
     axes.set_xlabel("share of the measured read bandwidth, %")
     axes.invert_yaxis()
     figure.savefig(path, bbox_inches="tight")

@@ -30,16 +30,12 @@ def attention(quick: bool) -> Iterator[Case]:
         shape = f"{length}, {heads}/{kv_heads}"
         for kind, dtype in TYPES.items():
             q, a = query.to("xpu", dtype), attn.to("xpu", dtype)
-            scores: tuple[Call, Call] = (
-                lambda _, q=q: tolvane.query_key_fp8_matmul(q, key),
-                lambda _: query @ keys.transpose(2, 3),
-            )
-            sums: tuple[Call, Call] = (
-                lambda _, a=a: tolvane.attn_value_fp8_matmul(a, value),
-                lambda _: attn @ values,
-            )
-            yield Case("scores", shape, kind, "fp8", size_of(key), *scores)
-            yield Case("values", shape, kind, "fp8", size_of(value), *sums)
+            scores: Call = lambda _, q=q: tolvane.query_key_fp8_matmul(q, key)
+            sums: Call = lambda _, a=a: tolvane.attn_value_fp8_matmul(a, value)
+            dense_scores: Call = lambda _: query @ keys.transpose(2, 3)
+            dense_sums: Call = lambda _: attn @ values
+            yield Case("scores", shape, kind, "fp8", size_of(key), scores, {"float": dense_scores})
+            yield Case("values", shape, kind, "fp8", size_of(value), sums, {"float": dense_sums})
 
 
 def bmm(quick: bool) -> Iterator[Case]:
@@ -48,7 +44,7 @@ def bmm(quick: bool) -> Iterator[Case]:
     on_xpu = [x.to("xpu") for x in (a, b, torch.empty_like(a))]
     size = size_of(a, b)
     ours, peer = lambda _: tolvane.bmm(*on_xpu), lambda _: torch.bmm(a, b)
-    yield Case("bmm", "8 x 256^3", "float", "dense", size, ours, peer)
+    yield Case("bmm", "8 x 256^3", "float", "dense", size, ours, {"cpu": peer})
 
 
 def plain_call(name: str, tensors: list[Tensor], sizes: tuple[int, ...]) -> Call:
@@ -75,7 +71,7 @@ def rwkv(quick: bool) -> Iterator[Case]:
     for kind, dtype in TYPES.items():
         x = [tensor.to("xpu", dtype) for tensor in inputs]
         ours: Call = lambda _, x=x: tolvane.rwkv_linear_attention_v4(*x)
-        yield Case("rwkv v4", f"{tokens} x {channels}", kind, "dense", size_of(*x), ours, peer)
+        yield Case("rwkv v4", f"{tokens} x {channels}", kind, "dense", size_of(*x), ours, {"loops": peer})
 
     inputs = [torch.rand(heads, 64), torch.randn(heads, 64)]
     inputs += torch.randn(3, 1, heads, tokens, 64).unbind()
@@ -84,7 +80,7 @@ def rwkv(quick: bool) -> Iterator[Case]:
     for order in ("columns", "rows"):
         peer = plain_call(f"plain_rwkv_v5_{order}", [*inputs, out], (1, heads, tokens))
         ours = lambda _: tolvane.rwkv_linear_attention_v5(*y)
-        yield Case("rwkv v5", f"{tokens} x {heads}", "float", order, size_of(*y), ours, peer)
+        yield Case("rwkv v5", f"{tokens} x {heads}", "float", order, size_of(*y), ours, {"loops": peer})
 
 
 def time_shift(quick: bool) -> Iterator[Case]:
@@ -99,7 +95,7 @@ def time_shift(quick: bool) -> Iterator[Case]:
         size, shape = 2 * size_of(moved), f"{mixes}, {tokens}^2"
         ours: Call = lambda _, x=x: tolvane.rwkv_time_shift(*x)
         peer: Call = lambda _, a=target, b=moved: a.copy_(b)
-        yield Case("shift", shape, kind, "dense", size, ours, peer)
+        yield Case("shift", shape, kind, "dense", size, ours, {"copy": peer})
 
 
 ENTRIES = [attention, bmm, rwkv, time_shift]

@@ -319,25 +319,23 @@ def fake(x):
 def zeros(x):
     return torch._efficientzerotensor(x.shape, dtype=x.dtype, device=x.device)
 
-def refuses(operator, arguments, words):
+def refuses(operator, arguments):
     try:
         operator(*arguments)
     except RuntimeError as error:
-        if any(word in str(error) for word in words):
+        if "has no memory" in str(error):
             return
         raise
     raise AssertionError((operator, arguments))
 
-NAMED = ("has no memory",)
 for name, call in sample_calls().items():
     operator = getattr(tolvane, name)
     for place in call.tensors():
         if place not in call.unread:
             for make in (Wrapper, fake, zeros):
-                refuses(operator, call.with_argument(place, make(call.arguments[place])), NAMED)
-    if not call.written:  # a new tensor would be a fake one
-        with FakeTensorMode():
-            refuses(operator, call.arguments, ("needs memory", "data pointer"))
+                arguments = call.with_argument(place, make(call.arguments[place]))
+                with torch._C._DisableTorchDispatch():  # as if the subclass had passed itself on
+                    refuses(operator, arguments)
 print("refused")
 """
 

@@ -22,7 +22,7 @@ def test_measure_takes_turns_and_counts_calls() -> None:
         return run
 
     ours, peer = sleeper("ours", 0.004), sleeper("peer", 0.012)
-    case = harness.Case("op", "1 x 1", "float", "q4_0", 8_000_000, ours, peer)
+    case = harness.Case("op", "1 x 1", "float", "q4_0", 8_000_000, ours, {"peer": peer})
     result = harness.measure(case, 0.0, bandwidth=4.0)
     assert calls[:2] == [("ours", 0), ("peer", 0)]  # not measured
     turns = [list(turn) for _, turn in itertools.groupby(calls[2:], key=lambda call: call[0])]
@@ -31,13 +31,14 @@ def test_measure_takes_turns_and_counts_calls() -> None:
     for name in ("ours", "peer"):
         numbers = [number for called, number in calls if called == name]
         assert numbers == list(range(len(numbers)))
-    # 8 MB in 4 ms are 2 GB/s; sleeping takes a little longer than asked.
+    # Reading 8 MB at 4 GB/s takes 2 ms; sleeping takes a little longer than asked.
     assert result.microseconds == pytest.approx(4000, rel=0.5)
-    assert result.gigabytes_per_second == pytest.approx(2, rel=0.5)
+    assert result.read_microseconds == pytest.approx(2000)
     assert result.bandwidth_share == pytest.approx(0.5, rel=0.5)
-    assert result.speed_up == pytest.approx(3, rel=0.5)
+    assert result.peers[0].speed_up == pytest.approx(3, rel=0.5)
     header, row = harness.HEADER, harness.line(result)
-    assert len(row) == len(header) and row.split()[:2] == ["op", "1"]
+    assert row[: header.index("  peers")].split()[-2] == "2000.0" and row.split()[:2] == ["op", "1"]
+    assert row[header.index("peers") :].startswith("peer 1")
 
 
 def test_spread_and_rotation() -> None:
