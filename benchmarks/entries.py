@@ -11,6 +11,7 @@ from torch.nn import functional as F
 import quarn
 import row_entries
 import sequence_entries
+import super_block_entries
 import tolvane
 from dense_peers import linear_peers, mlp_peers
 from harness import TYPES_AND_DOUBLE, Case, copies_needed
@@ -148,4 +149,4 @@ def overhead(quick: bool) -> Iterator[Case]:
 
 
 ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, forward, dequant, linear, overhead]
-ENTRIES += row_entries.ENTRIES + sequence_entries.ENTRIES
+ENTRIES += row_entries.ENTRIES + sequence_entries.ENTRIES + super_block_entries.ENTRIES

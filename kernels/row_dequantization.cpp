@@ -3,7 +3,6 @@
 #include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
-#include <limits>
 #include <utility>
 
 #include "checks.h"

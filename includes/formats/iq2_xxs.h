@@ -124,25 +124,42 @@ struct iq2_xxs : super_block_format {
     return vec_dot_iq2_xxs_q8_1(record, activations, item);
   }
 
-  /// The sub-block that eight bytes `place` of register `part` belong to: as the sums of the two registers
-  /// are added up, they come out in order.
-  static constexpr int sub_block(int part, int place) { return place / 2 * 4 + part * 2 + place % 2; }
-
-  /// A block's activations: registers `part` of the eights `l` of four sub-blocks, and a quarter of each
-  /// sub-block's step, which is exact.
+  /// A block's activations as lanes read them, which are sub-blocks: of element j of each of their four
+  /// eights a byte, as it is and negated, and a quarter of the step, which is exact.
   struct alignas(64) columns {
-    std::int8_t bytes[2][4][32];
+    std::uint32_t bytes[8][items];
+    std::uint32_t negated[8][items];
     float step[items];
   };
   static void lay_out(columns& out, const block_q8_1* activations) {
-    for (int part = 0; part < 2; ++part) {
-      for (int l = 0; l < 4; ++l) {
-        for (int place = 0; place < 4; ++place)
-          std::memcpy(out.bytes[part][l] + 8 * place, activations[sub_block(part, place)].qs + 8 * l, 8);
+    for (int s = 0; s < items; ++s) {
+      for (int j = 0; j < 8; ++j) {
+        std::int8_t plain[4], negated[4];
+        for (int l = 0; l < 4; ++l) {
+          plain[l] = activations[s].qs[8 * l + j];
+          negated[l] = static_cast<std::int8_t>(-plain[l]);
+        }
+        std::memcpy(&out.bytes[j][s], plain, 4);
+        std::memcpy(&out.negated[j][s], negated, 4);
+      }
+      out.step[s] = float(activations[s].d) * 0.25f;
+    }
+  }
+
+  /// Per place l in a group of four and point of the grid: two bits for each of its eight elements, the first
+  /// four in byte l and the others in byte l + 4.
+  static constexpr auto codes = [] {
+    std::array<std::array<std::uint64_t, 256>, 4> table{};
+    for (int l = 0; l < 4; ++l) {
+      for (int point = 0; point < 256; ++point) {
+        for (int j = 0; j < 8; ++j) {
+          const std::uint64_t magnitude = iq2xxs_grid[point] >> (8 * j) & 0xFF;
+          table[l][point] |= magnitude / 16 << (8 * l + 2 * (j % 4) + 32 * (j / 4));  // 0, 1 or 2
+        }
       }
     }
-    for (int s = 0; s < items; ++s) out.step[s] = float(activations[s].d) * 0.25f;
-  }
+    return table;
+  }();
 
   /// The 7-bit sign indices of a word as bytes of their signs. 11 operations.
   [[gnu::always_inline]] static spmd::lanes<std::uint32_t, items> signs(
@@ -161,25 +178,27 @@ struct iq2_xxs : super_block_format {
     const auto* record = reinterpret_cast<const block_iq2_xxs*>(at);
     const auto* points = reinterpret_cast<const std::uint8_t*>(record->qs);
     const words aux = spmd::load_tile8<items>(points, spmd::all_lanes<items>()).word[1];
+    const auto group = [&](int s) {
+      const std::uint8_t* p = points + 8 * s;
+      return codes[0][p[0]] | codes[1][p[1]] | codes[2][p[2]] | codes[3][p[3]];
+    };
+    const spmd::vec<std::uint64_t, 4> groups[2] = {{group(0), group(1), group(4), group(5)},
+                                                   {group(2), group(3), group(6), group(7)}};
+    const floats first(reinterpret_cast<spmd::vec<float, 8>>(groups[0]));
+    const floats second(reinterpret_cast<spmd::vec<float, 8>>(groups[1]));
+    const std::array<words, 2> code = {spmd::bit_cast<std::uint32_t>(spmd::evens(first, second)),
+                                       spmd::bit_cast<std::uint32_t>(spmd::odds(first, second))};
     const words sign = signs(aux);
-    std::array<spmd::lanes<std::int32_t, items>, 2> sum;
-    spmd::unrolled<2>([&]<int Part>(std::integral_constant<int, Part>) [[gnu::always_inline]] {
-      sum[Part] = 0;
-      spmd::unrolled<4>([&]<int L>(std::integral_constant<int, L>) [[gnu::always_inline]] {
-        const auto point = [&](int place) [[gnu::always_inline]] {
-          return iq2xxs_grid[points[8 * sub_block(Part, place) + L]];
-        };
-        const spmd::vec<std::uint64_t, 4> magnitudes = {point(0), point(1), point(2), point(3)};
-        const auto q8 = spmd::load<items>(reinterpret_cast<const std::uint32_t*>(x.bytes[Part][L]));
-        const auto negated =
-            spmd::negated_by_bits(q8, sign, [](int i) { return 4 * sub_block(Part, i / 8) + L; });
-        sum[Part] = spmd::dot_bytes(
-            sum[Part], words(reinterpret_cast<spmd::vec<std::uint32_t, items>>(magnitudes)), negated);
+    spmd::lanes<std::int32_t, items> sumi = 0;
+    spmd::unrolled<8>([&]<int J>(std::integral_constant<int, J>) [[gnu::always_inline]] {
+      constexpr auto magnitudes = spmd::constants<std::uint8_t, 16>([](int i) {
+        return std::array{8, 25, 43, 0}[i >> (J % 2 * 2) & 3];
       });
+      const auto magnitude = spmd::looked_up_bytes(magnitudes, code[J / 4] >> (J % 4 / 2 * 4));
+      const auto q8 =
+          spmd::chosen_by_bit<J>(sign, spmd::load<items>(x.negated[J]), spmd::load<items>(x.bytes[J]));
+      sumi = spmd::dot_bytes(sumi, magnitude, q8);
     });
-    const floats first = spmd::bit_cast<float>(sum[0]), second = spmd::bit_cast<float>(sum[1]);
-    const auto sumi = spmd::bit_cast<std::int32_t>(spmd::evens(first, second)) +
-                      spmd::bit_cast<std::int32_t>(spmd::odds(first, second));
     const floats scale = (spmd::convert<float>(spmd::bit_cast<std::int32_t>(aux >> 28)) + 0.5f) *
                          spmd::repeated_half<items>(&record->d) * spmd::load<items>(x.step);
     return scale * spmd::convert<float>(sumi);

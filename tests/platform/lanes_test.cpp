@@ -12,6 +12,7 @@
 
 #include "reference.hpp"
 #include "spmd/spmd.hpp"
+#include "spmd/word_bytes.hpp"
 #include "sycl/sycl.hpp"
 
 namespace {
@@ -280,6 +281,55 @@ TEST(Lanes, SumsOfRowsKeepTheOrder) {
   sum_rows<float>();
   sum_rows<half>();
   sum_rows<bfloat16>();
+}
+
+template <int N>
+void check_word_bytes() {
+  std::mt19937 random(N);
+  std::uint32_t a[N], b[N], weights[N];
+  std::int32_t sum[N];
+  std::uint8_t run[16];
+  for (int l = 0; l < N; ++l) {
+    a[l] = random() & 0x3F3F3F3F;  // two products of 63 and -128 stay below 2^15
+    b[l] = random();
+    weights[l] = random() & 0xFF07FF07;
+    sum[l] = static_cast<std::int32_t>(random() % 1000) - 500;
+  }
+  for (auto& byte : run) byte = static_cast<std::uint8_t>(random());
+  const auto in_words = [](const std::uint32_t* p) { return spmd::load<N>(p); };
+  const auto dots = list(spmd::dot_bytes(spmd::load<N>(sum), in_words(a), in_words(b)));
+  const auto weighted = list(spmd::weighted_dot_bytes(in_words(a), in_words(b), in_words(weights)));
+  const auto bytes = spmd::loaded<spmd::vec<std::uint8_t, 16>>(run);
+  const auto spread =
+      list(spmd::spread_bytes<N>(bytes, [](int l, int j) { return j == 2 ? -1 : (3 * l + j) % 16; }));
+  const auto found = list(spmd::looked_up_bytes(bytes, in_words(b)));
+  const auto chosen = list(spmd::chosen_by_bit<5>(in_words(b), in_words(a), in_words(weights)));
+  const auto repeated = list(spmd::repeated_in_quarters<2>(in_words(b)));
+  for (int l = 0; l < N; ++l) {
+    const auto byte = [l](const std::uint32_t* p, int j) { return static_cast<int>(p[l] >> (8 * j) & 0xFF); };
+    const auto product = [&](int j) { return byte(a, j) * static_cast<std::int8_t>(byte(b, j)); };
+    EXPECT_EQ(dots[l], sum[l] + product(0) + product(1) + product(2) + product(3));
+    EXPECT_EQ(weighted[l], (product(0) + product(1)) * static_cast<std::int16_t>(weights[l]) +
+                               (product(2) + product(3)) * static_cast<std::int16_t>(weights[l] >> 16));
+    for (int j = 0; j < 4; ++j) {
+      const auto at = [j](std::uint32_t word) { return static_cast<int>(word >> (8 * j) & 0xFF); };
+      EXPECT_EQ(at(spread[l]), j == 2 ? 0 : run[(3 * l + j) % 16]);
+      EXPECT_EQ(at(found[l]), run[byte(b, j) & 15]);
+      EXPECT_EQ(at(chosen[l]), byte(b, j) & 32 ? byte(a, j) : byte(weights, j));
+    }
+    EXPECT_EQ(repeated[l], b[l / 4 * 4 + 2]);
+  }
+  const half pair[2] = {half(0.75f), half(-3.0f)};
+  const auto both = spmd::repeated_halves<N>(pair);
+  EXPECT_EQ(list(both[0]), std::vector<float>(N, 0.75f));
+  EXPECT_EQ(list(both[1]), std::vector<float>(N, -3.0f));
+  EXPECT_EQ(list(spmd::repeated_half<N>(pair)), std::vector<float>(N, 0.75f));
+}
+
+TEST(Lanes, BytesOfWords) {
+  check_word_bytes<8>();
+  check_word_bytes<16>();
+  check_word_bytes<32>();
 }
 
 }  // namespace

@@ -68,25 +68,17 @@ template <int N>
       words);
 }
 
-/// The signed bytes of `x`, byte i negated where bit i % 8 of byte at(i) of `bits` is set; at(i) lies within
-/// the same 16 bytes as i. 4 operations.
-template <int N, class At>
-[[gnu::always_inline]] inline lanes<std::uint32_t, N> negated_by_bits(const lanes<std::uint32_t, N>& x,
-                                                                      const lanes<std::uint32_t, N>& bits,
-                                                                      At) {
+/// Byte i of `set` where bit Bit of byte i of `bits` is set, else that of `clear`. 2 operations.
+template <int Bit, int N>
+[[gnu::always_inline]] inline lanes<std::uint32_t, N> chosen_by_bit(const lanes<std::uint32_t, N>& bits,
+                                                                    const lanes<std::uint32_t, N>& set,
+                                                                    const lanes<std::uint32_t, N>& clear) {
   return per_register(
-      []<class V>(V bytes, V from) [[gnu::always_inline]] {
-        constexpr int size = sizeof(V);
-        constexpr auto order = constants<std::int8_t, size>([](int i) { return At{}(i) % 16; });
-        constexpr auto own = constants<std::uint8_t, size>([](int i) { return 1 << i % 8; });
-        // Adding this to 0 or to the own bit gives a positive or a negative byte, and never 0.
-        constexpr auto rest =
-            constants<std::uint8_t, size>([](int i) { return i % 8 == 7 ? 1 : 0x80 - (1 << i % 8); });
-        const auto spread = target::shuffled_bytes(bytes_of<std::uint8_t>(from), order);
-        return reinterpret_cast<V>(
-            target::signed_by(bytes_of<std::int8_t>(bytes), bytes_of<std::int8_t>((spread & own) + rest)));
+      []<class V>(V from, V x, V y) [[gnu::always_inline]] {
+        const auto top = bytes_of<std::int8_t>(from << (7 - Bit));
+        return reinterpret_cast<V>(top < 0 ? bytes_of<std::int8_t>(x) : bytes_of<std::int8_t>(y));
       },
-      x, bits);
+      bits, set, clear);
 }
 
 /// Lane I of each quarter of 128 bits in all lanes of the quarter. 1 shuffle per register.
