@@ -29,7 +29,12 @@ def _sum_tile(inputs: np.ndarray, t: Arithmetic, by_byte: bool) -> np.ndarray:
 
 
 def dot_rows(
-    x: np.ndarray, weight: Weight, t: Arithmetic, group: int, contract: bool = True, by_byte: bool = False
+    x: np.ndarray,
+    weight: Weight,
+    t: Arithmetic,
+    group: int,
+    contract: bool = True,
+    by_byte: bool = False,
 ) -> np.ndarray:
     """The rows of `weight` times x as a work-group of `group` work-items sums them: each takes every group-th tile,
     adds up a tile's products in order, scales that sum into its accumulator; then the tree. `contract` rounds a
@@ -49,7 +54,7 @@ def dot_rows(
     for k in range(1, tile):
         total = add_product(inputs[:, k], values[:, :, k], total)
     d = t.to(weight.scales[:, block, 0])
-    if form.scales == 2:
+    if form.minimum:
         m = t.to(weight.scales[:, block, 1])
         total = add_product(total, d, t.mul(_sum_tile(inputs, t, by_byte), m))
     entries = np.zeros((rows, group), total.dtype)
@@ -63,7 +68,9 @@ def dot_rows(
     return tree(entries, t)
 
 
-def _dot_five_bit_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int, contract: bool) -> np.ndarray:
+def _dot_five_bit_rows(
+    x: np.ndarray, weight: Weight, t: Arithmetic, group: int, contract: bool
+) -> np.ndarray:
     """Work-item l keeps to byte l % 32 of blocks l // 32, l // 32 + group // 32, …: its two products are added first."""
     rows, blocks = len(weight.values), weight.state // 64
     code = weight.decoded().reshape(rows, blocks, 2, 32)
@@ -85,14 +92,20 @@ def _dot_five_bit_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int,
 
 def dense(weight: Weight, t: Arithmetic) -> np.ndarray:
     """The elements as a dense matrix holds them, [rows, state]."""
-    value, d, m = weight.decoded(), weight.per_element(0), weight.per_element(weight.format.scales - 1)
+    value, d, m = (
+        weight.decoded(),
+        weight.per_element(0),
+        weight.per_element(weight.format.scales - 1),
+    )
     qtype = weight.format.qtype
     if not weight.format.reads_scale:
         return t.to(value)
     if qtype == 3:
         return t.add(t.mul(t.to(d), t.to(value)), t.to(m))
-    if qtype in (6, 7, 11):  # in float, then once to T
-        product = np.float32(value) * np.float32(d)
-        # Contracted: the float product is exact in double before the minimum is added.
-        return t.to(np.float32(value * d + m) if qtype == 7 else product)
+    if (
+        qtype == 7
+    ):  # contracted in float: the product is exact in double before the minimum is added
+        return t.to(np.float32(value * d + m))
+    if qtype in (6, 11):  # in float, then once to T
+        return t.to(np.float32(value) * np.float32(d))
     return t.mul(t.to(value), t.to(d))

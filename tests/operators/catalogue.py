@@ -1,0 +1,49 @@
+"""The calls that every target, device class and guard page must get right, and a script that makes them:
+catalogue.py OUT [SUBJECT …].
+
+A case has a name, run(), which gives tensors by part, and check(results, group), which compares arrays of them with
+plain numpy, `group` being the work-group that the linear operators take on the device. Where `any_order` holds, the
+sums need not be the same to the bit on all targets.
+"""
+
+from __future__ import annotations
+
+import sys
+
+import numpy as np
+
+import bmm_cases
+import kv_cases
+import linear_cases
+import linear_routes
+import mlp_cases
+import norm_cases
+import rope_cases
+import rwkv_cases
+
+SUBJECTS = {
+    "linear": linear_cases.CASES,
+    "mlp": mlp_cases.CASES,
+    "norm": norm_cases.CASES,
+    "rope": rope_cases.CASES,
+    "attention": kv_cases.CASES,
+    "rwkv": rwkv_cases.CASES,
+    "bmm": bmm_cases.CASES,
+}
+CASES = [case for cases in SUBJECTS.values() for case in cases]
+
+
+def arrays(case) -> dict[str, np.ndarray]:
+    """What a case gives, in a type of numpy that holds it exactly."""
+    return {part: x.cpu().double().numpy() for part, x in case.run().items()}
+
+
+if __name__ == "__main__":
+    results = {}
+    for subject in sys.argv[2:] or [*SUBJECTS, "routes"]:
+        if subject == "routes":
+            results.update(linear_routes.observations())
+        for case in SUBJECTS.get(subject, []):
+            print(case.name, file=sys.stderr)  # the last one that is named failed
+            results.update((f"{case.name} {part}", x) for part, x in arrays(case).items())
+    np.savez(sys.argv[1], **results)
