@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import time
 from dataclasses import dataclass
+from functools import partial
 from typing import Callable, Iterator
 
 import torch
@@ -12,7 +13,12 @@ import corpus
 import quarn
 from generate import generate
 from model import Decoder
-from packed_models import bytes_of, with_packed_linears, with_packed_mlps
+from packed_models import (
+    bytes_of,
+    sample_importance,
+    with_packed_linears,
+    with_packed_mlps,
+)
 from train import as_tokens, perplexity
 
 HELD_OUT_BYTES = 4097
@@ -46,6 +52,7 @@ def measure(dense: Decoder, dtype: torch.dtype, prompt: str, count: int) -> Iter
     """Rows for every format with all linear layers packed, for gate and up packed alone and multiplied by the fused
     operator, and for the dense model in float.
 
+    A format that takes an importance has a second row, with that of a sample of the training text.
     Perplexity is over the held-out text, the speed that of generating `count` bytes. Packed layers compute in `dtype`.
     """
     weights = _linear_bytes(dense) // 4
@@ -61,8 +68,12 @@ def measure(dense: Decoder, dtype: torch.dtype, prompt: str, count: int) -> Iter
         measured = perplexity(model, held_out, model.config.context)
         return Row(packed, format, size / weights, size, measured, count / seconds)
 
+    importance = sample_importance(dense)
     for name in FORMATS:
         yield row("all", name, lambda: with_packed_linears(dense, name, dtype))
+        if quarn.FORMATS[name].weighted:
+            by_importance = partial(with_packed_linears, dense, name, dtype, importance)
+            yield row("all", f"{name} by importance", by_importance)
     for name in quarn.MLP_FORMATS:
         yield row("gate, up", name, lambda: with_packed_mlps(dense, name, dtype))
     yield row("none", "dense", lambda: dense)

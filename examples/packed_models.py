@@ -3,11 +3,12 @@
 from __future__ import annotations
 
 import copy
-from typing import Callable
+from typing import Callable, Mapping
 
 import torch
 from torch import Tensor, nn
 
+import corpus
 import quarn
 from model import Decoder
 
@@ -17,6 +18,9 @@ DTYPES = {
     "bfloat16": torch.bfloat16,
     "double": torch.float64,
 }
+
+
+SAMPLES = 64
 
 
 class InType(nn.Module):
@@ -39,18 +43,31 @@ def with_packed_mlps(model: Decoder, format: str, dtype: torch.dtype) -> Decoder
     return model
 
 
-def with_packed_linears(model: Decoder, format: str, dtype: torch.dtype) -> Decoder:
+def with_packed_linears(
+    model: Decoder,
+    format: str,
+    dtype: torch.dtype,
+    importance: Mapping[str, Tensor] | None = None,
+) -> Decoder:
     """A copy whose linear layers all have packed weights and compute in `dtype`.
 
-    The head is the embedding's weight and stays dense.
+    importance: what `sample_importance` returns, for the formats that take one. The head is the
+    embedding's weight and stays dense.
     """
     model = copy.deepcopy(model)
+    quarn.pack_model(model, format, importance, progress=False)
     for parent in list(model.modules()):
         for name, child in list(parent.named_children()):
-            if isinstance(child, nn.Linear):
-                packed = quarn.QuantLinear.from_float(child, format)
-                setattr(parent, name, InType(packed, dtype))
+            if isinstance(child, quarn.QuantLinear):
+                setattr(parent, name, InType(child, dtype))
     return model
+
+
+def sample_importance(model: Decoder) -> dict[str, Tensor]:
+    """The mean square of each column of the linear layers' inputs, over text of the training's kind."""
+    context = model.config.context
+    text = torch.frombuffer(bytearray(corpus.train_text()[: SAMPLES * context]), dtype=torch.uint8)
+    return quarn.collect_importance(model, text.long().view(SAMPLES, 1, context))
 
 
 def bytes_of(module: nn.Module, counts: Callable[[str], bool] = lambda name: True) -> int:

@@ -18,6 +18,7 @@ OUTPUT = Path(__file__).resolve().parents[1] / "docs" / "perplexity.png"
 # Where labels stand, in points from theirs, so that formats of the same size stay readable.
 SHIFTS = {"fp4": (-26, 4), "nf4": (-26, -6), "q4_0": (-30, -6), "q8_0": (-30, -2)}
 SHIFTS |= {"fp8_e4m3": (6, -14), "q5_1": (6, -10)}
+SHIFTS |= {"q2_k": (6, -10), "iq2_xxs": (6, -10)}
 
 
 def plot(rows: Sequence[Row], path: Path) -> None:
@@ -34,10 +35,11 @@ def plot(rows: Sequence[Row], path: Path) -> None:
             axes.text(6.2, row.perplexity, "dense, 32 bits", color="grey", va="bottom")
             continue
         bits = 8 * row.bytes_per_weight
-        axes.plot(bits, row.perplexity, "o", color="tab:blue")
+        weighted = row.format.endswith(" by importance")
+        axes.plot(bits, row.perplexity, "o", color="tab:orange" if weighted else "tab:blue")
         shift = SHIFTS.get(row.format, (6, 3))
         axes.annotate(row.format, (bits, row.perplexity), shift, textcoords="offset points")
-    axes.set_xlim(3, 9.6)
+    axes.set_xlim(1.8, 9.6)
     axes.set_xlabel("bits per weight, scales included")
     axes.set_ylabel("perplexity per byte, held-out text")
     axes.set_title("The example decoder with every linear layer packed")

@@ -32,20 +32,15 @@ struct matvec_kernel {
 
   template <class Item>
   void operator()(const Item& item) const {
-    // Assign
+    // Assign; rows past the last one do not exist
     const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * Rows;
     const auto rows =
         static_cast<int>(std::min<std::int64_t>(Rows, static_cast<std::int64_t>(output_size) - row0));
-    const auto blocks_per_row = static_cast<std::int64_t>(state_size) / Format::block;
-    // Walk; rows past the last one do not exist
-    std::array<spmd::varying<T, Item>, Rows> acc;
-    acc.fill(T(0.0f));
-    for (int j = 0; j < rows; ++j) {
-      const packed_row row = zoned_row<Format>(weight, scale_offset, blocks_per_row, row0 + j);
-      acc[j] = walk<1>(item, tiles, 0, static_cast<int>(state_size), row)[0];
-    }
-    // Stage, Tree
-    const auto sum = spmd::tree_sum(item, acc, local.get(item));
+    const auto columns = static_cast<std::int64_t>(state_size);
+    const zoned_weight<Format> packed{weight, scale_offset, columns / Format::block};
+    // Walk, Stage, Tree
+    const auto sum =
+        row_products<1>(item, tiles, 0, columns, packed.template rows<Rows>(row0), local.get(item), rows);
     // Write
     if (item.first() != 0) return;
     for (int j = 0; j < rows; ++j) spmd::store(output + row0 + j, sum[j]);
@@ -88,17 +83,11 @@ struct batch_kernel {
     const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * 2;
     const auto rows =
         static_cast<int>(std::min<std::int64_t>(2, static_cast<std::int64_t>(output_size) - row0));
-    const auto blocks_per_row = static_cast<std::int64_t>(state_size) / Format::block;
-    // Walk
-    std::array<spmd::varying<T, Item>, 2 * Batch> acc;
-    acc.fill(T(0.0f));
-    for (int j = 0; j < rows; ++j) {
-      const packed_row row = zoned_row<Format>(weight, scale_offset, blocks_per_row, row0 + j);
-      const auto sums = walk<Batch>(item, tiles, b0, static_cast<int>(state_size), row);
-      for (int b = 0; b < Batch; ++b) acc[b * 2 + j] = sums[b];
-    }
-    // Stage, Tree
-    const auto sum = spmd::tree_sum(item, acc, local.get(item));
+    const auto columns = static_cast<std::int64_t>(state_size);
+    const zoned_weight<Format> packed{weight, scale_offset, columns / Format::block};
+    // Walk, Stage, Tree
+    const auto sum =
+        row_products<Batch>(item, tiles, b0, columns, packed.template rows<2>(row0), local.get(item), rows);
     // Write
     if (item.first() != 0) return;
     for (int b = 0; b < Batch; ++b) {

@@ -101,13 +101,25 @@ struct packed_row {
   const std::uint8_t* scales;
 };
 
-/// Row `row` of a zoned weight with `blocks_per_row` blocks in a row.
+/// A zoned weight, and the blocks in one of its rows.
 template <class Format>
-[[gnu::always_inline]] inline packed_row zoned_row(const std::uint8_t* weight, std::int32_t scale_offset,
-                                                   std::int64_t blocks_per_row, std::int64_t row) {
-  return {weight + row * blocks_per_row * Format::value_bytes,
-          weight + scale_offset + row * blocks_per_row * Format::scale_bytes};
-}
+struct zoned_weight {
+  const std::uint8_t* bytes;
+  std::int32_t scale_offset;
+  std::int64_t blocks_per_row;
+
+  [[gnu::always_inline]] packed_row row(std::int64_t index) const {
+    return {bytes + index * blocks_per_row * Format::value_bytes,
+            bytes + scale_offset + index * blocks_per_row * Format::scale_bytes};
+  }
+  /// `Count` rows from `first` on.
+  template <int Count>
+  [[gnu::always_inline]] std::array<packed_row, Count> rows(std::int64_t first) const {
+    std::array<packed_row, Count> result;
+    for (int j = 0; j < Count; ++j) result[j] = row(first + j);
+    return result;
+  }
+};
 
 /// Bytes from the start of a zoned weight to its scales, in the 32-bit arithmetic that kernels get it in.
 template <class Format>
@@ -170,6 +182,24 @@ template <int Rows, class Format, class T, class Item>
         });
       });
   return acc;
+}
+
+/// Steps Walk, Stage and Tree of a work-group: weight row j's dot product with activation row b0 + b as entry
+/// b * Rows + j, for work-item 0. Only the first `live` rows exist. `local` holds Rows * Batch * group size
+/// elements.
+template <int Batch, class Format, class T, std::size_t Rows, class Item>
+[[gnu::always_inline]] inline std::array<T, Rows * Batch> row_products(
+    const Item& item, const activation_tiles<Format, T>& input, int b0, std::int64_t state_size,
+    const std::array<packed_row, Rows>& rows, T* local, int live = Rows) {
+  // Walk
+  std::array<spmd::varying<T, Item>, Rows * Batch> acc;
+  acc.fill(T(0.0f));
+  for (int j = 0; j < live; ++j) {
+    const auto sums = walk<Batch>(item, input, b0, static_cast<int>(state_size), rows[j]);
+    for (int b = 0; b < Batch; ++b) acc[b * Rows + j] = sums[b];
+  }
+  // Stage, Tree
+  return spmd::tree_sum(item, acc, local);
 }
 
 }  // namespace tolvane

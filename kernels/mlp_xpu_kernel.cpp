@@ -52,16 +52,11 @@ struct mlp_forward_kernel {
   void operator()(const Item& item) const {
     // Assign
     const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * 2;
-    const std::int64_t blocks_per_row = state_size / Format::block;
-    const std::array rows = {zoned_row<Format>(weight_gate, scale_offset, blocks_per_row, row0),
-                             zoned_row<Format>(weight_gate, scale_offset, blocks_per_row, row0 + 1),
-                             zoned_row<Format>(weight_up, scale_offset, blocks_per_row, row0),
-                             zoned_row<Format>(weight_up, scale_offset, blocks_per_row, row0 + 1)};
-    // Walk
-    std::array<spmd::varying<T, Item>, 4> acc;
-    for (int j = 0; j < 4; ++j) acc[j] = walk<1>(item, tiles, 0, static_cast<int>(state_size), rows[j])[0];
-    // Stage, Tree
-    const auto sum = spmd::tree_sum(item, acc, local.get(item));
+    const zoned_weight<Format> gate{weight_gate, scale_offset, state_size / Format::block};
+    const zoned_weight<Format> up{weight_up, scale_offset, state_size / Format::block};
+    const std::array rows = {gate.row(row0), gate.row(row0 + 1), up.row(row0), up.row(row0 + 1)};
+    // Walk, Stage, Tree
+    const auto sum = row_products<1>(item, tiles, 0, state_size, rows, local.get(item));
     // Write
     if (item.first() != 0) return;
     output[row0] = gated(sum[0], sum[2]);

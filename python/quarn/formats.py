@@ -1,25 +1,16 @@
-"""The packed formats: their numbers, and the functions that encode and decode their blocks."""
+"""The packed formats: their numbers, their limits, and how their blocks are decoded."""
 
 from __future__ import annotations
 
+import math
 from dataclasses import dataclass
 from typing import Callable
 
 from torch import Tensor
 
-from .byte_wide import (
-    decode_fp8_e4m3,
-    decode_fp8_e5m2,
-    decode_fp8_e5m2_linear,
-    decode_q8_0,
-    encode_fp8_e4m3,
-    encode_fp8_e5m2,
-    encode_fp8_e5m2_linear,
-    encode_q8_0,
-)
-from .codebooks import decode_fp4, decode_nf3, decode_nf4, encode_fp4, encode_nf3, encode_nf4
-from .five_bit import decode_q5_0, decode_q5_1, encode_q5_0, encode_q5_1
-from .four_bit import decode_q4_0, decode_q4_1, encode_q4_0, encode_q4_1
+from . import decoders
+
+HALF_MAX = 65504.0
 
 
 @dataclass(frozen=True)
@@ -28,8 +19,9 @@ class Format:
 
     The value bytes of all blocks come first, block after block, then the scale bytes of all
     blocks. A format that keeps its scales inside the blocks has `scale_bytes` 0.
-    `encode` turns [blocks, block_elements] of finite float into ([blocks, value_bytes],
-    [blocks, scale_bytes]) of uint8; `decode` is its inverse up to rounding.
+    `decode` turns ([blocks, value_bytes], [blocks, scale_bytes]) of uint8 into [blocks,
+    block_elements] of float. Weights above `limit` in size cannot be packed, for the reason
+    `limited_by`. `weighted` tells whether packing can take an importance of columns.
     """
 
     name: str
@@ -37,8 +29,10 @@ class Format:
     block_elements: int
     value_bytes: int
     scale_bytes: int
-    encode: Callable[[Tensor], tuple[Tensor, Tensor]]
     decode: Callable[[Tensor, Tensor], Tensor]
+    limit: float = math.inf
+    limited_by: str = ""
+    weighted: bool = False
 
     @property
     def block_bytes(self) -> int:
@@ -53,22 +47,28 @@ class Format:
         return output_size * (state_size // self.block_elements) * self.block_bytes
 
 
+BY_SCALE, BY_MINIMUM = "its scale is a half", "its minimum is a half"
+
 # Operators read the bytes of format 19 in two ways: the fused MLP multiplies e5m2 by the block's
 # scale (fp8_e5m2), the linear operators take a value from the byte alone (fp8_e5m2_linear).
 FORMATS: dict[str, Format] = {
     entry.name: entry
     for entry in (
-        Format("q4_0", 2, 64, 32, 2, encode_q4_0, decode_q4_0),
-        Format("q4_1", 3, 64, 32, 4, encode_q4_1, decode_q4_1),
-        Format("q5_0", 6, 64, 44, 0, encode_q5_0, decode_q5_0),
-        Format("q5_1", 7, 64, 44, 0, encode_q5_1, decode_q5_1),
-        Format("q8_0", 8, 64, 64, 4, encode_q8_0, decode_q8_0),
-        Format("nf4", 10, 64, 32, 2, encode_nf4, decode_nf4),
-        Format("nf3", 11, 64, 24, 2, encode_nf3, decode_nf3),
-        Format("fp8_e4m3", 15, 64, 64, 4, encode_fp8_e4m3, decode_fp8_e4m3),
-        Format("fp4", 16, 64, 32, 2, encode_fp4, decode_fp4),
-        Format("fp8_e5m2", 19, 64, 64, 4, encode_fp8_e5m2, decode_fp8_e5m2),
-        Format("fp8_e5m2_linear", 19, 64, 64, 4, encode_fp8_e5m2_linear, decode_fp8_e5m2_linear),
+        Format("q4_0", 2, 64, 32, 2, decoders.q4_0, 8 * HALF_MAX, BY_SCALE),
+        Format("q4_1", 3, 64, 32, 4, decoders.q4_1, HALF_MAX, BY_MINIMUM),
+        Format("q5_0", 6, 64, 44, 0, decoders.q5_0, 16 * HALF_MAX, BY_SCALE),
+        Format("q5_1", 7, 64, 44, 0, decoders.q5_1, HALF_MAX, BY_MINIMUM),
+        Format("q8_0", 8, 64, 64, 4, decoders.q8_0),
+        Format("nf4", 10, 64, 32, 2, decoders.nf4, HALF_MAX, BY_SCALE),
+        Format("nf3", 11, 64, 24, 2, decoders.nf3, HALF_MAX, BY_SCALE),
+        Format("fp8_e4m3", 15, 64, 64, 4, decoders.fp8_e4m3),
+        Format("fp4", 16, 64, 32, 2, decoders.fp4, 6 * HALF_MAX, BY_SCALE),
+        Format("fp8_e5m2", 19, 64, 64, 4, decoders.fp8_e5m2),
+        Format(
+            "fp8_e5m2_linear", 19, 64, 64, 4, decoders.fp8_e5m2_linear, 65536, "it has no scale"
+        ),
+        Format("iq2_xxs", 21, 256, 66, 0, decoders.iq2_xxs, 166 * HALF_MAX, BY_SCALE, True),
+        Format("q2_k", 23, 256, 84, 0, decoders.q2_k, 15 * HALF_MAX, BY_MINIMUM, True),
     )
 }
 

@@ -101,10 +101,16 @@ class QuantLinear(nn.Module):
         self.bias = None if bias is None else nn.Parameter(bias.detach())
 
     @classmethod
-    def from_float(cls, linear: nn.Linear, format: str) -> QuantLinear:
-        """Packs the weight of a dense linear layer on the CPU; its bias is copied."""
+    def from_float(
+        cls,
+        linear: nn.Linear,
+        format: str,
+        importance: Tensor | None = None,
+        progress: Callable[[int], None] | None = None,
+    ) -> QuantLinear:
+        """Packs the weight of a dense linear layer on the CPU, as `pack` does; its bias is copied."""
         bias = None if linear.bias is None else linear.bias.detach().clone()
-        packed = pack(linear.weight, linear_form(format).name)
+        packed = pack(linear.weight, linear_form(format).name, importance, progress)
         return cls(packed, linear.out_features, linear.in_features, format, bias)
 
     def forward(self, x: Tensor) -> Tensor:

@@ -67,7 +67,7 @@ def assert_rounded(actual: Any, exact: Any, dtype: torch.dtype) -> None:
         )
 
 
-@pytest.mark.parametrize("dtype", [torch.float32, torch.int64], ids=str)
+@pytest.mark.parametrize("dtype", [torch.float32, torch.float64, torch.int64], ids=str)
 @pytest.mark.parametrize("op", comparable(OPERATORS))
 def test_values_equal_the_cpus(op: Any, dtype: torch.dtype) -> None:
     compared = 0

@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import numpy as np
 
+import super_blocks
+
 # Value bytes and scale bytes of a block of 64; records have no scale zone.
 SIZES = {
     **{"q4_0": (32, 2), "q4_1": (32, 4), "q5_0": (44, 0), "q5_1": (44, 0), "q8_0": (64, 4)},
@@ -81,6 +83,17 @@ def codes_of(blocks: np.ndarray, element: int, format: str) -> np.ndarray:
 
 def decode(packed: bytes, format: str, state_size: int) -> np.ndarray:
     """[output_size, state_size] in double, element by element."""
+    if format in super_blocks.BYTES:
+        return super_blocks.decode(packed, format, state_size).astype(np.float64)
+    codes, scales = codes_and_scales(packed, format)
+    weight = levels(format)[codes] * scales[:, :1]
+    if format in ("q4_1", "q5_1"):
+        weight += scales[:, 1:]
+    return weight.reshape(-1, state_size)
+
+
+def codes_and_scales(packed: bytes, format: str) -> tuple[np.ndarray, np.ndarray]:
+    """The codes [blocks, 64], and each block's scales in double, 1 where they are not read."""
     value_bytes, scale_bytes = SIZES[format]
     count = len(packed) // (value_bytes + scale_bytes)
     blocks = np.frombuffer(packed[: count * value_bytes], np.uint8).reshape(count, -1)
@@ -89,11 +102,7 @@ def decode(packed: bytes, format: str, state_size: int) -> np.ndarray:
     scales = scales.reshape(count, -1).astype(np.float64)
     if format == "fp8_e5m2_linear":
         scales = np.ones_like(scales)
-    weight = np.stack([levels(format)[codes_of(blocks, e, format)] for e in range(64)], axis=1)
-    weight *= scales[:, :1]
-    if format in ("q4_1", "q5_1"):
-        weight += scales[:, 1:]
-    return weight.reshape(-1, state_size)
+    return np.stack([codes_of(blocks, e, format) for e in range(64)], axis=1), scales
 
 
 def naive_error(weight: np.ndarray, format: str) -> np.ndarray:

@@ -15,6 +15,11 @@ from reference import decode
 
 NAMES = sorted(quarn.MLP_FORMATS)
 LINEAR_NAMES = sorted(name for name in quarn.FORMATS if name != "fp8_e5m2_linear")
+NO_KERNEL_YET = pytest.mark.xfail(strict=True, reason="tolvane has no kernel of this format yet")
+XPU_NAMES = [
+    pytest.param(name, marks=NO_KERNEL_YET if name in ("iq2_xxs", "q2_k") else ())
+    for name in LINEAR_NAMES
+]
 
 
 def small_mlp() -> MLP:
@@ -86,14 +91,14 @@ def test_refused_modules() -> None:
         quarn.QuantMLP(good, good[:-1], small_mlp().down, "q4_0")
 
 
-def small_linear(format: str, bias: bool = True) -> quarn.QuantLinear:
+def small_linear(format: str, bias: bool = True, state: int = 128) -> quarn.QuantLinear:
     torch.manual_seed(0)
-    return quarn.QuantLinear.from_float(nn.Linear(128, 96, bias), format)
+    return quarn.QuantLinear.from_float(nn.Linear(state, 96, bias), format)
 
 
 def expected_linear(module: quarn.QuantLinear, x: torch.Tensor) -> np.ndarray:
     """x @ weight.T + bias in double, from an independent reading of the packed bytes."""
-    weight = decode(module.packed.cpu().numpy().tobytes(), module.format.name, 128)
+    weight = decode(module.packed.cpu().numpy().tobytes(), module.format.name, module.state_size)
     bias = 0 if module.bias is None else module.bias.detach().cpu().double().numpy()
     return x.double().numpy() @ weight.T + bias
 
@@ -101,23 +106,25 @@ def expected_linear(module: quarn.QuantLinear, x: torch.Tensor) -> np.ndarray:
 @pytest.mark.parametrize("bias", [True, False])
 @pytest.mark.parametrize("name", LINEAR_NAMES)
 def test_linear_on_cpu(name: str, bias: bool) -> None:
-    dense = nn.Linear(128, 96, bias)
+    dense = nn.Linear(256, 96, bias)
     module = quarn.QuantLinear.from_float(dense, name)
-    for x in (torch.randn(2, 3, 128), torch.randn(128), torch.randn(0, 128)):
+    for x in (torch.randn(2, 3, 256), torch.randn(256), torch.randn(0, 256)):
         actual = module(x).detach()
-        np.testing.assert_allclose(actual, expected_linear(module, x), atol=2e-6)
-    x = torch.randn(50, 128)
-    assert (module(x) - dense(x)).norm() < 0.2 * dense(x).norm()
+        np.testing.assert_allclose(actual, expected_linear(module, x), atol=3e-6)
+    x = torch.randn(50, 256)
+    bound = {"iq2_xxs": 0.37, "q2_k": 0.27}.get(name, 0.2)
+    assert (module(x) - dense(x)).norm() < bound * dense(x).norm()
 
 
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16, torch.bfloat16])
-@pytest.mark.parametrize("name", LINEAR_NAMES)
+@pytest.mark.parametrize("name", XPU_NAMES)
 def test_linear_on_xpu(name: str, dtype: torch.dtype) -> None:
+    """Of several rows; the weights then enter as they are."""
     tolvane = pytest.importorskip("tolvane")
     if not hasattr(tolvane, "forward_new"):
         pytest.skip("this build of tolvane has no forward_new")
-    module = small_linear(name).to(dtype)
-    x = torch.randn(4, 3, 128).to(dtype)
+    module = small_linear(name, state=256).to(dtype)
+    x = torch.randn(4, 3, 256).to(dtype)
     expected = expected_linear(module, x)
     actual = module.to("xpu")(x.transpose(0, 1).to("xpu")).transpose(0, 1)
     assert actual.device.type == "xpu" and actual.dtype == dtype and actual.shape == (4, 3, 96)
@@ -159,3 +166,117 @@ def test_refused_linears() -> None:
         small_linear("q9")
     with pytest.raises(ValueError, match=r"x must be \[..., 128\], but has shape \[2, 64\]"):
         small_linear("q4_0")(torch.ones(2, 64))
+
+
+def small_embedding() -> tuple[nn.Embedding, quarn.QuantEmbedding, np.ndarray]:
+    """A dense embedding, its packed form, and the table that the packed bytes stand for."""
+    torch.manual_seed(0)
+    dense = nn.Embedding(10, 512, padding_idx=0)
+    module = quarn.QuantEmbedding.from_float(dense)
+    return dense, module, decode(module.packed.numpy().tobytes(), "q2_k", 512)
+
+
+INDICES = [torch.tensor([[5]]), torch.tensor([[0, 9, 3], [3, 3, 0]]), torch.tensor(7).int()]
+INDICES += [torch.zeros(0, 4, dtype=torch.int64), torch.arange(8).view(2, 2, 2).transpose(0, 2)]
+
+
+def test_embedding_on_cpu() -> None:
+    dense, module, table = small_embedding()
+    for indices in INDICES:
+        expected = table.astype(np.float32)[indices.numpy()]
+        np.testing.assert_array_equal(module(indices), expected.reshape(*indices.shape, 512))
+    indices = torch.arange(10)
+    assert (module(indices) - dense(indices)).norm() < 0.27 * dense(indices).norm()
+    assert (module(torch.tensor([0])) == 0).all()
+    half = quarn.QuantEmbedding.from_float(dense.half())
+    assert half(indices).dtype == torch.half and half.float()(indices).dtype == torch.float32
+    assert list(module.state_dict()) == ["packed"]
+
+
+@NO_KERNEL_YET
+def test_embedding_on_xpu() -> None:
+    pytest.importorskip("tolvane")
+    _, module, table = small_embedding()
+    module = module.to("xpu")
+    for indices in INDICES:
+        expected = table.astype(np.float32)[indices.numpy()].reshape(*indices.shape, 512)
+        actual = module(indices.to("xpu"))
+        assert actual.device.type == "xpu"
+        np.testing.assert_array_equal(actual.cpu(), expected)
+
+
+def test_refused_embeddings() -> None:
+    _, module, _ = small_embedding()
+    for bad in (10, -1):
+        with pytest.raises(IndexError, match=f"index {bad} is not in 0 to 9"):
+            module(torch.tensor([3, bad]))
+    with pytest.raises(TypeError, match="torch.float32"):
+        module(torch.ones(1))
+    with pytest.raises(ValueError, match="multiple of 256 for q2_k, but is 64"):
+        quarn.QuantEmbedding.from_float(nn.Embedding(4, 64))
+    with pytest.raises(ValueError, match="max_norm"):
+        quarn.QuantEmbedding.from_float(nn.Embedding(4, 256, max_norm=1.0))
+    with pytest.raises(ValueError, match=r"packed must be 1848 bytes, 11 rows of 512 in q2_k"):
+        quarn.QuantEmbedding(module.packed, 11, 512)
+
+
+class Tied(nn.Module):
+    """A layer under two names, one of its own, and an embedding."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        self.embedding = nn.Embedding(7, 256)
+        self.first = nn.Sequential(nn.Linear(256, 256), nn.ReLU())
+        self.again = self.first[0]
+        self.last = nn.Linear(256, 5, bias=False)
+        self.unused = nn.Linear(256, 3)
+
+    def forward(self, indices: torch.Tensor) -> torch.Tensor:
+        return self.last(self.again(self.first(self.embedding(indices))))
+
+
+def test_importance_is_the_mean_square_of_each_column() -> None:
+    """Over all calls and positions, of both uses of a shared layer, and without a trace in the model."""
+    torch.manual_seed(0)
+    model = Tied()
+    samples = [torch.randint(7, (2, 3)), torch.randint(7, (4,))]
+    importance = quarn.collect_importance(model, samples)
+    assert sorted(importance) == ["first.0", "last"]
+    rows = [model.embedding(sample).reshape(-1, 256) for sample in samples]
+    into_last = torch.cat([model.again(model.first(row)) for row in rows])
+    both = torch.cat([*rows, *(model.first(row) for row in rows)])
+    for name, inputs in (("first.0", both), ("last", into_last)):
+        torch.testing.assert_close(
+            importance[name], inputs.detach().double().square().mean(0).float()
+        )
+    assert not any(module._forward_pre_hooks for module in model.modules())
+    doubled = quarn.collect_importance(model, samples, lambda m, s: m.last(torch.ones(1, 256)))
+    assert list(doubled) == ["last"] and (doubled["last"] == 1).all()
+
+
+def test_pack_model_replaces_layers_and_shows_how_far_it_is(capsys) -> None:
+    torch.manual_seed(0)
+    model = Tied()
+    importance = {"first.0": torch.rand(256), "last": torch.rand(256)}
+    weights = {name: value.clone() for name, value in model.state_dict().items()}
+    kept = model.unused
+
+    def choose(name: str, module: nn.Module) -> str | None:
+        return {"first.0": "iq2_xxs", "last": "q8_0"}.get(name)
+
+    assert quarn.pack_model(model, choose, importance, embeddings=True) is model
+    shown = capsys.readouterr()
+    assert shown.out == "" and "100%  0.1 of 0.1 M weights" in shown.err
+    assert model.first[0] is model.again and model.unused is kept
+    expected = {
+        "embedding": quarn.pack(weights["embedding.weight"], "q2_k"),
+        "again": quarn.pack(weights["again.weight"], "iq2_xxs", importance["first.0"]),
+        "last": quarn.pack(weights["last.weight"], "q8_0"),
+    }
+    for name, packed in expected.items():
+        assert torch.equal(model.get_submodule(name).packed, packed), name
+    assert torch.equal(model.again.bias, weights["again.bias"])
+    alone = quarn.pack_model(nn.Linear(64, 2), "q4_0", progress=False)
+    assert isinstance(alone, quarn.QuantLinear) and capsys.readouterr().err == ""
+    with pytest.raises(ValueError, match="1: state_size must be a positive multiple of 256"):
+        quarn.pack_model(nn.Sequential(nn.ReLU(), nn.Linear(64, 2)), "q2_k", progress=False)

@@ -4,11 +4,13 @@
 #include <c10/core/impl/DeviceGuardImplInterface.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
+#include <torch/csrc/Generator.h>
 
 #include <stdexcept>
 #include <sycl/cpu.hpp>
 #include <sycl/submissions.hpp>
 
+#include "kelvor_xpu/limit_memory.h"
 #include "kelvor_xpu/registered.h"
 #include "kelvor_xpu/xpu.h"
 
@@ -51,6 +53,10 @@ PYBIND11_MODULE(_C, module) {
   module.def("target", sycl::host::chosen_target);
   module.def("registered", kelvor_xpu::registered);
   module.def("hooks_seen", [] { return at::detail::getXPUHooks().hasXPU(); });
+  module.def("limit_memory", kelvor_xpu::limit_memory);
+  module.def("default_generator", [] {
+    return py::reinterpret_steal<py::object>(THPGenerator_Wrap(at::detail::getXPUHooks().getDefaultGenerator()));
+  });
   module.def("submissions", submissions);
   module.def("clear_submissions", sycl::host::clear_submissions);
   module.def("submission_count", sycl::host::submission_count);

@@ -18,9 +18,11 @@ c10::Storage make_storage(std::size_t bytes, c10::DataPtr data, c10::Allocator* 
 /// A CPU storage over the memory of an xpu storage, which it keeps alive. When an operator resizes it, it
 /// gets memory of the CPU's own.
 c10::Storage make_alias(const c10::Storage& xpu) {
-  auto* owner = new c10::Storage(xpu);
   c10::DataPtr data(
-      xpu.data_ptr().get(), owner, [](void* context) { delete static_cast<c10::Storage*>(context); },
+      xpu.data_ptr().get(), c10::Storage(xpu).unsafeReleaseStorageImpl(),
+      [](void* context) {
+        c10::intrusive_ptr<c10::StorageImpl>::reclaim(static_cast<c10::StorageImpl*>(context));
+      },
       c10::Device(c10::DeviceType::CPU));
   return make_storage(xpu.nbytes(), std::move(data), c10::GetCPUAllocator());
 }

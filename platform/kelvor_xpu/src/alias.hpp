@@ -5,8 +5,7 @@
 
 #include <ATen/core/Tensor.h>
 
-#include <utility>
-#include <vector>
+#include <c10/util/SmallVector.h>
 
 namespace kelvor_xpu {
 
@@ -39,8 +38,8 @@ class Aliases {
   c10::Storage storage_to_xpu(const c10::Storage& cpu);
   static void carry_back(StoragePair& pair);
 
-  std::vector<StoragePair> storages_;
-  std::vector<TensorPair> tensors_;
+  c10::SmallVector<StoragePair, 4> storages_;
+  c10::SmallVector<TensorPair, 4> tensors_;
 };
 
 /// True for a defined tensor on the xpu device.

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "kelvor_xpu/limit_memory.h"
 #include "settings.hpp"
 
 namespace kelvor_xpu {
@@ -56,6 +57,9 @@ class Pool {
     const SizeClass wanted = class_of(bytes);
     {
       const std::lock_guard hold(lock_);
+      const auto live = static_cast<std::size_t>(live_.current);
+      TORCH_CHECK_WITH(OutOfMemoryError, bytes <= limit_ && live <= limit_ - bytes, "xpu: out of memory: ", bytes,
+                       " bytes more than the ", live, " in use would exceed the limit of ", limit_);
       if (auto& free = free_[wanted.index]; !free.empty()) {
         Block* block = free.back();
         free.pop_back();
@@ -134,6 +138,11 @@ class Pool {
     for (auto* stat : {&blocks_, &live_, &reserved_}) stat->reset_accumulated();
   }
 
+  void set_limit(std::size_t bytes) {
+    const std::lock_guard hold(lock_);
+    limit_ = bytes;
+  }
+
   void lock() { lock_.lock(); }
   void unlock() { lock_.unlock(); }
 
@@ -176,6 +185,7 @@ class Pool {
   c10::CachingAllocator::Stat reserved_;  // bytes of all memory, in use and free
   std::size_t cached_bytes_ = 0;
   std::size_t given_back_ = 0;
+  std::size_t limit_ = std::numeric_limits<std::size_t>::max();  // of live bytes
 };
 
 /// Never destroyed: tensors may outlive static destructors. The lock is held across fork(), so that the child
@@ -245,6 +255,13 @@ c10::Allocator* device_allocator() {
 c10::Allocator* scratch_allocator() {
   static auto* instance = new ScratchAllocator;
   return instance;
+}
+
+void limit_memory(double fraction) {
+  TORCH_CHECK(fraction >= 0 && fraction <= 1, "The fraction must be between 0 and 1, but it is ", fraction);
+  const double total = static_cast<double>(system_memory().second);
+  pool().set_limit(fraction < 1 ? static_cast<std::size_t>(fraction * total)
+                                : std::numeric_limits<std::size_t>::max());
 }
 
 c10::DataPtr adopt(c10::Storage storage) {

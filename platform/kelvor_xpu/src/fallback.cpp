@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "alias.hpp"
+#include "generator.hpp"
 #include "guard.hpp"
 #include "lifting.hpp"
 #include "operator_traits.hpp"
@@ -28,6 +29,7 @@ class ArgumentConverter {
     }
     if (value.isOptionalTensorList()) return convert_indices(value);
     if (value.isDevice()) return convert(value.toDevice());
+    if (value.isGenerator()) return cpu_generator(value.toGenerator());
     if (value.isStorage() && value.toStorage().device_type() == c10::DeviceType::XPU) {
       return aliases_.alias(value.toStorage());
     }

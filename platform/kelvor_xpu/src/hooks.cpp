@@ -1,11 +1,12 @@
 #include "hooks.hpp"
 
-#include <ATen/CPUGeneratorImpl.h>
-#include <c10/core/CPUAllocator.h>
+#include <ATen/core/CachingHostAllocator.h>
 
 #include <memory>
 
+#include "generator.hpp"
 #include "guard.hpp"
+#include "pinned_memory.hpp"
 
 namespace kelvor_xpu {
 
@@ -24,15 +25,19 @@ c10::DeviceIndex Hooks::maybeExchangeDevice(c10::DeviceIndex index) const {
 }
 
 const at::Generator& Hooks::getDefaultGenerator(c10::DeviceIndex) const {
-  return at::detail::getDefaultCPUGenerator();
+  return default_generator();
 }
 
 at::Generator Hooks::getNewGenerator(c10::DeviceIndex) const {
-  return at::detail::createCPUGenerator();
+  return new_generator();
 }
 
 c10::Allocator* Hooks::getPinnedMemoryAllocator() const {
-  return c10::GetCPUAllocator();
+  return at::getHostAllocator(c10::DeviceType::XPU);
+}
+
+bool Hooks::isPinnedPtr(const void* data) const {
+  return is_pinned(data);
 }
 
 void register_hooks() {

@@ -28,6 +28,7 @@ class Hooks final : public at::XPUHooksInterface {
   const at::Generator& getDefaultGenerator(c10::DeviceIndex index) const override;
   at::Generator getNewGenerator(c10::DeviceIndex index) const override;
   c10::Allocator* getPinnedMemoryAllocator() const override;
+  bool isPinnedPtr(const void* data) const override;
 };
 
 /// Enters the hooks into PyTorch's registry, from which PyTorch takes them at the first question about any xpu

@@ -1,5 +1,6 @@
 #include "lifting.hpp"
 
+#include <ATen/Context.h>
 #include <ATen/EmptyTensor.h>
 #include <ATen/core/Tensor.h>
 #include <ATen/core/stack.h>
@@ -41,9 +42,8 @@ void for_each_tensor(const c10::IValue& value, const Visit& visit) {
 }
 
 /// The one reduced type of the floating-point arguments; none if there are several types. Numbers as tensors
-/// without dimensions do not count, nor, for operators that always lift, do float arguments.
-std::optional<c10::ScalarType> reduced_type(const OperatorTraits& traits,
-                                            c10::ArrayRef<c10::IValue> arguments) {
+/// without dimensions do not count.
+std::optional<c10::ScalarType> reduced_type(c10::ArrayRef<c10::IValue> arguments) {
   std::optional<c10::ScalarType> found;
   bool mixed = false;
   for (const c10::IValue& argument : arguments) {
@@ -51,7 +51,6 @@ std::optional<c10::ScalarType> reduced_type(const OperatorTraits& traits,
       const c10::ScalarType type = tensor.scalar_type();
       if (!c10::isFloatingType(type) && !c10::isComplexType(type)) return;
       if (tensor.unsafeGetTensorImpl()->is_wrapped_number()) return;
-      if (type == at::kFloat && traits.accepts_float) return;
       mixed |= !is_reduced(type) || (found.has_value() && *found != type);
       found = type;
     });
@@ -96,7 +95,6 @@ class LiftedCall {
     for (const Lifted& lifted : lifted_) write_back(lifted);
     const std::size_t results = op.schema().returns().size();
     for (std::size_t i = 0; i < results; ++i) {
-      if (i >= traits_.first_statistic) break;
       c10::IValue& result = (*stack)[stack->size() - results + i];
       result = narrow(result, keep_float);
     }
@@ -195,14 +193,20 @@ class Backup {
 
 }  // namespace
 
+bool cpu_multiplies_bfloat16() {
+  static const bool has_instructions = __builtin_cpu_supports("avx512bf16");
+  return has_instructions && at::globalContext().userEnabledMkldnn();
+}
+
 void call_cpu(const c10::OperatorHandle& op, const OperatorTraits& traits, Stack* stack) {
   const auto arguments = torch::jit::last(*stack, traits.roles.size());
-  const auto reduced = traits.is_view ? std::nullopt : reduced_type(traits, arguments);
+  const auto reduced = traits.is_view ? std::nullopt : reduced_type(arguments);
   if (!reduced) return op.redispatchBoxed(cpu_keys, stack);
 
   std::atomic<bool>& fails = traits.fails_reduced[index_of(*reduced)];
   std::atomic<bool>& works = traits.works_reduced[index_of(*reduced)];
-  if (!traits.always_lift && !fails) {
+  const bool lifts = traits.is_product && !(*reduced == at::kBFloat16 && cpu_multiplies_bfloat16());
+  if (!lifts && !fails) {
     const std::vector<c10::IValue> saved(arguments.begin(), arguments.end());
     const std::size_t below = stack->size() - saved.size();
     std::optional<Backup> backup;

@@ -8,6 +8,7 @@
 #include "alias.hpp"
 #include "allocator.hpp"
 #include "fallback.hpp"
+#include "lifting.hpp"
 #include "linear_kernels.hpp"
 #include "settings.hpp"
 
@@ -31,7 +32,7 @@ bool dense_rows(const at::Tensor& matrix) {
 /// operator.
 bool streams(const at::Tensor& rows, const at::Tensor& weights, const at::Tensor& out) {
   const c10::ScalarType type = rows.scalar_type();
-  if (type != at::kHalf && type != at::kBFloat16) return false;
+  if (type != at::kHalf && (type != at::kBFloat16 || cpu_multiplies_bfloat16())) return false;
   if (!is_reduced_matrix(rows, type) || !is_reduced_matrix(weights, type) || !is_reduced_matrix(out, type)) {
     return false;
   }
@@ -94,7 +95,8 @@ at::Tensor& mm_out(const at::Tensor& self, const at::Tensor& weights, at::Tensor
     call.alpha = 1.0F;
     run(call, self, weights, out);
   } else {
-    fall_back("aten::mm", "out", self, weights, out);
+    static const c10::OperatorHandle op = operator_named("aten::mm", "out");
+    fall_back(op, self, weights, out);
   }
   return out;
 }
@@ -113,7 +115,8 @@ at::Tensor& addmm_out(const at::Tensor& self, const at::Tensor& rows, const at::
     call.addend_column_stride = addend.stride(1);
     run(call, rows, weights, out);
   } else {
-    fall_back("aten::addmm", "out", self, rows, weights, beta, alpha, out);
+    static const c10::OperatorHandle op = operator_named("aten::addmm", "out");
+    fall_back(op, self, rows, weights, beta, alpha, out);
   }
   return out;
 }

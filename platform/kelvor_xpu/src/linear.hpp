@@ -6,8 +6,8 @@
 namespace kelvor_xpu {
 
 /// out = self @ weights, for self [M, K] and weights [K, N]. Up to 256 rows with weights that are the
-/// transpose of a matrix with dense rows take the streaming kernels; all other cases go to the CPU's
-/// operator.
+/// transpose of a matrix with dense rows take the streaming kernels, unless the CPU has instructions for
+/// bfloat16; all other cases go to the CPU's operator.
 at::Tensor& mm_out(const at::Tensor& self, const at::Tensor& weights, at::Tensor& out);
 
 /// out = beta * self + alpha * (rows @ weights), with `self` expandable to [M, N].

@@ -3,6 +3,7 @@
 
 #include <ATen/core/dispatch/Dispatcher.h>
 
+#include <array>
 #include <atomic>
 #include <vector>
 
@@ -18,13 +19,10 @@ enum class Role {
 struct OperatorTraits {
   explicit OperatorTraits(const c10::FunctionSchema& schema);
 
-  std::vector<Role> roles;     ///< one per argument
-  bool writes = false;         ///< there is an `update` or an `output`
-  bool is_view = false;        ///< a result shares memory with an input
-  bool always_lift = false;    ///< reduced types are computed in float without a try
-  bool accepts_float = false;  ///< float arguments may stand beside reduced ones
-  /// Results from this one on are statistics that keep the type in which they were computed.
-  std::size_t first_statistic;
+  std::vector<Role> roles;  ///< one per argument
+  bool writes = false;      ///< there is an `update` or an `output`
+  bool is_view = false;     ///< a result shares memory with an input
+  bool is_product = false;  ///< a product of matrices or a convolution
 
   /// What calls so far have shown of half [0] and bfloat16 [1].
   mutable std::array<std::atomic<bool>, 2> fails_reduced{};

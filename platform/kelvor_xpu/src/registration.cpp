@@ -20,6 +20,8 @@
 #include "hooks.hpp"
 #include "kelvor_xpu/registered.h"
 #include "linear.hpp"
+#include "pinned_memory.hpp"
+#include "pointwise.hpp"
 #include "recurrent_cells.hpp"
 
 namespace kelvor_xpu {
@@ -42,6 +44,7 @@ void register_operators(torch::Library& aten) {
   aten.impl("_local_scalar_dense", TORCH_FN(local_scalar_dense));
   aten.impl("mm.out", TORCH_FN(mm_out));
   aten.impl("addmm.out", TORCH_FN(addmm_out));
+  register_pointwise(aten);
   aten.impl("_thnn_fused_gru_cell", TORCH_FN(gru_cell));
   aten.impl("_thnn_fused_gru_cell_backward", TORCH_FN(gru_cell_backward));
   aten.impl("_thnn_fused_lstm_cell", TORCH_FN(lstm_cell));
@@ -68,6 +71,7 @@ const bool entered = [] {
   c10::impl::DeviceGuardImplRegistrar(c10::DeviceType::XPU, new Guard);
   c10::SetAllocator(c10::DeviceType::XPU, device_allocator());
   register_hooks();
+  register_pinned_memory();
   auto* aten = new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::XPU, __FILE__, __LINE__);
   register_operators(*aten);
   auto* autograd =

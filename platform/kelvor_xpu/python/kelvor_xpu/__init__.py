@@ -9,8 +9,12 @@ from __future__ import annotations
 import os
 from typing import Any, NamedTuple
 
-import torch
-from torch.xpu import (
+import _kelvor_xpu_autoload
+
+_kelvor_xpu_autoload.check()  # before anything that another torch would break
+
+import torch  # noqa: E402
+from torch.xpu import (  # noqa: E402
     empty_cache,
     is_available,
     max_memory_allocated,
@@ -19,7 +23,7 @@ from torch.xpu import (
     reset_peak_memory_stats,
 )
 
-from . import _C, _torch_xpu
+from . import _C, _compile, _torch_xpu  # noqa: E402
 
 __all__ = [
     "Submission",
@@ -87,10 +91,6 @@ def target() -> str:
     return _C.target()
 
 
-def _autoload() -> None:
-    """What ``import torch`` calls, by the entry point in the group torch.backends. Importing has done all."""
-
-
 def _run_serially() -> None:
     """The threads that run the CPU's operators do not survive a fork, and a child would wait for them for ever."""
     torch.set_num_threads(1)
@@ -105,6 +105,7 @@ def _install() -> None:
             "Import kelvor_xpu directly after torch, or install it, so that `import torch` does."
         )
     _torch_xpu.install()
+    _compile.install()
     os.register_at_fork(after_in_child=_run_serially)
 
 

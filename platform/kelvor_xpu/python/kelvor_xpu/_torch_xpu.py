@@ -61,6 +61,23 @@ def _can_device_access_peer(device: int, peer: int) -> bool:
     return False
 
 
+def _is_capturing() -> bool:
+    return False
+
+
+_memory_fraction = 1.0
+
+
+def _get_memory_fraction(index: int) -> float:
+    return _memory_fraction
+
+
+def _set_memory_fraction(fraction: float, index: int) -> None:
+    global _memory_fraction
+    _C.limit_memory(fraction)
+    _memory_fraction = fraction
+
+
 _ACCELERATOR = {
     "_xpu_getDevice": "getDeviceIndex",
     "_xpu_setDevice": "setDeviceIndex",
@@ -86,12 +103,15 @@ def install() -> None:
     torch._C._xpu_getCurrentStream = _get_current_stream
     torch._C._xpu_setStream = _set_stream
     torch._C._xpu_canDeviceAccessPeer = _can_device_access_peer
+    torch._C._xpu_getMemoryFraction = _get_memory_fraction
+    torch._C._xpu_setMemoryFraction = _set_memory_fraction
+    torch.xpu.graphs._xpu_isCurrentStreamCapturing = _is_capturing
     torch.xpu.device_count = _device_count
     torch.xpu.random.device_count = _device_count
     torch.xpu._exchange_device = torch._C._xpu_exchangeDevice
     torch.xpu._maybe_exchange_device = torch._C._xpu_maybeExchangeDevice
     torch.xpu._get_device_properties = _get_device_properties
-    torch.xpu.default_generators = (torch.default_generator,)
+    torch.xpu.default_generators = (_C.default_generator(),)
     for module in (torch.xpu, torch.xpu.streams):
         module.Stream, module.Event = Stream, Event
     torch.xpu._initialized = True
