@@ -60,9 +60,10 @@ def test_routes_shapes_and_forms(results, name):
             if qtype in (6, 7, 11):
                 size, groups = 256, -(-output * 64 // (4 if qtype == 11 else 2) // 256)
             else:
-                size, groups = (32 if qtype in (8, 15, 19) else 16) * (
-                    1 if device_class == 0 else 2
-                ), output
+                size, groups = (
+                    (32 if qtype in (8, 15, 19) else 16) * (1 if device_class == 0 else 2),
+                    output,
+                )
             waits = qtype != 7 and not (qtype == 2 and device_class == 0)
             assert shapes == [[groups, size, int(waits)]], call
         elif route == TILED:
@@ -180,9 +181,9 @@ def test_a_gradient_on_every_route(form):
         )
         difference = ((ahead - behind) * factor).sum().item()
         terms = (gradient * direction).abs().sum().item()
-        assert abs((gradient * direction).sum().item() - difference) <= 2.0**-23 * max(
-            terms, 1
-        ), rows
+        assert abs((gradient * direction).sum().item() - difference) <= 2.0**-23 * max(terms, 1), (
+            rows
+        )
 
 
 def test_an_adapter_before_a_packed_weight_learns():

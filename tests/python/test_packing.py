@@ -10,18 +10,11 @@ from hypothesis import strategies as st
 
 import quarn
 import super_blocks
-from reference import (
-    SIZES,
-    codes_and_scales,
-    decode,
-    levels,
-    minifloat_values,
-    naive_error,
-    nearest,
-)
+from packed import PACKED, minifloat_values, random_weight
+from reference import codes_and_scales, decode, levels, naive_error, nearest
 
 EVERY_NAME = sorted(quarn.FORMATS)
-NAMES = sorted(SIZES)
+NAMES = sorted(PACKED)
 
 
 def as_bytes(packed: torch.Tensor) -> bytes:
@@ -110,20 +103,16 @@ def random_bytes(name: str, blocks: int, seed: int = 1) -> bytes:
             halves = generator.uniform(0.5, 1, blocks).astype(np.float16)
             records[:, place : place + 2] = halves[:, None].view(np.uint8)
         return records.tobytes()
-    value_bytes, scale_bytes = SIZES[name]
-    values = generator.integers(0, 256, (blocks, value_bytes), dtype=np.uint8)
-    if name.startswith("fp8_e5m2"):
-        values &= 0xFB  # keep the exponent below that of infinities
+    weight = random_weight(PACKED[name], blocks, 64, seed)
+    weight.scales[:] = generator.uniform(0.5, 1, weight.scales.shape)
+    values = weight.values[:, 0]
+    if name.startswith("fp8_e5m2"):  # keep the exponent below that of infinities
+        values[:] = generator.integers(0, 256, values.shape) & 0xFB
     if name in ("q4_1", "q5_1"):  # elements 0 and 32 get the two ends of the code range
-        values[:, value_bytes - 32] = 0xF0
+        values[:, -32] = 0xF0
         if name == "q5_1":
-            values[:, 4], values[:, 8] = values[:, 4] & 0xFE, values[:, 8] | 1
-    kind = np.float32 if value_bytes == 64 else np.float16
-    scales = generator.uniform(0.5, 1, (blocks, 2)).astype(kind)
-    if value_bytes == 44:
-        values[:, :4] = scales.view(np.uint8)
-        return values.tobytes()
-    return values.tobytes() + scales[:, : scale_bytes // kind().itemsize].tobytes()
+            values[:, 0], values[:, 4] = values[:, 0] & 0xFE, values[:, 4] | 1
+    return weight.bytes.tobytes()
 
 
 @pytest.mark.parametrize("name", EVERY_NAME)
