@@ -6,16 +6,14 @@ from dataclasses import dataclass
 
 import numpy as np
 import torch
+import tolvane
+
+from cases import Case, Results
 
 
 @dataclass(frozen=True)
-class Case:
+class Bmm(Case):
     shape: tuple[int, int, int, int]  # batch, M, N, P
-    any_order = False
-
-    @property
-    def name(self) -> str:
-        return f"bmm-{self.shape}"
 
     def factors(self) -> list[np.ndarray]:
         batch, m, n, p = self.shape
@@ -25,22 +23,20 @@ class Case:
         ]
 
     def run(self) -> dict[str, torch.Tensor]:
-        import tolvane
-
         batch, m, _, p = self.shape
         c = torch.full((batch, m, p), torch.nan, device="xpu")
         out = tolvane.bmm(*(torch.from_numpy(x).to("xpu") for x in self.factors()), c)
         assert out.data_ptr() == c.data_ptr() and out.shape == c.shape
         return {"out": c}
 
-    def check(self, results: dict[str, np.ndarray], group: int = 32) -> None:
+    def check(self, results: Results, group: int = 32) -> None:
         a, b = (x.astype(np.float64) for x in self.factors())
         bound = self.shape[2] * 2.0**-23 * (np.abs(a) @ np.abs(b)) + 1e-30
         assert np.all(np.abs(results["out"] - a @ b) <= bound)
 
 
 CASES = [
-    Case(shape)
+    Bmm(shape)
     for shape in (
         *(
             (1, 1, 1, 1),

@@ -1,9 +1,5 @@
 """The calls that every target, device class and guard page must get right, and a script that makes them:
 catalogue.py OUT [SUBJECT …].
-
-A case has a name, run(), which gives tensors by part, and check(results, group), which compares arrays of them with
-plain numpy, `group` being the work-group that the linear operators take on the device. Where `any_order` holds, the
-sums need not be the same to the bit on all targets.
 """
 
 from __future__ import annotations
@@ -33,11 +29,6 @@ SUBJECTS = {
 CASES = [case for cases in SUBJECTS.values() for case in cases]
 
 
-def arrays(case) -> dict[str, np.ndarray]:
-    """What a case gives, in a type of numpy that holds it exactly."""
-    return {part: x.cpu().double().numpy() for part, x in case.run().items()}
-
-
 if __name__ == "__main__":
     results = {}
     for subject in sys.argv[2:] or [*SUBJECTS, "routes"]:
@@ -45,5 +36,5 @@ if __name__ == "__main__":
             results.update(linear_routes.observations())
         for case in SUBJECTS.get(subject, []):
             print(case.name, file=sys.stderr)  # the last one that is named failed
-            results.update((f"{case.name} {part}", x) for part, x in arrays(case).items())
+            results.update((f"{case.name} {part}", x) for part, x in case.arrays().items())
     np.savez(sys.argv[1], **results)

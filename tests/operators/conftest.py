@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import importlib.util
 import os
 import subprocess
 import sys
@@ -14,6 +15,8 @@ import pytest
 
 HERE = Path(__file__).resolve().parent
 sys.path[:0] = [str(HERE)]
+# These tests are of the native module.
+collect_ignore_glob = [] if importlib.util.find_spec("tolvane") else ["test_*.py"]
 Arrays = dict[str, np.ndarray]
 
 

@@ -6,8 +6,10 @@ from dataclasses import dataclass
 
 import numpy as np
 import torch
+import tolvane
 
 import arithmetic
+from cases import Case, Results
 from packed import FORMATS
 
 
@@ -28,7 +30,7 @@ def lane_sums(products: np.ndarray, t: arithmetic.Arithmetic) -> np.ndarray:
 
 
 @dataclass(frozen=True)
-class Case:
+class Attention(Case):
     """`spare` positions and one spare head and batch entry lie behind those that are used: strides are not shapes'."""
 
     type: str
@@ -39,11 +41,6 @@ class Case:
     head_dim: int = 128
     spare: int = 0
     nans: bool = False
-    any_order = False
-
-    @property
-    def name(self) -> str:
-        return "-".join(("attention", *map(str, vars(self).values())))
 
     def data(self) -> dict[str, tuple[np.ndarray, np.ndarray]]:
         """Of each product the activations and the cache bytes, with spare room behind; values that every element type
@@ -79,10 +76,8 @@ class Case:
         return (x, w[:, :, used]) if name == "scores" else (x[..., used], w[..., used])
 
     def run(self) -> dict[str, torch.Tensor]:
-        import tolvane
-
         operators = {"scores": tolvane.query_key_fp8_matmul, "mixed": tolvane.attn_value_fp8_matmul}
-        results, dtype = {}, getattr(torch, self.type)
+        results, dtype = {}, self.dtype
         for name, (x, w) in self.data().items():
             x, w = self.used(
                 name, torch.from_numpy(x).to("xpu", dtype), torch.from_numpy(w).to("xpu")
@@ -96,8 +91,8 @@ class Case:
         return results
 
     @np.errstate(over="ignore", invalid="ignore")
-    def check(self, results: dict[str, np.ndarray], group: int = 32) -> None:
-        t = arithmetic.ALL[self.type]
+    def check(self, results: Results, group: int = 32) -> None:
+        t = self.t
         for name, pair in self.data().items():
             x, w = self.used(name, *pair)
             w = FORMATS["fp8_e5m2"].levels[np.repeat(w, self.heads // self.kv_heads, axis=1)]
@@ -112,7 +107,7 @@ class Case:
 
 
 CASES = [
-    Case(dtype, *sizes, **more)
+    Attention(dtype, *sizes, **more)
     for dtype in ("float32", "float16", "bfloat16")
     for sizes, more in (
         *(((1, 2, 2, length), {}) for length in (0, 1, 31, 32, 33, 1000)),

@@ -6,75 +6,53 @@ import os
 from unittest import mock
 
 import numpy as np
+import kelvor_xpu
 import torch
+import tolvane
 
 from packed import BLOCK_BYTES, FORMATS, random_weight
 
-NO_ENGINE = {"QUARN_LLM_SYSARR_DISABLED": "1"}
-
-# (qtype, rows, output_size, size_hint, environment), and the routes by device class 0 to 5: summit, vela_a, ridge, other, vela, igx.
-ONE, FEW, DENSE, ENGINE, TILED = "one", "few", "dense", "engine", "tiled"
+ONE, FEW, DENSE, ENGINE, TILED = "1", "few", "dense", "engine", "tiled"
+LETTERS = {route[0]: route for route in (ONE, FEW, DENSE, ENGINE, TILED)}
+NO_ENGINE, EMPTY = {"QUARN_LLM_SYSARR_DISABLED": "1"}, {"QUARN_LLM_SYSARR_DISABLED": ""}
+# (qtype, rows, output_size, size_hint, environment), and the routes' first letters on the device classes 0 to 5: Summit,
+# Vela A, Ridge, others, Vela, IGX.
 CALLS = [
-    ((2, 1, 4096, 0, {}), [ONE] * 6),
-    ((2, 2, 4096, 0, {}), [ENGINE, ENGINE, FEW, FEW, FEW, FEW]),
-    ((2, 8, 4096, 0, NO_ENGINE), [DENSE, FEW, FEW, FEW, FEW, FEW]),
-    ((2, 8, 4104, 0, {}), [DENSE, FEW, FEW, FEW, FEW, FEW]),
-    ((2, 16, 64, 0, {}), [ENGINE, ENGINE, FEW, FEW, FEW, FEW]),
-    ((2, 17, 64, 0, {}), [DENSE, ENGINE, FEW, FEW, FEW, FEW]),
-    ((2, 20, 64, 0, NO_ENGINE), [DENSE, FEW, FEW, FEW, FEW, FEW]),
-    ((2, 21, 64, 0, NO_ENGINE), [DENSE] * 6),
-    ((2, 64, 64, 0, {}), [DENSE, ENGINE, DENSE, DENSE, DENSE, DENSE]),
-    ((2, 65, 64, 0, {}), [DENSE] * 6),
-    ((2, 100, 50000, 4096, {}), [DENSE] * 6),
-    ((2, 100, 50001, 128, {}), [DENSE] * 6),
-    ((2, 100, 50001, 129, {}), [DENSE, DENSE, DENSE, DENSE, TILED, DENSE]),
-    (
-        (2, 21, 101, 129, {"TILE_THRESHOLD": "100", "TILE_SIZE": "40"}),
-        [DENSE, DENSE, DENSE, DENSE, TILED, DENSE],
-    ),
-    ((2, 21, 101, 129, {"TILE_THRESHOLD": "101"}), [DENSE] * 6),
-    (
-        (2, 21, 101, 129, {"TILE_THRESHOLD": "-5 rows", "TILE_SIZE": "60"}),
-        [DENSE] * 4 + [TILED, DENSE],
-    ),
-    ((2, 20, 101, 129, {"TILE_THRESHOLD": "100"}), [DENSE, FEW, FEW, FEW, FEW, FEW]),
-    ((3, 8, 64, 0, {}), [FEW] * 6),
-    ((3, 20, 64, 0, {}), [FEW] * 6),
-    ((3, 21, 64, 0, {}), [DENSE] * 6),
-    ((10, 14, 64, 0, {}), [FEW] * 6),
-    ((10, 15, 64, 0, {}), [DENSE] * 6),
-    *[((qtype, 1, 64, 0, {}), [ONE] * 6) for qtype in (3, 6, 7, 8, 10, 11, 15, 16, 19)],
-    *[((qtype, 2, 64, 0, {}), [DENSE] * 6) for qtype in (6, 7, 11, 16)],
-    *[
-        ((qtype, 2, 64, 0, {}), [ENGINE, ENGINE, DENSE, DENSE, DENSE, DENSE])
-        for qtype in (8, 15, 19)
-    ],
-    *[((qtype, 2, 63, 0, {}), [DENSE] * 6) for qtype in (8, 15, 19)],
-    *[
-        ((qtype, 16, 64, 0, {}), [ENGINE, ENGINE, DENSE, DENSE, DENSE, DENSE])
-        for qtype in (8, 15, 19)
-    ],
-    *[
-        ((qtype, 17, 64, 0, {}), [DENSE, ENGINE, DENSE, DENSE, DENSE, DENSE])
-        for qtype in (8, 15, 19)
-    ],
-    *[((qtype, 65, 64, 0, {}), [DENSE] * 6) for qtype in (8, 15, 19)],
-    (
-        (2, 64, 64, 0, {"QUARN_LLM_SYSARR_DISABLED": ""}),
-        [DENSE, ENGINE, DENSE, DENSE, DENSE, DENSE],
-    ),
+    ((2, 1, 4096, 0, {}), "111111"),
+    ((2, 2, 4096, 0, {}), "eeffff"),
+    ((2, 8, 4096, 0, NO_ENGINE), "dfffff"),
+    ((2, 8, 4104, 0, {}), "dfffff"),
+    ((2, 16, 64, 0, {}), "eeffff"),
+    ((2, 17, 64, 0, {}), "deffff"),
+    ((2, 20, 64, 0, NO_ENGINE), "dfffff"),
+    ((2, 21, 64, 0, NO_ENGINE), "dddddd"),
+    ((2, 64, 64, 0, {}), "dedddd"),
+    ((2, 64, 64, 0, EMPTY), "dedddd"),
+    ((2, 65, 64, 0, {}), "dddddd"),
+    ((2, 100, 50000, 4096, {}), "dddddd"),
+    ((2, 100, 50001, 128, {}), "dddddd"),
+    ((2, 100, 50001, 129, {}), "ddddtd"),
+    ((2, 21, 101, 129, {"TILE_THRESHOLD": "100", "TILE_SIZE": "40"}), "ddddtd"),
+    ((2, 21, 101, 129, {"TILE_THRESHOLD": "101"}), "dddddd"),
+    ((2, 21, 101, 129, {"TILE_THRESHOLD": "-5 rows", "TILE_SIZE": "60"}), "ddddtd"),
+    ((2, 20, 101, 129, {"TILE_THRESHOLD": "100"}), "dfffff"),
+    *(((3, rows, 64, 0, {}), "ffffff") for rows in (8, 20)),
+    ((3, 21, 64, 0, {}), "dddddd"),
+    ((10, 14, 64, 0, {}), "ffffff"),
+    ((10, 15, 64, 0, {}), "dddddd"),
+    *(((qtype, 1, 64, 0, {}), "111111") for qtype in (3, 6, 7, 8, 10, 11, 15, 16, 19)),
+    *(((qtype, 2, 64, 0, {}), "dddddd") for qtype in (6, 7, 11, 16)),
 ]
-
-
+for qtype in (8, 15, 19):
+    CALLS += [((qtype, rows, 64, 0, {}), "eedddd") for rows in (2, 16)]
+    CALLS += [((qtype, 17, 64, 0, {}), "dedddd")]
+    CALLS += [((qtype, *sizes, 0, {}), "dddddd") for sizes in ((2, 63), (65, 64))]
 ROWS, OUTPUT, STATE = 30, 101, 128
 TILE_SIZES = ("40", "1000", "101", "40-rows", "0", "-0", " -40")
 
 
 def observed(qtype: int, rows: int, output: int, hint: int) -> tuple[str, list[list[int]]]:
     """The route, and of every submission the groups, the group's size and whether the host waited for it."""
-    import kelvor_xpu
-    import tolvane
-
     x = torch.ones(rows, 64, device="xpu")
     weight = torch.zeros(output * BLOCK_BYTES[qtype], dtype=torch.uint8, device="xpu")
     kelvor_xpu.clear_submissions()
@@ -94,9 +72,6 @@ def observed(qtype: int, rows: int, output: int, hint: int) -> tuple[str, list[l
 
 def sliced(x: torch.Tensor, weight: torch.Tensor) -> tuple[np.ndarray, int] | tuple[str, int]:
     """The result with slices, where the class makes them, or the error; and the peak of memory beyond what was there."""
-    import kelvor_xpu
-    import tolvane
-
     kelvor_xpu.reset_peak_memory_stats()
     before = kelvor_xpu.memory_allocated()
     try:
@@ -108,8 +83,6 @@ def sliced(x: torch.Tensor, weight: torch.Tensor) -> tuple[np.ndarray, int] | tu
 
 def observations() -> dict[str, np.ndarray]:
     """Of every call the route and the shapes; of one layer the dense result, and for every TILE_SIZE the sliced one."""
-    import tolvane
-
     results = {}
     for i, (call, _) in enumerate(CALLS):
         with mock.patch.dict(os.environ, call[4]):

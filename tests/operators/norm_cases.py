@@ -7,9 +7,10 @@ from typing import Optional
 
 import numpy as np
 import torch
+import tolvane
 
 import arithmetic
-from linear_cases import TYPES
+from cases import TYPES, Case, Results, numbers
 
 OPERATORS = ("fused_rms_norm", "fused_layer_norm")
 FLOAT_UNIT = 2.0**-24
@@ -61,46 +62,37 @@ def check_norm(
     assert np.all(np.abs(result - value) <= bound), np.max(np.abs(result - value) - bound)
 
 
-def numbers(tensor: torch.Tensor | None) -> Array:
-    return None if tensor is None else tensor.cpu().double().numpy()
-
-
 @dataclass(frozen=True)
-class Case:
+class Norm(Case):
     operator: str
     type: str
     rows: int
     n: int
     weight: bool = False
     bias: bool = False
-    any_order = False
-
-    @property
-    def name(self) -> str:
-        return "-".join(map(str, vars(self).values()))
 
     def tensors(self) -> list[torch.Tensor | None]:
-        """Input, weight and bias on the CPU, of the case's type."""
+        """Input, weight and bias, of the case's type."""
         random = np.random.default_rng(self.n)
         made = [random.standard_normal(s) * 2 + 0.5 for s in ((self.rows, self.n), self.n, self.n)]
-        tensors = [torch.from_numpy(x).to(getattr(torch, self.type)) for x in made]
-        return [x if used else None for x, used in zip(tensors, (True, self.weight, self.bias))]
+        used = (True, self.weight, self.bias)
+        return [
+            torch.from_numpy(x).to("xpu", self.dtype) if u else None for x, u in zip(made, used)
+        ]
 
     def run(self) -> dict[str, torch.Tensor]:
-        import tolvane
-
-        x, *rest = (None if x is None else x.to("xpu") for x in self.tensors())
+        x, *rest = self.tensors()
         return {"out": getattr(tolvane, self.operator)(x, (self.n,), *rest, 1e-5)}
 
-    def check(self, results: dict[str, np.ndarray], group: int = 32) -> None:
+    def check(self, results: Results, group: int = 32) -> None:
         assert results["out"].shape == (self.rows, self.n)
         check_norm(results["out"], *map(numbers, self.tensors()), "rms" in self.operator, self.type)
 
 
-def cases(sizes: tuple[int, ...], rows: tuple[int, ...]) -> list[Case]:
+def cases(sizes: tuple[int, ...], rows: tuple[int, ...]) -> list[Norm]:
     """Both operators in all types; weight and bias come and go with the size."""
     return [
-        Case(operator, dtype, m, n, n % 2 == 0, n % 3 != 0)
+        Norm(operator, dtype, m, n, n % 2 == 0, n % 3 != 0)
         for operator in OPERATORS
         for dtype in TYPES
         for n in sizes

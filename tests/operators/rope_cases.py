@@ -6,16 +6,13 @@ from dataclasses import dataclass
 
 import numpy as np
 import torch
+import tolvane
 
 import arithmetic
-from linear_cases import TYPES
+from cases import TYPES, Case, Results, numbers
 
 FLOAT_UNIT = 2.0**-24
 SIZES = (2, 6, 8, 40, 64, 66, 128, 256)
-
-
-def numbers(tensor: torch.Tensor) -> np.ndarray:
-    return tensor.cpu().double().numpy()
 
 
 def check_turned(
@@ -56,55 +53,40 @@ def check_positions(
 
 
 @dataclass(frozen=True)
-class Case:
+class Rotary(Case):
     type: str
     size: int
     batch: int = 2
     q_heads: int = 4
     tokens: int = 3
-    any_order = False
-
-    @property
-    def name(self) -> str:
-        return f"rope-{self.type}-{self.size}"
 
     def tensors(self) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
-        """q, k and position_ids, on the CPU."""
+        """q, k and position_ids."""
         random = np.random.default_rng(self.size)
         shapes = [(self.batch, heads, self.tokens, self.size) for heads in (self.q_heads, 1)]
-        q, k = (
-            torch.from_numpy(random.standard_normal(s)).to(getattr(torch, self.type))
-            for s in shapes
-        )
-        return q, k, torch.from_numpy(random.integers(0, 131072, (self.batch, self.tokens)))
+        q, k = (torch.from_numpy(random.standard_normal(s)).to("xpu", self.dtype) for s in shapes)
+        positions = torch.from_numpy(random.integers(0, 131072, (self.batch, self.tokens)))
+        return q, k, positions.to("xpu")
 
-    def tables(self) -> tuple[torch.Tensor, torch.Tensor]:
+    def tables(self) -> list[torch.Tensor]:
         """Sines and cosines [1, 1, tokens, size] of random angles; of the second halves, which nothing reads, too."""
-        random = np.random.default_rng(5)
-        angle = torch.from_numpy(random.uniform(-3, 3, (1, 1, self.tokens, self.size)))
-        return angle.sin().to(getattr(torch, self.type)), angle.cos().to(getattr(torch, self.type))
+        angle = np.random.default_rng(5).uniform(-3, 3, (1, 1, self.tokens, self.size))
+        return [torch.from_numpy(f(angle)).to("xpu", self.dtype) for f in (np.sin, np.cos)]
 
     def run(self) -> dict[str, torch.Tensor]:
-        import tolvane
-
-        q, k, positions = (x.to("xpu") for x in self.tensors())
-        sine, cosine = (x.to("xpu") for x in self.tables())
-        results = {
-            f"{kind} {which}": torch.full_like(x, 7)
-            for kind in ("position", "tables")
-            for which, x in (("q", q), ("k", k))
-        }
-        a, b, c, d = results.values()
-        assert tolvane.apply_rotary_embedding_half_q_and_k(q, k, positions, a, b) is None
-        tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(q, k, sine, cosine, c, d)
-        return results
-
-    def check(self, results: dict[str, np.ndarray], group: int = 32) -> None:
         q, k, positions = self.tensors()
-        sine, cosine = (numbers(table)[..., : self.size // 2] for table in self.tables())
+        by_position, by_tables = ([torch.full_like(x, 7) for x in (q, k)] for _ in range(2))
+        rotate = tolvane.apply_rotary_embedding_half_q_and_k
+        assert rotate(q, k, positions, *by_position) is None
+        tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(q, k, *self.tables(), *by_tables)
+        return dict(zip(("q", "k", "table q", "table k"), by_position + by_tables))
+
+    def check(self, results: Results, group: int = 32) -> None:
+        q, k, positions = self.tensors()
+        tables = [numbers(table)[..., : self.size // 2] for table in self.tables()]
         for which, x in (("q", q), ("k", k)):
-            check_positions(results[f"position {which}"], x, positions, self.type)
-            check_turned(results[f"tables {which}"], numbers(x), sine, cosine, self.type)
+            check_positions(results[which], x, positions, self.type)
+            check_turned(results[f"table {which}"], numbers(x), *tables, self.type)
 
 
-CASES = [Case(dtype, size) for dtype in TYPES for size in SIZES]
+CASES = [Rotary(dtype, size) for dtype in TYPES for size in SIZES]

@@ -7,12 +7,11 @@ import inspect
 from pathlib import Path
 
 import pytest
+import kelvor_xpu
+import tolvane
 import torch
 
-tolvane = pytest.importorskip("tolvane")
-kelvor_xpu = pytest.importorskip("kelvor_xpu")
-
-from sample_calls import Call, sample_calls  # noqa: E402
+from sample_calls import Call, sample_calls
 
 HERE = Path(__file__).resolve().parent
 CALLS = sample_calls()

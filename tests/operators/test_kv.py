@@ -3,12 +3,11 @@
 from __future__ import annotations
 
 import pytest
+import tolvane
 import torch
 
-tolvane = pytest.importorskip("tolvane")
-
-from quarn.fp8_cache import FP8Cache, decode_fp8, encode_fp8  # noqa: E402
-from sample_calls import sample_calls  # noqa: E402
+from quarn.fp8_cache import FP8Cache, decode_fp8, encode_fp8
+from sample_calls import sample_calls
 
 
 def test_bytes_of_the_cache():

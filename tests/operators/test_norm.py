@@ -4,14 +4,13 @@ from __future__ import annotations
 
 import numpy as np
 import pytest
+import kelvor_xpu
+import tolvane
 import torch
 
-tolvane = pytest.importorskip("tolvane")
-kelvor_xpu = pytest.importorskip("kelvor_xpu")
-
-import arithmetic  # noqa: E402
-from linear_cases import TYPES  # noqa: E402
-from norm_cases import OPERATORS, Case, check_norm, eps_in_kernel, numbers  # noqa: E402
+import arithmetic
+from cases import TYPES, numbers
+from norm_cases import OPERATORS, Norm, check_norm, eps_in_kernel
 
 
 def xpu(values, dtype: str = "float32") -> torch.Tensor:
@@ -22,8 +21,8 @@ def xpu(values, dtype: str = "float32") -> torch.Tensor:
 def test_rows_from_none_to_many_and_a_row_past_the_limit(operator):
     for weight, bias in ((False, False), (True, False), (False, True), (True, True)):
         for rows in (0, 1, 1000):
-            case = Case(operator, "float16", rows, 96, weight, bias)
-            case.check({part: numbers(x) for part, x in case.run().items()})
+            case = Norm(operator, "float16", rows, 96, weight, bias)
+            case.check(case.arrays())
     for type, limit in (
         ("float16", 16384),
         ("bfloat16", 16384),
@@ -31,7 +30,7 @@ def test_rows_from_none_to_many_and_a_row_past_the_limit(operator):
         ("float64", 4096),
     ):
         before = kelvor_xpu.submission_count()
-        refused = Case(operator, type, 2, limit + 1).run()["out"]
+        refused = Norm(operator, type, 2, limit + 1).run()["out"]
         assert (
             refused.shape == (0,)
             and refused.dtype == torch.float32
@@ -41,12 +40,12 @@ def test_rows_from_none_to_many_and_a_row_past_the_limit(operator):
 
 
 def test_geometry_of_rows():
-    # length: (vector width, work-items) with work-groups of up to 1024; no vector divides 4097
-    halves = {32: (1, 32), 33: (1, 64), 512: (1, 512), 1000: (1, 1024), 1024: (1, 1024), 2048: (2, 1024),
-              4096: (4, 1024), 4104: (8, 1024), 16384: (8, 1024), 4097: (1, 1024), 4098: (2, 1024)}  # fmt: skip
-    for n, (vec, items) in halves.items():
+    # Vectors and work-items of rows of halves, with work-groups of up to 1024; no vector divides 4097.
+    lengths = (32, 33, 512, 1000, 1024, 2048, 4096, 4104, 16384, 4097, 4098)
+    vectors = (1, 1, 1, 1, 1, 2, 4, 8, 8, 1, 2)
+    for n, vec, items in zip(lengths, vectors, (32, 64, 512, *[1024] * 8), strict=True):
         kelvor_xpu.clear_submissions()
-        Case("fused_rms_norm", "float16", 2, n).run()
+        Norm("fused_rms_norm", "float16", 2, n).run()
         (record,) = kelvor_xpu.submissions()
         assert "fused_norm_kernel1" in record.kernel and f", {vec}, true>" in record.kernel, n
         assert record.global_size[0] == 2 * items and record.local_size[0] == items, n

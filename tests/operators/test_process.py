@@ -6,8 +6,7 @@ import subprocess
 from pathlib import Path
 
 import pytest
-
-tolvane = pytest.importorskip("tolvane")
+import tolvane
 
 
 def test_without_torch_the_import_says_what_to_do(in_python):

@@ -6,12 +6,11 @@ import inspect
 import re
 
 import pytest
+import kelvor_xpu
+import tolvane
 import torch
 
-tolvane = pytest.importorskip("tolvane")
-kelvor_xpu = pytest.importorskip("kelvor_xpu")
-
-from sample_calls import sample_calls  # noqa: E402
+from sample_calls import sample_calls
 
 
 def z(*shape: int, dtype: torch.dtype = torch.float32, device: str = "xpu") -> torch.Tensor:

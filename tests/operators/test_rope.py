@@ -4,13 +4,13 @@ from __future__ import annotations
 
 import numpy as np
 import pytest
+import kelvor_xpu
+import tolvane
 import torch
 
-tolvane = pytest.importorskip("tolvane")
-kelvor_xpu = pytest.importorskip("kelvor_xpu")
-
-import arithmetic  # noqa: E402
-from rope_cases import TYPES, Case, check_positions, check_turned, numbers  # noqa: E402
+import arithmetic
+from cases import TYPES, numbers
+from rope_cases import Rotary, check_positions, check_turned
 
 both = tolvane.apply_rotary_embedding_half_q_and_k
 one = tolvane.apply_rotary_embedding_half_q_or_k
@@ -19,7 +19,7 @@ cached = tolvane.apply_rotary_embedding_half_q_and_k_cache_freq
 
 @pytest.mark.parametrize("type", TYPES)
 def test_one_tensor_forward_and_back(type):
-    x, _, positions = (t.to("xpu") for t in Case(type, 64).tensors())
+    x, _, positions = Rotary(type, 64).tensors()
     forward, back = torch.empty_like(x), torch.empty_like(x)
     one(x, positions, forward, False)
     check_positions(forward, x, positions, type)
@@ -56,12 +56,11 @@ def layouts(x: torch.Tensor) -> list[torch.Tensor]:
 @pytest.mark.parametrize("size", [6, 64])
 @pytest.mark.parametrize("source", range(6))
 def test_every_layout_of_inputs_and_outputs_and_in_place(type, size, source):
-    case = Case(type, size, batch=2, q_heads=3, tokens=4)
+    case = Rotary(type, size, batch=2, q_heads=3, tokens=4)
     q, k, positions = case.tensors()
-    k = k.to("xpu")
-    sine, cosine = (table.to("xpu") for table in case.tables())
+    sine, cosine = case.tables()
     table = [numbers(t)[..., : size // 2] for t in (sine, cosine)]
-    spread = torch.stack([positions, positions], -1).to("xpu")[..., 0]
+    spread = torch.stack([positions, positions], -1)[..., 0]
     x = layouts(q)[source]
     for out in layouts(q):
         k_out = torch.empty_like(k)
@@ -132,11 +131,11 @@ def test_up_to_twelve_dimensions_that_do_not_join(dims):
 
 
 def test_the_imaginary_part_of_a_conjugate():
-    q, _, positions = Case("float32", 8).tensors()
-    imaginary = torch.complex(q, -q).to("xpu").conj().imag
+    q, _, positions = Rotary("float32", 8).tensors()
+    imaginary = torch.complex(q.cpu(), -q.cpu()).to("xpu").conj().imag
     assert imaginary.is_neg()
-    out = torch.zeros_like(q).to("xpu")
-    one(imaginary, positions.to("xpu"), out, False)
+    out = torch.zeros_like(q)
+    one(imaginary, positions, out, False)
     check_positions(out, q, positions, "float32")
 
 
