@@ -39,7 +39,7 @@ def calls() -> dict[str, Callable[[], object]]:
             made[f"mlp {name} {t}"] = lambda x=x, w=weight(form), q=form.qtype: (
                 tolvane.mlp_forward_xpu(x, w, w, 1, 1024, 256, q)
             )
-        wide, scale = x.expand(64, 1024).contiguous(), x[0]
+        wide, scale = x.expand(2, 1024).contiguous(), x[0]
         made[f"norm {t}"] = lambda x=wide, w=scale: tolvane.fused_layer_norm(x, (1024,), w, w, 1e-5)
         query, keys = zeros(1, 8, 1, 128, dtype=t), zeros(1, 8, 512, 128)
         made[f"scores {t}"] = lambda q=query, k=keys: tolvane.query_key_fp8_matmul(q, k)
@@ -56,7 +56,7 @@ def least_times() -> dict[str, float]:
     times = {}
     for name, call in calls().items():
         times[name] = float("inf")
-        for _ in range(12):
+        for _ in range(10):
             start = time.perf_counter()
             call()
             times[name] = min(times[name], time.perf_counter() - start)
@@ -74,7 +74,7 @@ def test_vectors_pay(in_python):
             )
             for target in (kelvor_xpu.target(), "scalar")
         )
-        slow = {name: scalar[name] / ours[name] for name in ours if scalar[name] < 3 * ours[name]}
+        slow = {name: scalar[name] / ours[name] for name in ours if scalar[name] < 4 * ours[name]}
         if not slow:
             return
     pytest.fail(f"times as fast as the scalar target: {slow}")
