@@ -7,6 +7,8 @@ import torch
 
 from arithmetic import ALL, Arithmetic
 
+# A name of a device of each class, 0 to 5, for KELVOR_XPU_DEVICE_NAME.
+DEVICE_NAMES = ("Rack GPU Summit", "Vela(TM) A", "Rack GPU Ridge", "other", "Vela(TM)", "IGX")
 TYPES = ("float16", "float32", "float64", "bfloat16")
 Results = dict[str, np.ndarray]
 

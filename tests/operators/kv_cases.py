@@ -46,14 +46,10 @@ class Attention(Case):
         """Of each product the activations and the cache bytes, with spare room behind; values that every element type
         can hold."""
         random = np.random.default_rng(self.length + self.heads)
-        b, h, kv, length = (
-            self.batch + 1,
-            self.heads + 1,
-            self.kv_heads + 1,
-            self.length + self.spare,
-        )
-        query = np.round(random.standard_normal((b, h, 1, 128)) * 16) / 16
-        attn = np.round(random.random((b, h, 1, length)) * 128) / 128
+        b, h, kv = self.batch + 1, self.heads + 1, self.kv_heads + 1
+        length = self.length + self.spare
+        query = np.round(random.standard_normal((b, h, 1, 128), np.float32) * 16) / 16
+        attn = np.round(random.random((b, h, 1, length), np.float32) * 128) / 128
 
         def cache(*shape: int) -> np.ndarray:
             magnitude = random.integers(0, 0x60, shape, dtype=np.uint8)
@@ -61,13 +57,8 @@ class Attention(Case):
                 magnitude[..., 5::17] = 0x7C
             return magnitude | random.integers(0, 2, shape, dtype=np.uint8) << 7
 
-        pairs = {
-            "scores": (query, cache(b, kv, length, 128)),
-            "mixed": (attn, cache(b, kv, self.head_dim, length)),
-        }
-        if self.head_dim != 128:
-            del pairs["scores"]
-        return {name: (x.astype(np.float32), w) for name, (x, w) in pairs.items()}
+        scores = {"scores": (query, cache(b, kv, length, 128))} if self.head_dim == 128 else {}
+        return scores | {"mixed": (attn, cache(b, kv, self.head_dim, length))}
 
     def used(self, name: str, x, w) -> tuple:
         """What of the activations and the cache an operator gets."""
@@ -77,17 +68,13 @@ class Attention(Case):
 
     def run(self) -> dict[str, torch.Tensor]:
         operators = {"scores": tolvane.query_key_fp8_matmul, "mixed": tolvane.attn_value_fp8_matmul}
-        results, dtype = {}, self.dtype
+        results = {}
         for name, (x, w) in self.data().items():
-            x, w = self.used(
-                name, torch.from_numpy(x).to("xpu", dtype), torch.from_numpy(w).to("xpu")
-            )
-            results[name] = operators[name](x, w)
+            x, w = torch.from_numpy(x).to("xpu", self.dtype), torch.from_numpy(w).to("xpu")
+            results[name] = operators[name](*self.used(name, x, w))
             size = self.length if name == "scores" else self.head_dim
-            assert (
-                results[name].shape == (self.batch, self.heads, 1, size)
-                and results[name].dtype == dtype
-            )
+            assert results[name].shape == (self.batch, self.heads, 1, size)
+            assert results[name].dtype == self.dtype
         return results
 
     @np.errstate(over="ignore", invalid="ignore")

@@ -10,7 +10,7 @@ import torch
 
 import arithmetic
 import linear_routes as routes
-from device_names import DEVICE_NAMES
+from cases import DEVICE_NAMES
 from linear_cases import BATCH_LIMIT, DEQUANT, Product, weight
 from matvec_reference import dense
 from packed import FORMATS, random_weight

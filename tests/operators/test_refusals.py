@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import inspect
 import re
+from typing import Any
 
 import pytest
 import kelvor_xpu
@@ -21,9 +22,10 @@ def b(*shape: int, device: str = "xpu") -> torch.Tensor:
     return z(*shape, dtype=torch.uint8, device=device)
 
 
-Refusals = list[tuple[dict, str]]
+# By operator: arguments in place of the sample call's, or a function of all of its tensors; and the words.
+REFUSED: dict[str, list[tuple[Any, str]]] = {}
 BLOCKS = "positive multiple of 64"
-LINEAR: Refusals = [
+REFUSED["forward_new"] = [
     ({"input": z(1, 64, device="cpu"), "weights": b(68)[::2]}, "^input must be a XPU tensor"),
     ({"input": z(64, 2).t()}, "^input must be contiguous"),
     ({"weights": b(68)[::2]}, "^weights must be contiguous"),
@@ -33,24 +35,21 @@ LINEAR: Refusals = [
     ({"qtype": 22, "input": z(1, 256)}, "no function for qtype 22"),
     ({"qtype": -2}, "no function for qtype -2"),
     ({"qtype": 1 << 20}, "no function for qtype"),
-    ({"input": z(1, 128), "weights": b(67)}, "hold no row of 128 elements"),
     ({"input": z(1, 0)}, "state_size must be positive"),
     ({"weights": z(64)}, "flat tensor of packed bytes"),
-    ({"input": z(1, 100), "weights": b(340)}, "^100 must be a multiple of 16"),
     ({"input": z(1, 100), "weights": b(680), "qtype": 8}, "^100 must be a multiple of 8"),
     ({"input": z(1, 48), "weights": b(340)}, BLOCKS),
     ({"input": z(1, 96), "weights": b(440), "qtype": 6}, BLOCKS),
-    ({"input": z(30, 100), "weights": b(680), "qtype": 16}, "^100 must be a multiple of 64"),
     ({"input": z(1, 64).int()}, "\"qlinear_forward_xpu\" not implemented for 'Int'"),
 ]
-DEQUANT: Refusals = [
+REFUSED["dequant"] = [
     ({"weight": b(68)[::2]}, "^weight must be contiguous"),
     ({"weight": b(360), "qtype": 3}, "qtype must be 2, 8, 10, 15, 16 or 19, but got 3"),
     ({"input": z(1, 100), "weight": b(340)}, "^100 must be a multiple of 64"),
 ]
 FLAT = "flat tensor of packed bytes"
 LONG = {"input": z(1, 64).long(), "weight_gate": b(4 * 68), "weight_up": b(4 * 68), "qtype": 19}
-MLP: Refusals = [
+REFUSED["mlp_forward_xpu"] = [
     ({"batch_size": 2}, "batch_size == 1"),
     ({"qtype": 3}, r"qtype must be 2 \(q4_0\) or 19 \(fp8_e5m2\), but got 3"),
     ({"qtype": -1}, "qtype must be 2"),
@@ -70,19 +69,17 @@ MLP: Refusals = [
     ({"input": z(1, 64).int()}, "\"mlp_forward_q4_0_xpu_t\" not implemented for 'Int'"),
     (LONG, "\"mlp_forward_fp8_e5m2_xpu_t\" not implemented for 'Long'"),
 ]
-NORM: Refusals = [
+REFUSED["fused_rms_norm"] = [
     ({"input": z(3, 64).int()}, "\"LayerNormKernelImpl\" not implemented for 'Int'"),
     ({"weight": z(64).half()}, "expected scalar type Float but found Half"),
     ({"bias": z(64).double()}, "expected scalar type Float but found Double"),
     ({"weight": z(63)}, "weight must have 64 elements, but has 63"),
     ({"bias": z(65)}, "bias must have 64 elements, but has 65"),
-    (
-        {"normalized_shape": (1, 1, 1)},
-        "normalized_shape may have 2 sizes, as the input has, but has 3",
-    ),
+    ({"normalized_shape": (1,) * 3}, "normalized_shape may have 2 sizes, .* but has 3"),
 ]
+REFUSED["fused_layer_norm"] = REFUSED["fused_rms_norm"]
 BATCHES = "^Input tensors dimensions do not match for batch multiplication"
-BMM: Refusals = [
+REFUSED["bmm"] = [
     ({"B": z(2, 5, 4).transpose(1, 2)}, "B must be contiguous"),
     ({"C": z(2, 5, 3).transpose(1, 2)}, "C must be contiguous"),
     ({"A": z(3, 4)}, "^Input tensors must have 3 dimensions"),
@@ -93,21 +90,19 @@ BMM: Refusals = [
     ({"C": z(2, 3, 5).double()}, "expected scalar type Float but found Double"),
     ({"C": z(2, 3, 4)}, r"C must have at least 2 \* 3 \* 5 elements, but has 24"),
 ]
-RANK, ODD = (
-    "^The dimensions of all tensor should be 4",
-    "^The problem size should be divisible by 2",
-)
+RANK = "^The dimensions of all tensor should be 4"
+ODD = "^The problem size should be divisible by 2"
 X_OUT = r"_out must have the sizes of ., \[1, 2, 2, 8\], but has \[1, 2, 2, 6\]"
 IDS = {"position_ids": z(2).long()}
 MANY_IDS = {"position_ids": z(1, 3).long()}
-ROPE_ONE: Refusals = [
+REFUSED["apply_rotary_embedding_half_q_or_k"] = [
     ({"x": z(3, 2, 8)}, RANK),
     (IDS, "^The dimensions of position_ids should be 2"),
     (MANY_IDS, r"position_ids must be \[1, 2\] or \[1, 2\] for x"),
     ({"x": z(1, 2, 2, 7), "x_out": z(1, 2, 2, 7)}, ODD),
     ({"x_out": z(1, 2, 2, 6)}, "x" + X_OUT),
 ]
-ROPE: Refusals = [
+REFUSED["apply_rotary_embedding_half_q_and_k"] = [
     ({"q": z(3, 2, 8)}, RANK),
     ({"k_out": z(8)}, RANK),
     (IDS, "^The dimensions of position_ids should be 2"),
@@ -122,19 +117,17 @@ ROPE: Refusals = [
     ({"q_out": z(1, 2, 1, 8).expand(1, 2, 2, 8)}, "more than one element of the written-to tensor"),
 ]
 TABLE_SIZE = "^The problem size of all tensor should be equal"
-EVERY_ODD = {"q": z(1, 2, 2, 7), "q_out": z(1, 2, 2, 7)}
-EVERY_ODD |= {name: z(1, 1, 2, 7) for name in ("k", "sin", "cos", "k_out")}
-ROPE_TABLES: Refusals = [
+REFUSED["apply_rotary_embedding_half_q_and_k_cache_freq"] = [
     ({"sin": z(2, 8)}, "^The dimensions of all tensor should be equal"),
     ({"cos": z(1, 1, 2, 4)}, TABLE_SIZE),
     ({"k_out": z(1, 1, 2, 4)}, TABLE_SIZE),
-    (EVERY_ODD, ODD),
+    (lambda x: x[..., :7], ODD),
     ({"sin": z(1, 1, 3, 8)}, r"sin must broadcast to the sizes of q, \[1, 2, 2, 8\], but has"),
     ({"cos": z(1, 2, 2, 8)}, r"cos must broadcast to the sizes of k, \[1, 1, 2, 8\], but has"),
 ]
 HEADS = r"num_heads % num_kv_heads == 0"
 APART = "rows of key must lie 128 bytes apart, but key.stride\\(2\\) is "
-SCORES: Refusals = [
+REFUSED["query_key_fp8_matmul"] = [
     ({"query": z(2, 2, 1, 128)}, r"query.size\(0\) == key.size\(0\).*2 and 1"),
     ({"query": z(1, 2, 1, 64)}, r"query.size\(3\) == key.size\(3\).*64 and 128"),
     ({"query": z(1, 4, 1, 128), "key": b(1, 3, 33, 128)}, HEADS + ".*4 and num_kv_heads 3"),
@@ -150,79 +143,49 @@ SCORES: Refusals = [
     ({"key": b(1, 1, 66, 128)[:, :, ::2]}, APART + "256$"),
     ({"key": b(1, 1, 1, 128).expand(1, 1, 9, 128)}, APART + "0$"),
 ]
-MIXED: Refusals = [
+REFUSED["attn_value_fp8_matmul"] = [
     ({"attn": z(2, 2, 1, 5)}, r"attn.size\(0\) == value.size\(0\)"),
     ({"value": b(1, 1, 12, 6)}, r"attn.size\(3\) == value.size\(3\).*5 and 6"),
     ({"value": b(1, 3, 12, 5)}, HEADS),
     ({"attn": z(1, 2, 2, 5)}, "input_size == 1"),
     ({"value": b(1, 1, 6, 5)}, "head_dim % RS == 0.*got 6"),
 ]
-FOUR = [z(48), z(48), z(1, 3, 48), z(1, 3, 48), z(1, 48), z(1, 48), z(1, 48)]
-V4_NAMES = ("time_decay", "time_first", "key", "value", "num_state", "den_state", "max_state")
-V4: Refusals = [
+HALVES = {"time_decay": z(32).half(), "time_first": z(32).half()}
+REFUSED["rwkv_linear_attention_v4"] = [
     ({"time_decay": z(1, 32)}, r"time_decay.dim\(\) == 1 && time_first.dim\(\) == 1"),
     ({"value": z(1, 32)}, r"key.dim\(\) == 3 && value.dim\(\) == 3"),
+    ({"den_state": z(32)}, r"num_state.dim\(\) == 2 && den_state.dim\(\) == 2 && max_state.dim"),
     (
-        {"den_state": z(32)},
-        r"num_state.dim\(\) == 2 && den_state.dim\(\) == 2 && max_state.dim\(\) == 2",
+        lambda x: x[..., :16].clone(),
+        "hidden_size % GS == 0 is needed, a multiple of 32, but got 16",
     ),
-    (dict(zip(V4_NAMES, FOUR)), "hidden_size % GS == 0 is needed, a multiple of 32, but got 48"),
-    ({"time_decay": z(32).half(), "time_first": z(32).half()}, "^unsupported dtype$"),
+    (HALVES, "^unsupported dtype$"),
     ({"value": z(1, 4, 32)}, r"value must have shape \[1, 3, 32\], but has \[1, 4, 32\]"),
-    (
-        {"max_state": z(1, 32).half()},
-        "max_state must have the element type of key, Float, but has Half",
-    ),
+    ({"max_state": z(1, 32).half()}, "max_state must have the element type of key, Float, but has"),
 ]
-V5: Refusals = [
+REFUSED["rwkv_linear_attention_v5"] = [
     ({"time_first": z(128)}, r"time_decay.dim\(\) == 2 && time_first.dim\(\) == 2"),
     ({"state": z(2, 64, 64)}, r"state.dim\(\) == 4"),
     ({"state": z(1, 2, 64, 64).transpose(2, 3)}, r"state.is_contiguous\(\)"),
-    (
-        {"time_decay": z(2, 32), "time_first": z(2, 32), "state": z(1, 2, 32, 32)}
-        | {name: z(1, 2, 3, 32) for name in ("receptance", "key", "value")},
-        "head_dim == 64 is needed, but got 32",
-    ),
-    (
-        {"receptance": z(1, 3, 2, 64).transpose(1, 2)},
-        "receptance must have the sizes and strides of key",
-    ),
+    (lambda x: x[..., :32].clone(), "head_dim == 64 is needed, but got 32"),
+    ({"receptance": z(1, 3, 2, 64).transpose(1, 2)}, "receptance must have the sizes and strides"),
     ({"time_decay": z(2, 64).half()}, "expected scalar type Float but found Half"),
 ]
-SHIFT: Refusals = [
+REFUSED["rwkv_time_shift"] = [
     ({"mix": z(3, 64)}, r"hidden.dim\(\) == 3 && shifted.dim\(\) == 3 && mix.dim\(\) == 3"),
     ({"mix": z(3, 1, 32)}, r"hidden.size\(2\) == shifted.size\(2\)"),
     ({"shifted": z(1, 2, 128)[..., ::2]}, r"shifted.is_contiguous\(\)"),
     (
-        {"hidden": z(1, 2, 32), "shifted": z(1, 2, 32), "mix": z(3, 1, 32)},
+        lambda x: x[..., :32].clone(),
         "hidden_size % GS == 0 is needed, a multiple of 64, but got 32",
     ),
     ({"mix": z(3, 1, 64).half()}, "^unsupported dtype$"),
-    (
-        {"shifted": z(1, 2, 64).half()},
-        "shifted must have the element type of hidden, Float, but has Half",
-    ),
-    ({name: z(1, 2, 64).double() for name in ("hidden", "shifted")}, "^unsupported dtype$"),
+    ({"shifted": z(1, 2, 64).half()}, "shifted must have the element type of hidden, Float"),
+    (lambda x: x.double(), "^unsupported dtype$"),
     ({"shifted": z(1, 1, 64)}, r"rwkv_time_shift: shifted must have shape \[1, 2, 64\]"),
     ({"shifted": z(0, 2, 64)}, "rwkv_time_shift: shifted must have shape"),
     ({"mix": z(3, 0, 64)}, "rwkv_time_shift: mix must have shape"),
 ]
-REFUSED = {
-    "forward_new": LINEAR,
-    "dequant": DEQUANT,
-    "mlp_forward_xpu": MLP,
-    "fused_rms_norm": NORM,
-    "fused_layer_norm": NORM,
-    "bmm": BMM,
-    "apply_rotary_embedding_half_q_and_k": ROPE,
-    "apply_rotary_embedding_half_q_or_k": ROPE_ONE,
-    "apply_rotary_embedding_half_q_and_k_cache_freq": ROPE_TABLES,
-    "query_key_fp8_matmul": SCORES,
-    "attn_value_fp8_matmul": MIXED,
-    "rwkv_linear_attention_v4": V4,
-    "rwkv_linear_attention_v5": V5,
-    "rwkv_time_shift": SHIFT,
-}
 
 
 @pytest.mark.parametrize(
@@ -234,6 +197,9 @@ def test_refuses_and_submits_nothing(operator, changed, message):
     names = re.findall(r"(\w+): ", inspect.getdoc(call).splitlines()[0])
     sample = sample_calls()[operator].arguments
     arguments = dict(zip(names, sample, strict=True))
+    if callable(changed):
+        tensors = {name: x for name, x in arguments.items() if isinstance(x, torch.Tensor)}
+        changed = {name: changed(x) for name, x in tensors.items()}
     assert changed.keys() <= arguments.keys()
     count, allocated = kelvor_xpu.submission_count(), kelvor_xpu.memory_allocated()
     with pytest.raises(RuntimeError, match=message) as caught:

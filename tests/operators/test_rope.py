@@ -41,14 +41,11 @@ def layouts(x: torch.Tensor) -> list[torch.Tensor]:
     def zeros(*shape: int) -> torch.Tensor:
         return torch.zeros(shape, dtype=x.dtype, device="xpu")
 
-    views = [
-        zeros(*x.shape),
-        zeros(*x.transpose(1, 2).shape).transpose(1, 2),
-        zeros(*x.shape[::-1]).permute(3, 2, 1, 0),
-        zeros(*x.shape[:3], 2 * size + 2)[..., 1 : 2 * size + 1 : 2],
-        zeros(*x.shape[:3], 2 * size + 2)[..., 1 : size + 1],
-        zeros(x.shape[0], 2 * heads, *x.shape[2:])[:, ::2],
-    ]
+    views = [zeros(*x.shape), zeros(*x.transpose(1, 2).shape).transpose(1, 2)]
+    views += [zeros(*x.shape[::-1]).permute(3, 2, 1, 0)]
+    views += [zeros(*x.shape[:3], 2 * size + 2)[..., 1 : 2 * size + 1 : 2]]
+    views += [zeros(*x.shape[:3], 2 * size + 2)[..., 1 : size + 1]]
+    views += [zeros(x.shape[0], 2 * heads, *x.shape[2:])[:, ::2]]
     return [view.copy_(x) for view in views]
 
 
