@@ -126,4 +126,33 @@ void qlinear_xpu_dequantize_kernel_flat(const expansion<T>& range) {
       });
 }
 
+/// Block by block: a work-group expands one, by as many work-items as the format says.
+template <class Format, class T>
+struct block_dequantize_kernel {
+  const std::uint8_t* weight;
+  T* output;
+
+  static constexpr bool waits = false;
+
+  template <class Item>
+  void operator()(const Item& item) const {
+    const auto g = static_cast<std::int64_t>(item.get_group(0));
+    Format::template expand_items<Item::lanes>(weight + g * Format::record_bytes, item.first(),
+                                               output + g * Format::block);
+  }
+};
+
+template <class Format, class T>
+void qlinear_xpu_dequantize_kernel_blocks(const expansion<T>& range) {
+  check_multiple(range.state_size, 64);
+  check_row_length("forward_new", range.state_size, Format::block);
+  const std::int64_t blocks = range.state_size * range.rows / Format::block;
+  if (blocks == 0) return;
+  submit<submission_form::waiting>(range.device, [&](sycl::handler& command) {
+    command.parallel_for(sycl::nd_range<1>(static_cast<std::size_t>(blocks) * Format::expansion_items,
+                                           Format::expansion_items),
+                         block_dequantize_kernel<Format, T>{range.weight, range.output});
+  });
+}
+
 }  // namespace tolvane

@@ -44,6 +44,8 @@ at::Tensor expanded_rows(const at::Tensor& like, const at::Tensor& weight, std::
                              weight.device()};
     if constexpr (requires { Format::flat_elements; }) {
       qlinear_xpu_dequantize_kernel_flat<Format>(range);
+    } else if constexpr (requires { Format::expansion_items; }) {
+      qlinear_xpu_dequantize_kernel_blocks<Format>(range);
     } else {
       constexpr int few = Format::block / Format::value_bytes;
       summit ? qlinear_xpu_dequantize_kernel<Format, 2 * few, Format::plain_expansion_on_summit>(range)
@@ -65,6 +67,11 @@ at::Tensor multiplied(const at::Tensor& input, const at::Tensor& weight, std::in
   });
   return output;
 }
+
+/// One row times a format of super-blocks: the row is quantized, the product is made in integers.
+template <class Format>
+at::Tensor multiplied_in_integers(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
+                                  std::int64_t output_size);
 
 /// The dense route: expands the weight and multiplies by it. Where there are no rows or no outputs, it only
 /// passes the checks of an expansion.
@@ -102,7 +109,9 @@ at::Tensor xpu_forward_new(const at::Tensor& input, const at::Tensor& weight, st
   const auto run = [&](const auto& kernel) {
     return multiplied(input, weight, batch_size, state_size, output_size, kernel);
   };
-  if (batch_size == 1) {
+  if constexpr (Format::quantizes_activations) {
+    if (batch_size == 1) return multiplied_in_integers<Format>(input, weight, state_size, output_size);
+  } else if (batch_size == 1) {
     return run([]<class T>(const T* from, auto... more) {
       qlinear_xpu_kernel<Format, T, wg_size, ROWS>(from, more...);
     });

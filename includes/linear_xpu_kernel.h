@@ -15,11 +15,6 @@ namespace tolvane {
 /// a function here, sizes that are no whole number of blocks, and sizes past 32-bit arithmetic.
 at::Tensor linear_xpu_forward_new(at::Tensor input, at::Tensor weight, int qtype, std::int64_t size_hint);
 
-/// The same, differentiable with respect to `input` where that requires a gradient: the gradient is that of
-/// the result times the expanded weight.
-at::Tensor linear_xpu_forward_differentiable(at::Tensor input, at::Tensor weight, int qtype,
-                                             std::int64_t size_hint);
-
 /// The dense matrix [output_size, state_size] of a packed weight in any format that linear_xpu_forward_new
 /// takes, in the element type of `like`.
 at::Tensor linear_xpu_expanded(const at::Tensor& like, const at::Tensor& weight, int qtype,
@@ -28,6 +23,12 @@ at::Tensor linear_xpu_expanded(const at::Tensor& like, const at::Tensor& weight,
 /// The dense matrix [output_size, state_size] of a packed weight. `input` gives its second size and its
 /// element type.
 at::Tensor xpu_dequant(at::Tensor input, at::Tensor weight, int qtype);
+
+/// Rows of a packed table as floats: [B, L, state_size] for the row numbers `input`, [B, L] of 64-bit
+/// integers. `weight` is packed in q2_k. For any other `qtype` the result is memory that nothing was written
+/// to. Raises c10::Error, before anything is submitted, where state_size is no multiple of 256 and where an
+/// index names no row of the weight.
+at::Tensor xpu_dequantize_rows(at::Tensor input, at::Tensor weight, int qtype, std::int64_t state_size);
 
 /// The matrix engine's route: a few rows, without a dense weight in memory.
 at::Tensor sysarr_forward(at::Tensor input, at::Tensor weight, std::int64_t batch_size,

@@ -27,28 +27,15 @@ namespace {
 
 using forward_table = std::array<forward_fn, qtype_count>;
 
-/// The super-block formats have their rows in the tables, and no kernels yet.
-at::Tensor xpu_forward_iq2_xxs(const at::Tensor&, const at::Tensor&, std::int64_t, std::int64_t, std::int64_t,
-                               std::int64_t) {
-  TORCH_CHECK(false, "forward_new: the format iq2_xxs (qtype 21) has no kernel yet");
-}
-at::Tensor xpu_forward_q2_k(const at::Tensor&, const at::Tensor&, std::int64_t, std::int64_t, std::int64_t,
-                            std::int64_t) {
-  TORCH_CHECK(false, "forward_new: the format q2_k (qtype 23) has no kernel yet");
-}
-
-constexpr forward_table with_super_blocks(forward_table table) {
-  table[21] = xpu_forward_iq2_xxs;
-  table[23] = xpu_forward_q2_k;
-  return table;
-}
-
-constexpr forward_table forward_fns_new_32 = with_super_blocks(by_qtype<forward_fn>(
-    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::on_summit; }));
-constexpr forward_table forward_fns_new = with_super_blocks(by_qtype<forward_fn>(
-    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::elsewhere; }));
-constexpr forward_table forward_fns_new_igx = by_qtype<forward_fn>(
-    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::on_igx; });
+constexpr forward_table forward_fns_new_32 = by_qtype<forward_fn>(
+    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::on_summit; });
+constexpr forward_table forward_fns_new = by_qtype<forward_fn>(
+    []<class Format>(std::type_identity<Format>) { return linear_launchers<Format>::elsewhere; });
+constexpr forward_table forward_fns_new_igx =
+    by_qtype<forward_fn>([]<class Format>(std::type_identity<Format>) -> forward_fn {
+      if constexpr (!Format::forward_on_igx) return nullptr;
+      return linear_launchers<Format>::on_igx;
+    });
 
 /// The expansion of each format that has one.
 constexpr auto expansions = by_qtype<dequantize_fn>(
@@ -118,7 +105,6 @@ at::Tensor linear_xpu_expanded(const at::Tensor& like, const at::Tensor& weight,
 
 at::Tensor xpu_dequant(at::Tensor input, at::Tensor weight, int qtype) {
   TORCH_CHECK(input.dim() >= 2, "dequant: input must have at least 2 dimensions, but has ", input.dim());
-  TORCH_CHECK(qtype != 21, "dequant: the format iq2_xxs (qtype 21) has no kernel yet");
   TORCH_CHECK(qtype >= 0 && qtype < qtype_count && dequant_takes[qtype], "dequant: qtype must be ",
               qtypes_in_words([](int q) { return dequant_takes[q]; }), ", but got ", qtype);
   weight = readable("dequant", "weight", std::move(weight));

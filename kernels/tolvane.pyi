@@ -14,8 +14,9 @@ def forward_new(input: Tensor, weights: Tensor, qtype: int, size_hint: int, /) -
 
     input: [rows, state_size], contiguous; torch.half, float, double or bfloat16.
     weights: flat packed bytes in the format qtype: 2 (q4_0), 3 (q4_1), 6 (q5_0), 7 (q5_1), 8 (q8_0), 10 (nf4),
-        11 (nf3), 15 (fp8_e4m3), 16 (fp4) or 19 (fp8_e5m2, whose scales are not read). output_size follows from their
-        length, 0 from no bytes. state_size is a multiple of 64.
+        11 (nf3), 15 (fp8_e4m3), 16 (fp4), 19 (fp8_e5m2, whose scales are not read), 21 (iq2_xxs) or 23 (q2_k); the last
+        two not on devices of the IGX class. output_size follows from their length, 0 from no bytes. state_size is a
+        multiple of 64, of 256 for the last two, which quantize a single row of input to 8 bits per element.
     size_hint: with more than 128, very wide q4_0 layers may be expanded slice by slice; otherwise of no effect.
     Returns [rows, output_size] in the element type of input; differentiable with respect to input.
     TILE_THRESHOLD and TILE_SIZE raise ValueError or IndexError on q4_0 calls where they do not begin with a number.
@@ -25,7 +26,7 @@ def dequant(input: Tensor, weight: Tensor, qtype: int, /) -> Tensor:
     """The dense matrix [output_size, state_size] of a packed weight.
 
     input gives its second size, which is state_size, and its element type; none of its elements is read.
-    weight: flat packed bytes in the format qtype: 2, 8, 10, 15, 16 or 19.
+    weight: flat packed bytes in the format qtype: 2, 8, 10, 15, 16, 19 or 21.
     """
 
 def apply_rotary_embedding_half_q_and_k(
@@ -162,4 +163,13 @@ def rwkv_time_shift(hidden: Tensor, shifted: Tensor, mix: Tensor, /) -> Tensor:
         and the second of mix may differ, if there are as many elements at least.
     Types of hidden and mix: (float, bfloat16 or float), (bfloat16, bfloat16), (half, half).
     Returns [M, B, T, C] in the element type of hidden.
+    """
+
+def dequantize_rows(input: Tensor, weight: Tensor, qtype: int, state_size: int, /) -> Tensor:
+    """Rows of a packed table, as an embedding looks them up.
+
+    input: [B, L] of torch.int64, each the number of a row.
+    weight: flat packed bytes in q2_k, rows of state_size elements, a multiple of 256.
+    Returns [B, L, state_size] of torch.float on the device of weight. A qtype other than 23 (q2_k) is no error: nothing
+    is written to the result then.
     """

@@ -10,10 +10,14 @@ struct format {
   /// `gpu_summit` and on others.
   static constexpr int few_rows_on_summit = 1;
   static constexpr int few_rows = 1;
-  /// Outputs that a work-group computes on devices of class `gpu_igx`; 2 on others.
+  /// Whether devices of class `gpu_igx` multiply by the format, and how many outputs a work-group computes
+  /// there; 2 on others.
+  static constexpr bool forward_on_igx = true;
   static constexpr int rows_on_igx = 2;
   /// Whether many outputs of a long input are made in slices of the expanded weight.
   static constexpr bool sliced_expansion = false;
+  /// Whether a single activation row is quantized, and multiplied in integers.
+  static constexpr bool quantizes_activations = false;
   /// Whether the matrix engine takes the format, and whether the operator `dequant` does.
   static constexpr bool matrix_engine = false;
   static constexpr bool dequant = false;
@@ -30,6 +34,13 @@ struct zoned_format : format {
 /// Formats of records, each a block with its scales.
 struct record_format : format {
   static constexpr bool zoned = false;
+};
+
+/// Records of 256 elements, multiplied in integers.
+struct super_block_format : record_format {
+  static constexpr int block = 256;
+  static constexpr bool quantizes_activations = true;
+  static constexpr bool forward_on_igx = false;
 };
 
 }  // namespace tolvane

@@ -10,8 +10,10 @@
 #include "formats/fp4.h"
 #include "formats/fp8_e4m3.h"
 #include "formats/fp8_e5m2.h"
+#include "formats/iq2_xxs.h"
 #include "formats/nf3.h"
 #include "formats/nf4.h"
+#include "formats/q2_k.h"
 #include "formats/q4_0.h"
 #include "formats/q4_1.h"
 #include "formats/q5_0.h"
@@ -30,7 +32,8 @@ struct format_list {
 };
 
 /// Formats in the order of their ids.
-using packed_formats = format_list<q4_0, q4_1, q5_0, q5_1, q8_0, nf4, nf3, fp8_e4m3, fp4, fp8_e5m2>;
+using packed_formats =
+    format_list<q4_0, q4_1, q5_0, q5_1, q8_0, nf4, nf3, fp8_e4m3, fp4, fp8_e5m2, iq2_xxs, q2_k>;
 
 inline constexpr int qtype_count = 24;
 
@@ -57,7 +60,7 @@ constexpr std::array<Value, qtype_count> by_qtype(const Entry& entry) {
 /// sizes only.
 inline constexpr auto GGML_BLCK_SIZE = [] {
   auto table = by_qtype<std::int32_t>([]<class Format>(std::type_identity<Format>) { return Format::block; });
-  table[9] = 32;
+  table[9] = block_q8_1::block;
   table[22] = 256;
   return table;
 }();
@@ -66,7 +69,7 @@ inline constexpr auto GGML_BLCK_SIZE = [] {
 inline constexpr auto GGML_TYPE_SIZE = [] {
   auto table =
       by_qtype<std::uint64_t>([]<class Format>(std::type_identity<Format>) { return block_bytes<Format>(); });
-  table[9] = 36;
+  table[9] = sizeof(block_q8_1);
   table[22] = 74;
   return table;
 }();

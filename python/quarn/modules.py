@@ -58,7 +58,7 @@ class QuantMLP(nn.Module):
                 for packed in (self.gate, self.up)
             )
             return self.down(F.silu(F.linear(x, gate)) * F.linear(x, up))
-        rows = x.reshape(-1, self.state_size)
+        rows = x.reshape(-1, self.state_size).contiguous()
         hidden = [self._operator(row) for row in rows.split(1)]
         return self.down(torch.cat(hidden)).view(x.shape)
 
@@ -120,7 +120,7 @@ class QuantLinear(nn.Module):
         if x.device.type != "xpu":
             weight = unpack(self.packed, self.format.name, self.state_size, x.dtype)
             return F.linear(x, weight, self.bias)
-        rows = x.reshape(-1, self.state_size)
+        rows = x.reshape(-1, self.state_size).contiguous()
         result = _forward_new()(rows, self.packed, self.format.qtype, self.output_size)
         result = result.view(*x.shape[:-1], self.output_size)
         return result if self.bias is None else result + self.bias

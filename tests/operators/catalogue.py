@@ -16,6 +16,7 @@ import mlp_cases
 import norm_cases
 import rope_cases
 import rwkv_cases
+import super_block_cases
 
 SUBJECTS = {
     "linear": linear_cases.CASES,
@@ -25,6 +26,7 @@ SUBJECTS = {
     "attention": kv_cases.CASES,
     "rwkv": rwkv_cases.CASES,
     "bmm": bmm_cases.CASES,
+    "super blocks": super_block_cases.CASES,
 }
 CASES = [case for cases in SUBJECTS.values() for case in cases]
 

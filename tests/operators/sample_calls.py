@@ -13,8 +13,8 @@ Range = tuple[int, ...]
 @dataclass(frozen=True)
 class Call:
     """`arguments`: positional. `scope`: the profiler's name for the call. `launch`: the index space and the work-group of its one submission,
-    where they are asserted. `written`: the places of the tensors that the operator writes; `unread`: of those whose
-    elements it never reads."""
+    where they are asserted. `written`: the places of the tensors that the operator writes; `unread`: of those that give
+    it sizes only."""
 
     arguments: list[Any]
     scope: str = ""
@@ -89,5 +89,11 @@ def sample_calls() -> dict[str, Call]:
         ),
         "rwkv_time_shift": Call(
             [*numbers(2, 1, 2, 64), numbers(3, 1, 64)], launch=((1, 2, 64), (1, 1, 64))
+        ),
+        "dequantize_rows": Call(
+            [torch.tensor([[2, 0]]).to("xpu"), code(3 * 84), 23, 256],
+            "quarn_dequantize_rows",
+            ((128,), (64,)),
+            waits=True,
         ),
     }

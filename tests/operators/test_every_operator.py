@@ -34,6 +34,7 @@ OPERATORS = {
     "rwkv_linear_attention_v4": "rwkv v4 attention",
     "rwkv_linear_attention_v5": "rwkv v5 attention",
     "rwkv_time_shift": "rwkv time shift",
+    "dequantize_rows": "Dequantize rows of weight",
 }
 each_operator = pytest.mark.parametrize("name", CALLS)
 

@@ -44,7 +44,8 @@ REFUSED["forward_new"] = [
 ]
 REFUSED["dequant"] = [
     ({"weight": b(68)[::2]}, "^weight must be contiguous"),
-    ({"weight": b(360), "qtype": 3}, "qtype must be 2, 8, 10, 15, 16 or 19, but got 3"),
+    ({"weight": b(360), "qtype": 3}, "qtype must be 2, 8, 10, 15, 16, 19 or 21, but got 3"),
+    ({"input": z(1, 256), "weight": b(840), "qtype": 23}, "qtype must be .* but got 23"),
     ({"input": z(1, 100), "weight": b(340)}, "^100 must be a multiple of 64"),
 ]
 FLAT = "flat tensor of packed bytes"

@@ -4,14 +4,15 @@ from __future__ import annotations
 
 import numpy as np
 
-import super_blocks
 from packed import PACKED, from_bytes
+from super_block_reference import BLOCK_BYTES, decoded
 
 
 def decode(packed: bytes, format: str, state_size: int) -> np.ndarray:
     """[output_size, state_size] in double."""
-    if format in super_blocks.BYTES:
-        return super_blocks.decode(packed, format, state_size).astype(np.float64)
+    if format in BLOCK_BYTES:
+        records = np.frombuffer(packed, np.uint8).reshape(-1, BLOCK_BYTES[format])
+        return decoded(format, records).reshape(-1, state_size).astype(np.float64)
     return from_bytes(packed, PACKED[format], state_size).elements()[0]
 
 

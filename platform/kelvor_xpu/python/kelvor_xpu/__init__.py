@@ -23,7 +23,7 @@ from torch.xpu import (  # noqa: E402
     reset_peak_memory_stats,
 )
 
-from . import _C, _compile, _torch_xpu  # noqa: E402
+from . import _C, _default_backend, _torch_xpu  # noqa: E402
 
 __all__ = [
     "Submission",
@@ -105,7 +105,7 @@ def _install() -> None:
             "Import kelvor_xpu directly after torch, or install it, so that `import torch` does."
         )
     _torch_xpu.install()
-    _compile.install()
+    _default_backend.install()
     os.register_at_fork(after_in_child=_run_serially)
 
 

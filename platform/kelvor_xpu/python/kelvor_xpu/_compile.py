@@ -1,35 +1,72 @@
-"""``torch.compile`` with its default backend, which writes code for GPUs. This device runs the graphs as they are."""
+"""Functions of extension modules that torch.compile sees as operators of PyTorch's dispatcher.
+
+torch.compile is told when it is first used, since it takes longer to import than all else.
+"""
 
 from __future__ import annotations
 
-import warnings
-from typing import Any
+import importlib.abc
+import importlib.util
+import sys
+from importlib.machinery import ModuleSpec
+from types import ModuleType
+from typing import Any, Callable, Sequence
 
 import torch
 
-
-def _is_on_xpu(value: Any) -> bool:
-    return isinstance(value, torch.Tensor) and value.device.type == "xpu"
-
-
-def _works_on_xpu(graph: torch.fx.GraphModule, inputs: Any) -> bool:
-    nodes = (node.meta.get("example_value") for node in graph.graph.nodes)
-    return any(map(_is_on_xpu, inputs)) or any(map(_is_on_xpu, nodes))
+_COMPILER = "torch._dynamo"
+_waiting: list[tuple[Callable[..., Any], str, int | None]] = []
 
 
-def install() -> None:
-    """Makes graphs with xpu tensors run by PyTorch's operators; others go to the backend as before."""
-    wrapper = torch._TorchCompileInductorWrapper
-    compile_graph = wrapper.__call__
+def show_as_operator(function: Callable[..., Any], operator: str, result: int | None) -> None:
+    """torch.compile is to see ``operator`` ("library::name") where ``function`` is called.
 
-    def call(self: Any, model_: torch.fx.GraphModule, inputs_: Any, **options: Any) -> Any:
-        if not _works_on_xpu(model_, inputs_):
-            return compile_graph(self, model_, inputs_, **options)
-        warnings.warn(
-            "torch.compile's default backend writes code for GPUs: on this xpu device the graph runs "
-            'as backend="eager" would run it',
-            stacklevel=2,
+    Both take the same arguments. result: the place of the argument that the function returns where the operator
+    returns nothing.
+    """
+    _waiting.append((function, operator, result))
+    if _COMPILER in sys.modules:
+        _tell_compiler()
+    elif not any(isinstance(finder, _CompilerWatch) for finder in sys.meta_path):
+        sys.meta_path.insert(0, _CompilerWatch())
+
+
+def _tell_compiler() -> None:
+    while _waiting:
+        function, operator, result = _waiting.pop()
+        torch.compiler.substitute_in_graph(function, skip_signature_check=True)(
+            _traced(operator, result)
         )
-        return model_.forward
 
-    wrapper.__call__ = call
+
+def _traced(operator: str, result: int | None) -> Callable[..., Any]:
+    library, name = operator.split("::")
+    packet = getattr(getattr(torch.ops, library), name)
+
+    def traced(*arguments: Any) -> Any:
+        returned = packet(*arguments)
+        return returned if result is None else arguments[result]
+
+    return traced
+
+
+class _CompilerWatch(importlib.abc.MetaPathFinder):
+    """Lets the compiler be imported as ever, and then tells it."""
+
+    def find_spec(
+        self, fullname: str, path: Sequence[str] | None, target: ModuleType | None = None
+    ) -> ModuleSpec | None:
+        if fullname != _COMPILER:
+            return None
+        sys.meta_path.remove(self)
+        found = importlib.util.find_spec(fullname)
+        if found is None or found.loader is None:
+            return found
+        load = found.loader.exec_module
+
+        def load_and_tell(module: ModuleType) -> None:
+            load(module)
+            _tell_compiler()
+
+        found.loader.exec_module = load_and_tell  # type: ignore[method-assign]
+        return found

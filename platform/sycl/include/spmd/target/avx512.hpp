@@ -77,6 +77,18 @@ inline constexpr int gang_lanes = 32;
       reinterpret_cast<__m512i>(sum), reinterpret_cast<__m512i>(a), reinterpret_cast<__m512i>(b)));
 }
 
+[[gnu::always_inline]] inline vec<std::int32_t, 16> weighted_dot_bytes(vec<std::uint8_t, 64> a,
+                                                                       vec<std::int8_t, 64> b,
+                                                                       vec<std::int16_t, 32> w) {
+  const __m512i pairs = _mm512_maddubs_epi16(reinterpret_cast<__m512i>(a), reinterpret_cast<__m512i>(b));
+  return reinterpret_cast<vec<std::int32_t, 16>>(_mm512_madd_epi16(pairs, reinterpret_cast<__m512i>(w)));
+}
+[[gnu::always_inline]] inline vec<std::int8_t, 64> signed_by(vec<std::int8_t, 64> x, vec<std::int8_t, 64> sign) {
+  const auto bytes = reinterpret_cast<__m512i>(x);
+  return reinterpret_cast<vec<std::int8_t, 64>>(_mm512_mask_sub_epi8(
+      bytes, _mm512_movepi8_mask(reinterpret_cast<__m512i>(sign)), _mm512_setzero_si512(), bytes));
+}
+
 [[gnu::always_inline]] inline void store(void* p, vec<std::uint16_t, 16> x) {
   _mm256_storeu_si256(static_cast<__m256i*>(p), reinterpret_cast<__m256i>(x));
 }

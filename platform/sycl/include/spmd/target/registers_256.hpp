@@ -97,6 +97,21 @@ namespace spmd::target {
   return sum + reinterpret_cast<vec<std::int32_t, 8>>(_mm256_madd_epi16(pairs, _mm256_set1_epi16(1)));
 }
 
+/// (a[4l] * b[4l] + a[4l + 1] * b[4l + 1]) * w[2l] + (a[4l + 2] * b[4l + 2] + …) * w[2l + 1], with a unsigned and b
+/// signed, under the same condition.
+[[gnu::always_inline]] inline vec<std::int32_t, 8> weighted_dot_bytes(vec<std::uint8_t, 32> a,
+                                                                      vec<std::int8_t, 32> b,
+                                                                      vec<std::int16_t, 16> w) {
+  const __m256i pairs = _mm256_maddubs_epi16(reinterpret_cast<__m256i>(a), reinterpret_cast<__m256i>(b));
+  return reinterpret_cast<vec<std::int32_t, 8>>(_mm256_madd_epi16(pairs, reinterpret_cast<__m256i>(w)));
+}
+
+/// x where `sign` is positive, -x where it is negative; it is never 0.
+[[gnu::always_inline]] inline vec<std::int8_t, 32> signed_by(vec<std::int8_t, 32> x, vec<std::int8_t, 32> sign) {
+  return reinterpret_cast<vec<std::int8_t, 32>>(
+      _mm256_sign_epi8(reinterpret_cast<__m256i>(x), reinterpret_cast<__m256i>(sign)));
+}
+
 /// The first `count` 64-bit words at p, the others 0; nothing behind them is read.
 [[gnu::always_inline]] inline vec<std::uint64_t, 4> load_first(const std::uint64_t* p, int count) {
   const vec<std::int64_t, 4> lane = {0, 1, 2, 3};

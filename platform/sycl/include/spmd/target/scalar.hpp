@@ -75,6 +75,17 @@ inline vec<std::int32_t, 8> dot_bytes(vec<std::int32_t, 8> sum, vec<std::uint8_t
     return total;
   });
 }
+inline vec<std::int32_t, 8> weighted_dot_bytes(vec<std::uint8_t, 32> a, vec<std::int8_t, 32> b,
+                                               vec<std::int16_t, 16> w) {
+  return filled<vec<std::int32_t, 8>>([&](int i) {
+    std::int32_t total = 0;
+    for (int j = 4 * i; j < 4 * i + 4; ++j) total += a[j] * b[j] * w[j / 2];
+    return total;
+  });
+}
+inline vec<std::int8_t, 32> signed_by(vec<std::int8_t, 32> x, vec<std::int8_t, 32> sign) {
+  return filled<vec<std::int8_t, 32>>([&](int i) { return static_cast<std::int8_t>(sign[i] < 0 ? -x[i] : x[i]); });
+}
 inline vec<std::uint64_t, 4> load_first(const std::uint64_t* p, int count) {
   vec<std::uint64_t, 4> words{};
   std::memcpy(&words, p, static_cast<unsigned>(count < 0 ? 0 : count < 4 ? count : 4) * sizeof *p);

@@ -1,0 +1,109 @@
+"""Models of the transformers library, small and random: the CPU's logits and greedy tokens on the device, dense and
+with every linear layer packed."""
+
+from __future__ import annotations
+
+import copy
+import itertools
+from typing import Any
+
+import pytest
+import torch
+from torch import nn
+
+import quarn
+
+transformers = pytest.importorskip("transformers")
+pytest.importorskip("tolvane")
+
+SIZES = {
+    "vocab_size": 192,
+    "hidden_size": 128,
+    "intermediate_size": 192,
+    "num_hidden_layers": 2,
+    "num_attention_heads": 4,
+    "initializer_range": 0.15,
+    "tie_word_embeddings": False,
+}
+NO_TOKENS: dict[str, Any] = {"bos_token_id": None, "eos_token_id": None, "pad_token_id": 0}
+DECODERS = {
+    "llama": lambda: transformers.LlamaForCausalLM(
+        transformers.LlamaConfig(**SIZES, **NO_TOKENS, num_key_value_heads=2)
+    ),
+    "qwen2": lambda: transformers.Qwen2ForCausalLM(
+        transformers.Qwen2Config(**SIZES, **NO_TOKENS, num_key_value_heads=2)
+    ),
+    "gpt_neox": lambda: transformers.GPTNeoXForCausalLM(
+        transformers.GPTNeoXConfig(**SIZES, **NO_TOKENS)
+    ),
+}
+MODELS = {
+    **DECODERS,
+    "bert": lambda: transformers.BertForMaskedLM(transformers.BertConfig(**SIZES)),
+}
+FORMATS = ("q4_0", "q8_0", "nf4", "q5_1", "fp8_e4m3")
+"""Formats that the linear layers of a model take in turn."""
+
+
+def made(name: str) -> nn.Module:
+    torch.manual_seed(7)
+    model = MODELS[name]().eval()
+    for parameter in model.parameters():  # biases begin as zeros
+        if parameter.dim() == 1 and not parameter.any():
+            nn.init.normal_(parameter, std=0.1)
+    return model
+
+
+def prompt() -> dict[str, torch.Tensor]:
+    """Two rows of tokens, the second padded on the left."""
+    tokens = torch.randint(
+        1, SIZES["vocab_size"], (2, 7), generator=torch.Generator().manual_seed(3)
+    )
+    mask = torch.ones_like(tokens)
+    mask[1, :3] = 0
+    return {"input_ids": tokens * mask, "attention_mask": mask}
+
+
+def packed_and_dense(model: nn.Module) -> tuple[nn.Module, nn.Module]:
+    """Copies of the model whose linear layers are packed, and have the packed weights' values."""
+    packed, dense = copy.deepcopy(model), copy.deepcopy(model)
+    formats = itertools.cycle(FORMATS)
+    layers = [name for name, module in model.named_modules() if isinstance(module, nn.Linear)]
+    assert len(layers) >= 9
+    for name in layers:
+        format = next(formats)
+        layer = quarn.QuantLinear.from_float(packed.get_submodule(name), format)
+        packed.set_submodule(name, layer)
+        weight = quarn.unpack(layer.packed, layer.format.name, layer.state_size, torch.float32)
+        dense.get_submodule(name).weight = nn.Parameter(weight)
+    return packed, dense
+
+
+def assert_same(there: nn.Module, here: nn.Module, name: str) -> None:
+    """The model on the device gives the CPU model's logits, and tokens where it has any to give."""
+    inputs = prompt()
+    on_device = {key: value.to("xpu") for key, value in inputs.items()}
+    counted = inputs["attention_mask"].bool()
+    with torch.no_grad():
+        expected = here(**inputs).logits[counted]
+        actual = there(**on_device).logits
+    assert actual.device.type == "xpu" and expected.std() > 0.1
+    torch.testing.assert_close(actual.cpu()[counted], expected, rtol=1e-4, atol=1e-4)
+    if name in DECODERS:
+        how = {"max_new_tokens": 12, "do_sample": False}
+        tokens = here.generate(**inputs, **how)
+        assert tokens.shape == (2, 19) and len(tokens[:, 7:].unique()) > 3
+        assert torch.equal(there.generate(**on_device, **how).cpu(), tokens)
+
+
+@pytest.mark.parametrize("name", MODELS)
+def test_dense_model_gives_the_cpus_results(name: str) -> None:
+    model = made(name)
+    assert_same(copy.deepcopy(model).to("xpu"), model, name)
+
+
+@pytest.mark.parametrize("name", MODELS)
+def test_packed_model_gives_the_results_of_its_weights(name: str) -> None:
+    packed, dense = packed_and_dense(made(name))
+    assert not any(isinstance(module, nn.Linear) for module in packed.modules())
+    assert_same(packed.to("xpu"), dense, name)
