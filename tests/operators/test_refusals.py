@@ -12,6 +12,8 @@ import tolvane
 import torch
 
 from sample_calls import sample_calls
+from super_block_reference import BLOCK_BYTES as SUPER_BLOCKS
+from super_block_reference import QTYPE
 
 
 def z(*shape: int, dtype: torch.dtype = torch.float32, device: str = "xpu") -> torch.Tensor:
@@ -41,6 +43,27 @@ REFUSED["forward_new"] = [
     ({"input": z(1, 48), "weights": b(340)}, BLOCKS),
     ({"input": z(1, 96), "weights": b(440), "qtype": 6}, BLOCKS),
     ({"input": z(1, 64).int()}, "\"qlinear_forward_xpu\" not implemented for 'Int'"),
+]
+for form, size in SUPER_BLOCKS.items():
+    super_block = {"qtype": QTYPE[form], "weights": b(10 * size)}
+    REFUSED["forward_new"] += [
+        (super_block | {"input": z(1, 320)}, "positive multiple of 256"),
+        (super_block | {"input": z(2, 320)}, "positive multiple of 256"),
+        (super_block | {"input": z(1, 100)}, "positive multiple of 256"),
+        (super_block | {"input": z(2, 100)}, "^100 must be a multiple of 64"),
+        (super_block | {"input": z(1, 256).int()}, "not implemented for 'Int'"),
+    ]
+IDS = z(1, 2).long()
+REFUSED["dequantize_rows"] = [
+    ({"input": (IDS + 1).expand(2, 2).t()}, "^input must be contiguous"),
+    ({"weight": b(6 * 84)[::2]}, "^weight must be contiguous"),
+    ({"input": IDS[0]}, "input must have 2 dimensions"),
+    ({"input": IDS.int()}, "torch.int64"),
+    ({"weight": z(3 * 84)}, "flat tensor of packed bytes"),
+    ({"state_size": 100}, "^100 must be a multiple of 64"),
+    ({"state_size": 192}, "positive multiple of 256"),
+    ({"state_size": 0}, "positive multiple of 256"),
+    ({"weight": b(0)}, "has 0 rows"),
 ]
 REFUSED["dequant"] = [
     ({"weight": b(68)[::2]}, "^weight must be contiguous"),
@@ -94,11 +117,11 @@ REFUSED["bmm"] = [
 RANK = "^The dimensions of all tensor should be 4"
 ODD = "^The problem size should be divisible by 2"
 X_OUT = r"_out must have the sizes of ., \[1, 2, 2, 8\], but has \[1, 2, 2, 6\]"
-IDS = {"position_ids": z(2).long()}
+FLAT_IDS = {"position_ids": z(2).long()}
 MANY_IDS = {"position_ids": z(1, 3).long()}
 REFUSED["apply_rotary_embedding_half_q_or_k"] = [
     ({"x": z(3, 2, 8)}, RANK),
-    (IDS, "^The dimensions of position_ids should be 2"),
+    (FLAT_IDS, "^The dimensions of position_ids should be 2"),
     (MANY_IDS, r"position_ids must be \[1, 2\] or \[1, 2\] for x"),
     ({"x": z(1, 2, 2, 7), "x_out": z(1, 2, 2, 7)}, ODD),
     ({"x_out": z(1, 2, 2, 6)}, "x" + X_OUT),
@@ -106,7 +129,7 @@ REFUSED["apply_rotary_embedding_half_q_or_k"] = [
 REFUSED["apply_rotary_embedding_half_q_and_k"] = [
     ({"q": z(3, 2, 8)}, RANK),
     ({"k_out": z(8)}, RANK),
-    (IDS, "^The dimensions of position_ids should be 2"),
+    (FLAT_IDS, "^The dimensions of position_ids should be 2"),
     (MANY_IDS, r"position_ids must be \[1, 2\] or \[1, 2\] for q"),
     ({"q": z(1, 2, 2, 7), "q_out": z(1, 2, 2, 7)}, ODD),
     ({"k": z(1, 1, 2, 7), "k_out": z(1, 1, 2, 7)}, ODD),
