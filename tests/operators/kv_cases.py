@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 import torch
 import tolvane
+from numpy.testing import assert_array_equal
 
 import arithmetic
 from cases import Case, Results
@@ -87,10 +88,10 @@ class Attention(Case):
             if self.type == "float32":
                 bound = (self.length / 32 + 40) * t.unit * np.abs(exact).sum(-1)
                 difference = np.abs(actual - exact.sum(-1))
-                np.testing.assert_array_equal(np.isnan(actual), np.isnan(difference))
+                assert_array_equal(np.isnan(actual), np.isnan(difference))
                 assert np.all((difference <= bound) | np.isnan(actual))
             else:  # products are exact in float, so that they round once
-                np.testing.assert_array_equal(actual, lane_sums(t.to(exact.astype(np.float32)), t))
+                assert_array_equal(actual, lane_sums(t.to(exact.astype(np.float32)), t))
 
 
 CASES = [

@@ -10,6 +10,7 @@ from unittest import mock
 import numpy as np
 import torch
 import tolvane
+from numpy.testing import assert_array_equal
 
 from cases import TYPES, Case, Results, SummingCase
 from matvec_reference import dense, dot_rows
@@ -61,7 +62,7 @@ class Product(SummingCase):
             bound = 2 * n * self.t.unit * (magnitudes @ np.abs(x.astype(np.float64)))
             assert np.all(np.abs(row - elements @ x) <= bound)
             if not self.any_order:
-                np.testing.assert_array_equal(row, dot_rows(x, w, self.t, group, self.rows > 1))
+                assert_array_equal(row, dot_rows(x, w, self.t, group, self.rows > 1))
 
 
 @dataclass(frozen=True)
@@ -87,7 +88,7 @@ class Expansion(Case):
 
     def check(self, results: Results, group: int = 32) -> None:
         expected = dense(weight(self.format, self.state, self.output), self.t)
-        np.testing.assert_array_equal(results["out"], expected)
+        assert_array_equal(results["out"], expected)
 
 
 # One row, at the edges of tiles, groups and outputs; few rows; long rows and many, in one process only.

@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 import torch
 import tolvane
+from numpy.testing import assert_allclose, assert_array_equal
 
 import arithmetic
 from cases import Case, Results
@@ -85,11 +86,11 @@ class Version4(Sequence):
         for (part, actual), x in zip(results.items(), self.expected(), strict=True):
             assert actual.shape == x.shape
             if part == "max" or self.sizes[1] == 0:
-                np.testing.assert_array_equal(actual, x)
+                assert_array_equal(actual, x)
                 continue
             # An exponential may round to the neighbour, and steps carry that on.
             tolerance = (16 if t.name != "float32" else 64) * t.unit
-            np.testing.assert_allclose(actual, x.astype(np.float64), tolerance, 4 * tolerance)
+            assert_allclose(actual, x.astype(np.float64), tolerance, 4 * tolerance)
             assert t.name == "float32" or np.mean(actual == x) > 0.9
 
 
@@ -119,7 +120,7 @@ class Version5(Sequence):
             state = outer + w[..., None] * state
         for part, x in (("out", out), ("state", state)):
             bound = np.maximum(np.abs(x).max(initial=1), 1) * 64 * 2.0**-22
-            np.testing.assert_allclose(results[part], x, rtol=0, atol=bound)
+            assert_allclose(results[part], x, rtol=0, atol=bound)
 
 
 class TimeShift(Sequence):
@@ -152,7 +153,7 @@ class TimeShift(Sequence):
             expected = t.add(s, t.mul(a, t.add(x, -s)))
         else:
             expected = t.mad(a, t.add(x, -s), s)
-        np.testing.assert_array_equal(results["out"], expected)
+        assert_array_equal(results["out"], expected)
 
 
 CASES = [Version5(*PAIRS[1], sizes) for sizes in ((1, 2, 0), (2, 1, 1), (1, 3, 64))]

@@ -7,6 +7,7 @@ from dataclasses import dataclass
 import numpy as np
 import tolvane
 import torch
+from numpy.testing import assert_array_equal
 
 from cases import TYPES, Case, Results
 from super_block_reference import BLOCK_BYTES, QTYPE, decoded, one_row, random_records
@@ -54,7 +55,7 @@ class SuperBlocks(Case):
     def check(self, results: Results, group: int = 32) -> None:
         x = self.activations().astype(np.promote_types(self.t.wide, np.float32))
         expected = one_row(self.format, x, self.records(), self.t)
-        np.testing.assert_array_equal(results["out"][0], expected)
+        assert_array_equal(results["out"][0], expected)
 
 
 @dataclass(frozen=True)
@@ -92,7 +93,7 @@ class SuperBlockExpansion(Case):
     def check(self, results: Results, group: int = 32) -> None:
         expected = self.t.to(decoded(self.format, self.records()).reshape(self.rows, self.state))
         for result in results.values():
-            np.testing.assert_array_equal(result, expected)
+            assert_array_equal(result, expected)
 
 
 SHAPES = [(256, 1), (256, 3), (512, 5), (768, 3), (1024, 37), (1280, 2), (4096, 9), (11008, 5)]

@@ -7,6 +7,7 @@ import signal
 import numpy as np
 import pytest
 import kelvor_xpu
+from numpy.testing import assert_array_equal
 
 from catalogue import CASES
 from cases import DEVICE_NAMES
@@ -49,7 +50,7 @@ def of(case, results: dict[str, np.ndarray]) -> dict[str, np.ndarray]:
 
 def assert_same(case, ours: dict[str, np.ndarray], theirs: dict[str, np.ndarray]) -> None:
     for part, values in ours.items():
-        np.testing.assert_array_equal(values, theirs[part], err_msg=f"{case.name} {part}")
+        assert_array_equal(values, theirs[part], err_msg=f"{case.name} {part}")
 
 
 @pytest.mark.parametrize("case", CASES, ids=lambda case: case.name)

@@ -7,6 +7,7 @@ import pytest
 import kelvor_xpu
 import tolvane
 import torch
+from numpy.testing import assert_allclose
 
 import arithmetic
 import linear_routes as routes
@@ -72,7 +73,7 @@ def test_slices_give_what_the_whole_expansion_gives(results, size):
         )
         return
     # The same elements, which the BLAS may sum in another order for another shape.
-    np.testing.assert_allclose(seen[f"tiled{size}"], seen["dense"], atol=1e-12)
+    assert_allclose(seen[f"tiled{size}"], seen["dense"], atol=1e-12)
     # The output, one slice, and the slice's product with what the multiplication needs besides.
     step = min(step, routes.OUTPUT)
     assert (
@@ -90,7 +91,7 @@ def test_many_rows_multiply_the_dense_weight(form, rows):
         elements = dense(weight(form, 576, 33), arithmetic.ALL[dtype]).astype(np.float64)
         expected = case.activations(rows, 576).astype(np.float64) @ elements.T
         result = tolvane.forward_new(*case.arguments()).cpu().double().numpy()
-        np.testing.assert_allclose(result, expected, atol=tolerance * np.abs(expected).max())
+        assert_allclose(result, expected, atol=tolerance * np.abs(expected).max())
 
 
 @pytest.mark.parametrize("form", FORMATS)

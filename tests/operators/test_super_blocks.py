@@ -7,6 +7,7 @@ import numpy as np
 import pytest
 import tolvane
 import torch
+from numpy.testing import assert_array_equal
 
 from super_block_cases import on_xpu
 from super_block_reference import BLOCK_BYTES, QTYPE, decoded, quantized, random_records
@@ -69,7 +70,7 @@ def test_activations_are_quantized_to_the_bit():
             if not np.isfinite(d).all():
                 expected[:] = np.nan  # the zeros of every row are multiplied by that step
             result = tolvane.forward_new(on_xpu(x[None]), weight, 23, 0).cpu().numpy()[0]
-            np.testing.assert_array_equal(result, expected)
+            assert_array_equal(result, expected)
     fives = on_xpu(rows[6].astype(np.float32))
     assert torch.equal(tolvane.forward_new(fives[None], weight, 23, 0)[0], fives)
 
@@ -102,7 +103,7 @@ def test_rows_that_indices_pick():
     records = random_records("q2_k", 7, 512, 9, any_scales=True)
     table = decoded("q2_k", records).reshape(7, 512)
     for indices in ([[5]], [[0, 6, 6], [3, 1, 6]], [[6], [0]]):
-        np.testing.assert_array_equal(rows_of(indices, records), table[np.array(indices)])
+        assert_array_equal(rows_of(indices, records), table[np.array(indices)])
     kelvor_xpu.clear_submissions()
     rows_of([[0, 6, 6], [3, 1, 6]], records)
     assert shapes() == [(12 * 64, 64, True)]
