@@ -126,7 +126,9 @@ def test_exit_with_live_tensors_and_a_sleeping_thread() -> None:
 
 def test_a_second_copy_of_the_library_changes_nothing(tmp_path: Path) -> None:
     package = Path(kelvor_xpu.__file__).parent
-    library = next(path for place in (package, package.parent) for path in place.glob("libkelvor-xpu.so"))
+    library = next(
+        path for place in (package, package.parent) for path in place.glob("libkelvor-xpu.so")
+    )
     copy = shutil.copy(library, tmp_path / "libother-xpu.so")
     code = f"""
         import ctypes
@@ -231,7 +233,9 @@ def test_a_late_import_says_so() -> None:
     assert "ImportError: kelvor_xpu was imported too late" in done.stderr
     early = "import kelvor_xpu, torch; print(torch.ones(1).xpu().item())"
     assert output(early, imports="", TORCH_DEVICE_BACKEND_AUTOLOAD="0") == "1.0"
-    assert output(early, imports="") == "1.0"  # torch's own attempt to load the device comes in between
+    assert (
+        output(early, imports="") == "1.0"
+    )  # torch's own attempt to load the device comes in between
 
 
 @pytest.mark.parametrize(("name", "value"), [("PYTHON", "2.7"), ("TORCH", "1.0.0")])
@@ -248,5 +252,9 @@ def test_another_python_or_torch_is_told_what_to_do(name: str, value: str) -> No
     """
     warned, refused = run(code, imports="").stderr.split("Traceback")
     assert "UserWarning: the xpu device is not available: tolvane's modules are built for" in warned
-    for said in ("ImportError: tolvane's modules", f" {value}, but", "pip install --no-build-isolation"):
+    for said in (
+        "ImportError: tolvane's modules",
+        f" {value}, but",
+        "pip install --no-build-isolation",
+    ):
         assert said in refused

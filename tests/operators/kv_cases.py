@@ -1,17 +1,37 @@
-"""The calls of the FP8 attention operators that tests make, and a script that makes them: kv_cases.py OUT."""
+"""The calls of the FP8 attention operators that are compared everywhere, and what they must give."""
 
 from __future__ import annotations
 
-import sys
 from dataclasses import dataclass
 
 import numpy as np
+import torch
+import tolvane
+from numpy.testing import assert_array_equal
 
-TYPES = ("float32", "float16", "bfloat16")
+import arithmetic
+from cases import Case, Results
+from packed import FORMATS
+
+
+def lane_sums(products: np.ndarray, t: arithmetic.Arithmetic) -> np.ndarray:
+    """32 work-items add up every 32nd of the last dimension, then the first adds up theirs; each sum rounds."""
+    count = products.shape[-1]
+    steps = -(-count // 32)
+    padded = np.zeros((*products.shape[:-1], steps * 32), products.dtype)
+    padded[..., :count] = products
+    padded = padded.reshape(*products.shape[:-1], steps, 32)
+    part = np.zeros((*products.shape[:-1], 32), products.dtype)
+    for step in range(steps):
+        part = t.add(part, padded[..., step, :])
+    total = np.zeros_like(part[..., 0])
+    for lane in range(32):
+        total = t.add(total, part[..., lane])
+    return total
 
 
 @dataclass(frozen=True)
-class Case:
+class Attention(Case):
     """`spare` positions and one spare head and batch entry lie behind those that are used: strides are not shapes'."""
 
     type: str
@@ -23,14 +43,60 @@ class Case:
     spare: int = 0
     nans: bool = False
 
-    @property
-    def name(self) -> str:
-        return "-".join(str(value) for value in vars(self).values())
+    def data(self) -> dict[str, tuple[np.ndarray, np.ndarray]]:
+        """Of each product the activations and the cache bytes, with spare room behind; values that every element type
+        can hold."""
+        random = np.random.default_rng(self.length + self.heads)
+        b, h, kv = self.batch + 1, self.heads + 1, self.kv_heads + 1
+        length = self.length + self.spare
+        query = np.round(random.standard_normal((b, h, 1, 128), np.float32) * 16) / 16
+        attn = np.round(random.random((b, h, 1, length), np.float32) * 128) / 128
+
+        def cache(*shape: int) -> np.ndarray:
+            magnitude = random.integers(0, 0x60, shape, dtype=np.uint8)
+            if self.nans:
+                magnitude[..., 5::17] = 0x7C
+            return magnitude | random.integers(0, 2, shape, dtype=np.uint8) << 7
+
+        scores = {"scores": (query, cache(b, kv, length, 128))} if self.head_dim == 128 else {}
+        return scores | {"mixed": (attn, cache(b, kv, self.head_dim, length))}
+
+    def used(self, name: str, x, w) -> tuple:
+        """What of the activations and the cache an operator gets."""
+        used = slice(self.length)
+        x, w = x[: self.batch, : self.heads], w[: self.batch, : self.kv_heads]
+        return (x, w[:, :, used]) if name == "scores" else (x[..., used], w[..., used])
+
+    def run(self) -> dict[str, torch.Tensor]:
+        operators = {"scores": tolvane.query_key_fp8_matmul, "mixed": tolvane.attn_value_fp8_matmul}
+        results = {}
+        for name, (x, w) in self.data().items():
+            x, w = torch.from_numpy(x).to("xpu", self.dtype), torch.from_numpy(w).to("xpu")
+            results[name] = operators[name](*self.used(name, x, w))
+            size = self.length if name == "scores" else self.head_dim
+            assert results[name].shape == (self.batch, self.heads, 1, size)
+            assert results[name].dtype == self.dtype
+        return results
+
+    @np.errstate(over="ignore", invalid="ignore")
+    def check(self, results: Results, group: int = 32) -> None:
+        t = self.t
+        for name, pair in self.data().items():
+            x, w = self.used(name, *pair)
+            w = FORMATS["fp8_e5m2"].levels[np.repeat(w, self.heads // self.kv_heads, axis=1)]
+            exact, actual = x * w, results[name][:, :, 0]
+            if self.type == "float32":
+                bound = (self.length / 32 + 40) * t.unit * np.abs(exact).sum(-1)
+                difference = np.abs(actual - exact.sum(-1))
+                assert_array_equal(np.isnan(actual), np.isnan(difference))
+                assert np.all((difference <= bound) | np.isnan(actual))
+            else:  # products are exact in float, so that they round once
+                assert_array_equal(actual, lane_sums(t.to(exact.astype(np.float32)), t))
 
 
 CASES = [
-    Case(dtype, *sizes, **more)
-    for dtype in TYPES
+    Attention(dtype, *sizes, **more)
+    for dtype in ("float32", "float16", "bfloat16")
     for sizes, more in (
         *(((1, 2, 2, length), {}) for length in (0, 1, 31, 32, 33, 1000)),
         ((1, 4, 2, 4096), {}),
@@ -42,55 +108,3 @@ CASES = [
         ((2, 4, 2, 64), {"head_dim": 20, "spare": 1}),
     )
 ]
-
-
-def data(case: Case) -> tuple[np.ndarray, np.ndarray, np.ndarray, np.ndarray]:
-    """query, attn, key bytes, value bytes, with spare room; values that every element type can hold."""
-    random = np.random.default_rng(case.length + case.heads)
-    b, h, kv = case.batch + 1, case.heads + 1, case.kv_heads + 1
-    query = np.round(random.standard_normal((b, h, 1, 128)) * 16) / 16
-    attn = np.round(random.random((b, h, 1, case.length + case.spare)) * 128) / 128
-
-    def cache(*shape: int) -> np.ndarray:
-        magnitude = random.integers(0, 0x60, shape, dtype=np.uint8)
-        if case.nans:
-            magnitude[..., 5::17] = 0x7C
-        return magnitude | random.integers(0, 2, shape, dtype=np.uint8) << 7
-
-    key = cache(b, kv, case.length + case.spare, 128)
-    value = cache(b, kv, case.head_dim, case.length + case.spare)
-    return query.astype(np.float32), attn.astype(np.float32), key, value
-
-
-def run(case: Case) -> dict[str, np.ndarray]:
-    import torch
-    import tolvane
-
-    def on_xpu(x: np.ndarray, heads: int, positions: slice, dimension: int) -> torch.Tensor:
-        tensor = torch.from_numpy(x)
-        tensor = (tensor if x.dtype == np.uint8 else tensor.to(getattr(torch, case.type))).to("xpu")
-        part = [slice(case.batch), slice(heads), slice(None), slice(None)]
-        part[dimension] = positions
-        return tensor[tuple(part)]
-
-    query, attn, key, value = data(case)
-    used = slice(case.length)
-    results = {}
-    if case.head_dim == 128:
-        results["scores"] = tolvane.query_key_fp8_matmul(
-            on_xpu(query, case.heads, slice(None), 2), on_xpu(key, case.kv_heads, used, 2)
-        )
-        assert results["scores"].shape == (case.batch, case.heads, 1, case.length)
-    results["mixed"] = tolvane.attn_value_fp8_matmul(
-        on_xpu(attn, case.heads, used, 3), on_xpu(value, case.kv_heads, used, 3)
-    )
-    assert results["mixed"].shape == (case.batch, case.heads, 1, case.head_dim)
-    assert all(x.dtype == getattr(torch, case.type) and x.device.type == "xpu" for x in results.values())
-    return {f"{case.name} {key}": x.cpu().float().numpy() for key, x in results.items()}
-
-
-if __name__ == "__main__":
-    saved: dict[str, np.ndarray] = {}
-    for case in CASES:
-        saved.update(run(case))
-    np.savez(sys.argv[1], **saved)

@@ -1,63 +1,103 @@
-"""The calls of the norms that tests compare between processes, and a script that makes them: norm_cases.py OUT."""
+"""The calls of the norms that are compared everywhere, and their definitions in double with the steps' error."""
 
 from __future__ import annotations
 
-import sys
 from dataclasses import dataclass
+from typing import Optional
 
 import numpy as np
 import torch
+import tolvane
 
-TYPES = ("float16", "float32", "float64", "bfloat16")
-PLAIN = (1, 2, 3, 16, 31, 33, 64, 100, 257, 512, 1000, 1030, 2048)
+import arithmetic
+from cases import TYPES, Case, Results, numbers
+
+OPERATORS = ("fused_rms_norm", "fused_layer_norm")
+FLOAT_UNIT = 2.0**-24
+CHAIN = 64  # roundings between an element and a sum of squares, at most: 32 per work-item, then two trees
+Array = Optional[np.ndarray]
+
+
+def eps_in_kernel(eps: float, t: arithmetic.Arithmetic) -> float:
+    """eps as float, and through the element type where that is narrower."""
+    return float(t.to(np.float32(eps))) if t.unit > FLOAT_UNIT else float(np.float32(eps))
+
+
+@np.errstate(all="ignore")
+def check_norm(
+    result: np.ndarray,
+    x: np.ndarray,
+    weight: Array,
+    bias: Array,
+    rms: bool,
+    type: str,
+    eps: float = 1e-5,
+) -> None:
+    """x: [rows, n] of values of the type. The one-pass variance loses what its two terms, which are larger, lose."""
+    t = arithmetic.ALL[type]
+    x = x.astype(np.float64)
+    unit = min(t.unit, FLOAT_UNIT)
+    mean = np.zeros((len(x), 1)) if rms else x.mean(1, keepdims=True)
+    square = np.square(x).mean(1, keepdims=True)
+    exact = square if rms else np.square(x - mean).mean(1, keepdims=True)
+    noise = (
+        (CHAIN + 4) * unit * square * (1 if rms else 2)
+    )  # of mean(x^2), and of mean(x)^2 <= mean(x^2)
+    root = np.sqrt(exact + eps_in_kernel(eps, t))
+    least = np.sqrt(np.maximum(exact + eps_in_kernel(eps, t) - noise, 0))
+    mean_noise = 0 if rms else (CHAIN + 2) * unit * np.abs(x).mean(1, keepdims=True)
+
+    centred = x - mean
+    value = centred / root
+    bound = (np.abs(centred) + mean_noise + unit * np.abs(x)) * (
+        1 / least - 1 / root
+    ) + mean_noise / root
+    bound = bound + 8 * unit * (np.abs(value) + np.abs(x) / root)
+    if weight is not None:
+        value, bound = value * weight, bound * np.abs(weight)
+    if bias is not None:
+        value = value + bias
+    bound = bound + 4 * unit * np.abs(value)
+    bound = bound + t.unit * (np.abs(value) + bound) + (2.0**-24 if t.name == "float16" else 0)
+    assert np.all(np.abs(result - value) <= bound), np.max(np.abs(result - value) - bound)
 
 
 @dataclass(frozen=True)
-class Case:
+class Norm(Case):
     operator: str
     type: str
     rows: int
     n: int
-    weight: bool
-    bias: bool
+    weight: bool = False
+    bias: bool = False
 
-    @property
-    def name(self) -> str:
-        return f"{self.operator}-{self.type}-{self.rows}-{self.n}-{self.weight:d}{self.bias:d}"
-
-    @property
-    def rms(self) -> bool:
-        return self.operator == "fused_rms_norm"
-
-    def tensors(self) -> tuple[torch.Tensor, torch.Tensor | None, torch.Tensor | None]:
-        """Input, weight and bias on the CPU, of the case's type."""
+    def tensors(self) -> list[torch.Tensor | None]:
+        """Input, weight and bias, of the case's type."""
         random = np.random.default_rng(self.n)
-        shapes = [(self.rows, self.n), (self.n,), (self.n,)]
-        made = [torch.from_numpy(random.standard_normal(s) * 2 + 0.5).to(getattr(torch, self.type)) for s in shapes]
-        return made[0], made[1] if self.weight else None, made[2] if self.bias else None
+        made = [random.standard_normal(s) * 2 + 0.5 for s in ((self.rows, self.n), self.n, self.n)]
+        used = (True, self.weight, self.bias)
+        return [
+            torch.from_numpy(x).to("xpu", self.dtype) if u else None for x, u in zip(made, used)
+        ]
+
+    def run(self) -> dict[str, torch.Tensor]:
+        x, *rest = self.tensors()
+        return {"out": getattr(tolvane, self.operator)(x, (self.n,), *rest, 1e-5)}
+
+    def check(self, results: Results, group: int = 32) -> None:
+        assert results["out"].shape == (self.rows, self.n)
+        check_norm(results["out"], *map(numbers, self.tensors()), "rms" in self.operator, self.type)
 
 
-def cases(sizes: tuple[int, ...] = PLAIN, rows: tuple[int, ...] = (1, 3)) -> list[Case]:
+def cases(sizes: tuple[int, ...], rows: tuple[int, ...]) -> list[Norm]:
     """Both operators in all types; weight and bias come and go with the size."""
     return [
-        Case(operator, dtype, m, n, n % 2 == 0, n % 3 != 0)
-        for operator in ("fused_rms_norm", "fused_layer_norm")
+        Norm(operator, dtype, m, n, n % 2 == 0, n % 3 != 0)
+        for operator in OPERATORS
         for dtype in TYPES
         for n in sizes
         for m in rows
     ]
 
 
-def on_xpu(tensor: torch.Tensor | None) -> torch.Tensor | None:
-    return None if tensor is None else tensor.to("xpu")
-
-
-def run(case: Case, eps: float = 1e-5) -> torch.Tensor:
-    import tolvane
-
-    x, weight, bias = map(on_xpu, case.tensors())
-    return getattr(tolvane, case.operator)(x, (case.n,), weight, bias, eps)
-
-
-if __name__ == "__main__":
-    np.savez(sys.argv[1], **{case.name: run(case).cpu().double().numpy() for case in cases()})
+CASES = cases((1, 2, 3, 16, 31, 33, 64, 100, 257, 512, 1000, 1030, 2048), (1, 3))

@@ -1,70 +1,92 @@
-"""Rotary calls that tests compare between processes, and a script that makes them: rope_cases.py OUT."""
+"""The rotary calls that are compared everywhere, and the definition in double with the error of the steps in float."""
 
 from __future__ import annotations
 
-import sys
 from dataclasses import dataclass
 
 import numpy as np
 import torch
+import tolvane
 
-TYPES = ("float16", "float32", "float64", "bfloat16")
+import arithmetic
+from cases import TYPES, Case, Results, numbers
+
+FLOAT_UNIT = 2.0**-24
 SIZES = (2, 6, 8, 40, 64, 66, 128, 256)
 
 
+def check_turned(
+    result: np.ndarray,
+    x: np.ndarray,
+    sine: np.ndarray,
+    cosine: np.ndarray,
+    type: str,
+    turn_error: np.ndarray | float = 0,
+) -> None:
+    """x [..., size] by the angles' sines and cosines [..., size / 2], which are off by turn_error at most."""
+    t = arithmetic.ALL[type]
+    low, high = np.split(x, 2, axis=-1)
+    value = np.concatenate([cosine * low - sine * high, cosine * high + sine * low], axis=-1)
+    half = (np.abs(low) + np.abs(high)) * (turn_error + 4 * FLOAT_UNIT)
+    bound = np.concatenate([half, half], axis=-1) + max(t.unit, FLOAT_UNIT) * np.abs(value)
+    bound += 2.0**-24 if t.name == "float16" else 1e-40
+    assert np.all(np.abs(result - value) <= bound), np.max(np.abs(result - value) / bound)
+
+
+def check_positions(
+    result: torch.Tensor | np.ndarray,
+    x: torch.Tensor,
+    positions: torch.Tensor,
+    type: str,
+    backward: bool = False,
+) -> None:
+    """x [B, H, S, size] by its tokens' positions [B, S]. The rate 10000^(-2 / size) is a float, whose error the column
+    multiplies; power, position and product round once each."""
+    result = result if isinstance(result, np.ndarray) else numbers(result)
+    size = x.shape[-1]
+    column = np.arange(size // 2)
+    angle = numbers(positions)[:, None, :, None] * 10000.0 ** (-2 * column / size)
+    exponent = 26.6 / size * FLOAT_UNIT  # of the base's logarithm: the quotient rounds
+    error = angle * (column * (2 * exponent + 4 * FLOAT_UNIT) + 6 * FLOAT_UNIT)
+    sine = -np.sin(angle) if backward else np.sin(angle)
+    check_turned(result, numbers(x), sine, np.cos(angle), type, error + 4 * FLOAT_UNIT)
+
+
 @dataclass(frozen=True)
-class Case:
+class Rotary(Case):
     type: str
     size: int
     batch: int = 2
     q_heads: int = 4
-    k_heads: int = 1
     tokens: int = 3
 
-    @property
-    def name(self) -> str:
-        return f"{self.type}-{self.size}"
-
     def tensors(self) -> tuple[torch.Tensor, torch.Tensor, torch.Tensor]:
-        """q, k and position_ids, on the CPU."""
+        """q, k and position_ids."""
         random = np.random.default_rng(self.size)
-        shapes = [(self.batch, heads, self.tokens, self.size) for heads in (self.q_heads, self.k_heads)]
-        q, k = (torch.from_numpy(random.standard_normal(s)).to(getattr(torch, self.type)) for s in shapes)
-        return q, k, torch.from_numpy(random.integers(0, 131072, (self.batch, self.tokens)))
+        shapes = [(self.batch, heads, self.tokens, self.size) for heads in (self.q_heads, 1)]
+        q, k = (torch.from_numpy(random.standard_normal(s)).to("xpu", self.dtype) for s in shapes)
+        positions = torch.from_numpy(random.integers(0, 131072, (self.batch, self.tokens)))
+        return q, k, positions.to("xpu")
+
+    def tables(self) -> list[torch.Tensor]:
+        """Sines and cosines [1, 1, tokens, size] of random angles; of the second halves, which nothing reads, too."""
+        angle = np.random.default_rng(5).uniform(-3, 3, (1, 1, self.tokens, self.size))
+        return [torch.from_numpy(f(angle)).to("xpu", self.dtype) for f in (np.sin, np.cos)]
+
+    def run(self) -> dict[str, torch.Tensor]:
+        q, k, positions = self.tensors()
+        by_position, by_tables = ([torch.full_like(x, 7) for x in (q, k)] for _ in range(2))
+        rotate = tolvane.apply_rotary_embedding_half_q_and_k
+        assert rotate(q, k, positions, *by_position) is None
+        tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(q, k, *self.tables(), *by_tables)
+        return dict(zip(("q", "k", "table q", "table k"), by_position + by_tables))
+
+    def check(self, results: Results, group: int = 32) -> None:
+        q, k, positions = self.tensors()
+        tables = [numbers(table)[..., : self.size // 2] for table in self.tables()]
+        for which, x in (("q", q), ("k", k)):
+            check_positions(results[which], x, positions, self.type)
+            check_turned(results[f"table {which}"], numbers(x), *tables, self.type)
 
 
-CASES = [Case(dtype, size) for dtype in TYPES for size in SIZES]
-
-
-def tables(case: Case) -> tuple[torch.Tensor, torch.Tensor]:
-    """Sines and cosines [1, 1, tokens, size] of random angles; the second halves, which nothing reads, are others."""
-    angle = torch.from_numpy(np.random.default_rng(5).uniform(-3, 3, (1, 1, case.tokens, case.size)))
-    return angle.sin().to(getattr(torch, case.type)), angle.cos().to(getattr(torch, case.type))
-
-
-def by_position(case: Case) -> tuple[torch.Tensor, torch.Tensor]:
-    import tolvane
-
-    q, k, positions = (tensor.to("xpu") for tensor in case.tensors())
-    q_out, k_out = torch.full_like(q, 7), torch.full_like(k, 7)
-    assert tolvane.apply_rotary_embedding_half_q_and_k(q, k, positions, q_out, k_out) is None
-    return q_out, k_out
-
-
-def by_tables(case: Case) -> tuple[torch.Tensor, torch.Tensor]:
-    import tolvane
-
-    q, k, _ = (tensor.to("xpu") for tensor in case.tensors())
-    q_out, k_out = torch.full_like(q, 7), torch.full_like(k, 7)
-    sine, cosine = (table.to("xpu") for table in tables(case))
-    tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(q, k, sine, cosine, q_out, k_out)
-    return q_out, k_out
-
-
-if __name__ == "__main__":
-    results = {}
-    for case in CASES:
-        for kind, run in (("position", by_position), ("tables", by_tables)):
-            for which, out in zip("qk", run(case)):
-                results[f"{kind}-{which}-{case.name}"] = out.cpu().double().numpy()
-    np.savez(sys.argv[1], **results)
+CASES = [Rotary(dtype, size) for dtype in TYPES for size in SIZES]

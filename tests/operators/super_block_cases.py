@@ -1,18 +1,25 @@
-"""Calls of forward_new on one row of the formats of 256 elements, and a script for them: super_block_cases.py OUT."""
+"""The calls on formats of 256 elements that are compared everywhere, and what they must give."""
 
 from __future__ import annotations
 
-import sys
 from dataclasses import dataclass
 
 import numpy as np
+import tolvane
+import torch
+from numpy.testing import assert_array_equal
 
-from super_block_reference import BLOCK_BYTES, QTYPE
+from cases import TYPES, Case, Results
+from super_block_reference import BLOCK_BYTES, QTYPE, decoded, one_row, random_records
+
+
+def on_xpu(array: np.ndarray) -> torch.Tensor:
+    return torch.from_numpy(np.ascontiguousarray(array)).to("xpu")
 
 
 @dataclass(frozen=True)
-class Case:
-    """kind: plain; any scales: every half, NaN and infinities too; or what one of the activations is."""
+class SuperBlocks(Case):
+    """One row. kind: plain; any scales: every half, NaN and infinities too; or what one of the activations is."""
 
     format: str
     type: str
@@ -20,64 +27,86 @@ class Case:
     output: int
     kind: str = "plain"
 
-    @property
-    def name(self) -> str:
-        return f"{self.format}-{self.type}-{self.state}-{self.output}-{self.kind}"
+    @np.errstate(over="ignore")
+    def activations(self) -> np.ndarray:
+        """[state] in float64: values of the type."""
+        x = np.random.default_rng(self.state).standard_normal(self.state)
+        if self.kind == "zero":
+            x[:] = 0
+        elif self.kind in ("nan", "inf", "1e30", "1e-44"):
+            x[[37, 200]] = float(self.kind), -float(self.kind)
+            x[64:96] = float(self.kind) if self.kind == "1e-44" else 0
+        return self.t.to(x).astype(np.float64)
+
+    def records(self) -> np.ndarray:
+        return random_records(self.format, self.output, self.state, 2, self.kind == "any scales")
+
+    def run(self) -> dict[str, torch.Tensor]:
+        """Of "refused" where the device has no such kernel."""
+        x = on_xpu(self.activations()[None]).to(self.dtype)
+        try:
+            out = tolvane.forward_new(x, on_xpu(self.records().ravel()), QTYPE[self.format], 0)
+        except RuntimeError as error:
+            assert f"this device has no function for qtype {QTYPE[self.format]};" in str(error)
+            return {"refused": torch.ones(1)}
+        assert out.shape == (1, self.output) and out.dtype == self.dtype
+        return {"out": out}
+
+    def check(self, results: Results, group: int = 32) -> None:
+        x = self.activations().astype(np.promote_types(self.t.wide, np.float32))
+        expected = one_row(self.format, x, self.records(), self.t)
+        assert_array_equal(results["out"][0], expected)
 
 
-def cases() -> list[Case]:
-    shapes = [(256, 1), (256, 3), (512, 5), (768, 3), (1024, 37), (1280, 2), (4096, 9), (11008, 5)]
-    kinds = ["any scales", "nan", "inf", "1e30", "1e-44", "zero"]
-    types = ("float16", "float32", "float64", "bfloat16")
-    return [
-        Case(form, dtype, *rest)
-        for form in BLOCK_BYTES
-        for dtype in types
-        for rest in [*shapes, *((1280, 7, kind) for kind in kinds)]
-    ]
+@dataclass(frozen=True)
+class SuperBlockExpansion(Case):
+    """dequant for iq2_xxs, dequantize_rows for q2_k; and of finite elements the dense route, times the identity."""
+
+    format: str
+    type: str
+    rows: int
+    state: int
+    any_scales: bool = False
+
+    def records(self) -> np.ndarray:
+        return random_records(self.format, self.rows, self.state, 7, self.any_scales)
+
+    def run(self) -> dict[str, torch.Tensor]:
+        packed = on_xpu(self.records().ravel())
+        identity = torch.eye(self.state, device="xpu", dtype=self.dtype)
+        results = {}
+        if self.format == "iq2_xxs":
+            results["out"] = tolvane.dequant(identity, packed, 21)
+        elif self.type == "float32":
+            index = torch.arange(self.rows, device="xpu")[None]
+            results["out"] = tolvane.dequantize_rows(index, packed, 23, self.state)[0]
+        if not self.any_scales:
+            try:
+                dense = tolvane.forward_new(identity, packed, QTYPE[self.format], 0)
+                results["dense"] = dense.t()
+            except RuntimeError as error:
+                assert f"no function for qtype {QTYPE[self.format]};" in str(error)
+        assert all(x.dtype == self.dtype for x in results.values())
+        return results
+
+    @np.errstate(over="ignore", invalid="ignore")
+    def check(self, results: Results, group: int = 32) -> None:
+        expected = self.t.to(decoded(self.format, self.records()).reshape(self.rows, self.state))
+        for result in results.values():
+            assert_array_equal(result, expected)
 
 
-def random_records(form: str, rows: int, state: int, seed: int, any_scales: bool = False) -> np.ndarray:
-    """Random bytes [rows, blocks, bytes of a block]; scales of 0.02 or so, of either sign, or any at all."""
-    random = np.random.default_rng(seed)
-    records = random.integers(0, 256, (rows, state // 256, BLOCK_BYTES[form]), dtype=np.uint8)
-    if not any_scales:
-        for at in (80, 82) if form == "q2_k" else (0,):
-            d = (random.standard_normal(records.shape[:2]) * 0.02).astype(np.float16)
-            records[..., at : at + 2] = d[..., None].view(np.uint8)
-    return records
-
-
-def activations(case: Case) -> np.ndarray:
-    """[state] in float64: values of the type where the type is one of 16 bits."""
-    x = np.random.default_rng(case.state).standard_normal(case.state)
-    if case.kind == "zero":
-        x[:] = 0
-    elif case.kind in ("nan", "inf", "1e30", "1e-44"):
-        x[[37, 200]] = float(case.kind), -float(case.kind)
-        x[64:96] = float(case.kind) if case.kind == "1e-44" else 0
-    if case.type == "float16":
-        with np.errstate(over="ignore"):
-            return x.astype(np.float16).astype(np.float64)
-    if case.type == "bfloat16":
-        return (np.ascontiguousarray(x, np.float32).view(np.uint32) & 0xFFFF0000).view(np.float32).astype(np.float64)
-    return x
-
-
-def records_of(case: Case) -> np.ndarray:
-    return random_records(case.format, case.output, case.state, 2, case.kind == "any scales")
-
-
-def forward(case: Case) -> np.ndarray:
-    import torch
-    import tolvane
-
-    x = torch.from_numpy(activations(case)[None]).to(getattr(torch, case.type)).to("xpu")
-    packed = torch.from_numpy(records_of(case).reshape(-1)).to("xpu")
-    out = tolvane.forward_new(x, packed, QTYPE[case.format], 0)
-    assert out.shape == (1, case.output) and out.dtype == x.dtype
-    return out.cpu().double().numpy()[0]
-
-
-if __name__ == "__main__":
-    np.savez(sys.argv[1], **{case.name: forward(case) for case in cases()})
+SHAPES = [(256, 1), (256, 3), (512, 5), (768, 3), (1024, 37), (1280, 2), (4096, 9), (11008, 5)]
+KINDS = ["any scales", "nan", "inf", "1e30", "1e-44", "zero"]
+CASES: list[Case] = [
+    SuperBlocks(form, dtype, *rest)
+    for form in BLOCK_BYTES
+    for dtype in TYPES
+    for rest in [*SHAPES, *((1280, 7, kind) for kind in KINDS)]
+]
+for form in BLOCK_BYTES:
+    for dtype in TYPES:
+        sizes = ((1, 256), (5, 512), (3, 1280))
+        CASES += [SuperBlockExpansion(form, dtype, *size) for size in sizes]
+    CASES += [SuperBlockExpansion(form, "float32", 5, 512, True)]
+CASES += [SuperBlockExpansion("iq2_xxs", t, 5, 512, True) for t in TYPES if t != "float32"]

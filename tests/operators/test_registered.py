@@ -13,7 +13,12 @@ import quarn
 
 tolvane = pytest.importorskip("tolvane")
 NAMES = list(sample_calls())
-CHECKS = ("test_schema", "test_autograd_registration", "test_faketensor", "test_aot_dispatch_dynamic")
+CHECKS = (
+    "test_schema",
+    "test_autograd_registration",
+    "test_faketensor",
+    "test_aot_dispatch_dynamic",
+)
 
 
 def copied(call: Call) -> list[Any]:
@@ -151,4 +156,6 @@ def test_subclasses_and_vmap() -> None:
 
     x = torch.rand(4, 2, 64, device="xpu")
     mapped = torch.vmap(lambda part: tolvane.fused_rms_norm(part, *arguments[1:]))(x)
-    assert torch.equal(mapped, torch.stack([tolvane.fused_rms_norm(part, *arguments[1:]) for part in x]))
+    assert torch.equal(
+        mapped, torch.stack([tolvane.fused_rms_norm(part, *arguments[1:]) for part in x])
+    )

@@ -2,25 +2,15 @@
 
 from __future__ import annotations
 
-from functools import lru_cache
-
+import kelvor_xpu
 import numpy as np
 import pytest
+import tolvane
 import torch
+from numpy.testing import assert_array_equal
 
-tolvane = pytest.importorskip("tolvane")
-kelvor_xpu = pytest.importorskip("kelvor_xpu")
-
-import arithmetic  # noqa: E402
-from device_names import DEVICE_NAMES  # noqa: E402
-from super_block_cases import Case, activations, cases, random_records, records_of  # noqa: E402
-from super_block_reference import BLOCK_BYTES, QTYPE, decoded, one_row, quantized  # noqa: E402
-
-TYPES = ("float16", "float32", "float64", "bfloat16")
-
-
-def on_xpu(array: np.ndarray) -> torch.Tensor:
-    return torch.from_numpy(np.ascontiguousarray(array)).to("xpu")
+from super_block_cases import on_xpu
+from super_block_reference import BLOCK_BYTES, QTYPE, decoded, quantized, random_records
 
 
 def packed(records: np.ndarray) -> torch.Tensor:
@@ -40,74 +30,6 @@ def rows_of(indices: list[list[int]], records: np.ndarray) -> np.ndarray:
     result = tolvane.dequantize_rows(index, packed(records), 23, state)
     assert result.dtype == torch.float32 and result.shape == (*index.shape, state)
     return result.cpu().numpy()
-
-
-def elements(form: str, record: np.ndarray) -> np.ndarray:
-    """The 256 elements of one record, as the module expands them."""
-    if form == "q2_k":
-        return rows_of([[0]], record[None, None])[0, 0]
-    return tolvane.dequant(torch.empty(1, 256, device="xpu"), packed(record), 21).cpu().numpy()[0]
-
-
-def test_elements_worked_by_hand():
-    record = np.zeros(66, np.uint8)
-    assert not elements("iq2_xxs", record).any()
-    record[:2] = np.float16([1]).view(np.uint8)
-    assert np.all(elements("iq2_xxs", record) == 1)
-    record[2] = 1  # grid point 1: 43, then 8
-    assert elements("iq2_xxs", record)[:9].tolist() == [43 / 8, *[1] * 8]
-    record[9] = 0xF0  # scale 15: 3.875 a unit
-    assert elements("iq2_xxs", record)[:2].tolist() == [166.625, 31]
-    record[2], record[6] = 0, 1  # sign index 1: the first and the last of the eight
-    assert elements("iq2_xxs", record)[:9].tolist() == [-31, *[31] * 6, -31, 31]
-    record[6] = 127
-    assert elements("iq2_xxs", record)[:9].tolist() == [*[-31] * 8, 31]
-
-    record = np.zeros(84, np.uint8)
-    record[:16], record[80:82], record[16] = 0x01, np.float16([1]).view(np.uint8), 0b11100100
-    assert elements("q2_k", record)[[0, 32, 64, 96]].tolist() == [0, 1, 2, 3]
-    record[82:84], record[0], record[2], record[16] = np.float16([1]).view(np.uint8), 0x21, 0x52, 0b0111
-    assert elements("q2_k", record)[[0, 1, 16, 32, 33]].tolist() == [1, -2, 0, -3, -5]
-
-
-@pytest.mark.parametrize("form", BLOCK_BYTES)
-def test_expansions_are_exact(form):
-    for dtype in TYPES:
-        t = arithmetic.ALL[dtype]
-        for rows, state in ((1, 256), (5, 512), (3, 1280)):
-            records = random_records(form, rows, state, 7)
-            expected = t.to(decoded(form, records).reshape(rows, state)).astype(np.float64)
-            identity = torch.eye(state, dtype=getattr(torch, dtype)).to("xpu")
-            dense = tolvane.forward_new(identity, packed(records), QTYPE[form], 0).t()
-            np.testing.assert_array_equal(dense.cpu().double().numpy(), expected, err_msg=dtype)
-            if form == "iq2_xxs":
-                any_scales = random_records(form, rows, state, 8, any_scales=True)
-                with np.errstate(over="ignore", invalid="ignore"):
-                    expected = t.to(decoded(form, any_scales).reshape(rows, state)).astype(np.float64)
-                result = tolvane.dequant(identity, packed(any_scales), 21)
-                assert result.dtype == identity.dtype
-                np.testing.assert_array_equal(result.cpu().double().numpy(), expected, err_msg=dtype)
-
-
-@lru_cache(maxsize=None)
-def expected_of(case: Case) -> np.ndarray:
-    x = activations(case).astype(np.float64 if case.type == "float64" else np.float32)
-    return one_row(case.format, x, records_of(case), arithmetic.ALL[case.type]).astype(np.float64)
-
-
-def check(results: dict[str, np.ndarray]) -> None:
-    for case in cases():
-        np.testing.assert_array_equal(results[case.name], expected_of(case), err_msg=case.name)
-
-
-@pytest.mark.parametrize("name", [name for name in DEVICE_NAMES if "IGX" not in name])
-def test_one_row_to_the_bit(in_process, name):
-    check(in_process("super_block_cases.py", KELVOR_XPU_DEVICE_NAME=name))
-
-
-def test_one_row_by_single_work_items_and_at_guard_pages(in_process):
-    check(in_process("super_block_cases.py", one_lane=True))
-    check(in_process("super_block_cases.py", KELVOR_XPU_GUARD_PAGES="1"))
 
 
 @pytest.mark.parametrize("form", BLOCK_BYTES)
@@ -132,8 +54,12 @@ def test_activations_are_quantized_to_the_bit():
     weight = packed(records)
     random = np.random.default_rng(5)
     rows = [random.standard_normal(256) * 10.0**power for power in (-9, -4, 0, 3, 6)]
-    rows += [random.integers(-254, 255, 256) / 2, np.where(c % 32 == 5, 127, 0), np.where(c == 3, -1, c == 9)]
-    rows += [np.linspace(-1e-44, 1e-44, 256), np.where(c % 32 == 0, 127, c - 127.5)]
+    rows += [random.integers(-254, 255, 256) / 2, np.where(c % 32 == 5, 127, 0)]
+    rows += [
+        np.where(c == 3, -1, c == 9),
+        np.linspace(-1e-44, 1e-44, 256),
+        np.where(c % 32 == 0, 127, c - 127.5),
+    ]
     for row in rows:
         for dtype in (np.float16, np.float32, np.float64):
             with np.errstate(over="ignore"):
@@ -144,9 +70,9 @@ def test_activations_are_quantized_to_the_bit():
             if not np.isfinite(d).all():
                 expected[:] = np.nan  # the zeros of every row are multiplied by that step
             result = tolvane.forward_new(on_xpu(x[None]), weight, 23, 0).cpu().numpy()[0]
-            np.testing.assert_array_equal(result, expected)
-    one = tolvane.forward_new(on_xpu(rows[6][None].astype(np.float32)), weight, 23, 0).cpu().numpy()[0]
-    assert one.tolist() == [127.0 if c % 32 == 5 else 0.0 for c in range(256)]
+            assert_array_equal(result, expected)
+    fives = on_xpu(rows[6].astype(np.float32))
+    assert torch.equal(tolvane.forward_new(fives[None], weight, 23, 0)[0], fives)
 
 
 @pytest.mark.parametrize("form", BLOCK_BYTES)
@@ -167,47 +93,17 @@ def test_routes_forms_and_gradient(form):
     torch.testing.assert_close(leaf.grad.cpu(), dense.sum(0).expand(2, 512))
     empty = weight[:0]
     for rows, bytes_ in ((0, weight), (0, empty), (1, empty), (2, empty)):
-        result = tolvane.forward_new(x.new_zeros(rows, 512).half().to("xpu"), bytes_, QTYPE[form], 0)
-        assert result.shape == (rows, len(bytes_) // (2 * BLOCK_BYTES[form])) and result.dtype == torch.half
-
-
-REFUSED = """
-import torch, tolvane
-for qtype, size in ((21, 66), (23, 84)):
-    for rows in (1, 2):
-        try:
-            weight = torch.zeros(size, dtype=torch.uint8).to("xpu")
-            tolvane.forward_new(torch.ones(rows, 256).to("xpu"), weight, qtype, 0)
-        except RuntimeError as error:
-            print(error)
-"""
-
-
-def test_what_is_refused(run_code):
-    said = run_code(REFUSED, KELVOR_XPU_DEVICE_NAME="IGX").stdout.splitlines()
-    expected = [f"forward_new: this device has no function for qtype {qtype};" for qtype in (21, 21, 23, 23)]
-    assert [line[: len(words)] for line, words in zip(said, expected)] == expected
-    before = kelvor_xpu.submission_count()
-    for form, size in BLOCK_BYTES.items():
-        weight = torch.zeros(10 * size, dtype=torch.uint8, device="xpu")
-        for rows, state, message in (
-            (1, 320, "positive multiple of 256"),
-            (2, 320, "positive multiple of 256"),
-            (1, 100, "positive multiple of 256"),
-            (2, 100, "^100 must be a multiple of 64"),
-        ):
-            with pytest.raises(RuntimeError, match=message):
-                tolvane.forward_new(torch.ones(rows, state, device="xpu"), weight, QTYPE[form], 0)
-        with pytest.raises(RuntimeError, match="not implemented for 'Int'"):
-            tolvane.forward_new(torch.ones(1, 256, device="xpu").int(), weight, QTYPE[form], 0)
-    assert kelvor_xpu.submission_count() == before
+        zeros = torch.zeros(rows, 512, dtype=torch.half, device="xpu")
+        result = tolvane.forward_new(zeros, bytes_, QTYPE[form], 0)
+        output = len(bytes_) // (2 * BLOCK_BYTES[form])
+        assert result.shape == (rows, output) and result.dtype == torch.half
 
 
 def test_rows_that_indices_pick():
     records = random_records("q2_k", 7, 512, 9, any_scales=True)
     table = decoded("q2_k", records).reshape(7, 512)
     for indices in ([[5]], [[0, 6, 6], [3, 1, 6]], [[6], [0]]):
-        np.testing.assert_array_equal(rows_of(indices, records), table[np.array(indices)])
+        assert_array_equal(rows_of(indices, records), table[np.array(indices)])
     kelvor_xpu.clear_submissions()
     rows_of([[0, 6, 6], [3, 1, 6]], records)
     assert shapes() == [(12 * 64, 64, True)]
@@ -221,7 +117,7 @@ def test_rows_that_indices_pick():
         index = torch.zeros(shape, dtype=torch.int64, device="xpu")
         assert tolvane.dequantize_rows(index, weight, 23, 512).shape == (*shape, 512)
     other = tolvane.dequantize_rows(torch.tensor([[99]]).to("xpu"), weight, 21, 100)
-    assert other.shape == (1, 1, 100) and other.dtype == torch.float32 and other.device.type == "xpu"
+    assert other.shape == (1, 1, 100) and other.dtype == torch.float32 and other.is_xpu
     good = torch.tensor([[0, 6, 6], [3, 1, 6]])
     for place, value in (((0, 0), -1), ((1, 2), 7), ((0, 1), 2**32), ((1, 0), -(2**63))):
         bad = good.clone()
@@ -229,42 +125,4 @@ def test_rows_that_indices_pick():
         said = rf"^dequantize_rows: input\[{place[0]}\]\[{place[1]}\] is {value}, but the weight has 7 rows"
         with pytest.raises(RuntimeError, match=said):
             tolvane.dequantize_rows(bad.to("xpu"), weight, 23, 512)
-    good = good.to("xpu")
-    for arguments, message in (
-        ((good.cpu(), weight, 23, 512), "^input must be a XPU tensor"),
-        ((good.t(), weight, 23, 512), "^input must be contiguous"),
-        ((good, weight.cpu(), 23, 512), "^weight must be a XPU tensor"),
-        ((good, weight[::2], 23, 512), "^weight must be contiguous"),
-        ((good[0], weight, 23, 512), "input must have 2 dimensions"),
-        ((good.int(), weight, 23, 512), "torch.int64"),
-        ((good, weight.float(), 23, 512), "flat tensor of packed bytes"),
-        ((good, weight, 23, 100), "^100 must be a multiple of 64"),
-        ((good, weight, 23, 192), "positive multiple of 256"),
-        ((good, weight, 23, 0), "positive multiple of 256"),
-        ((good, weight[:0], 23, 512), "has 0 rows"),
-    ):
-        with pytest.raises(RuntimeError, match=message):
-            tolvane.dequantize_rows(*arguments)
     assert kelvor_xpu.submission_count() == before
-
-
-EXPANSIONS_AT_GUARD_PAGES = """
-import numpy as np, torch, tolvane
-from super_block_reference import decoded
-from super_block_cases import random_records
-records = random_records("q2_k", 5, 256, 1)
-index = torch.tensor([[4, 0, 4]]).to("xpu")
-rows = tolvane.dequantize_rows(index, torch.from_numpy(records.reshape(-1)).to("xpu"), 23, 256).cpu().numpy()
-print(np.array_equal(rows[0], decoded("q2_k", records)[[4, 0, 4], 0]))
-for form, qtype in (("q2_k", 23), ("iq2_xxs", 21)):
-    records = random_records(form, 5, 256, 1)
-    weight = torch.from_numpy(records.reshape(-1)).to("xpu")
-    dense = tolvane.forward_new(torch.eye(256).to("xpu"), weight, qtype, 0).t().cpu().numpy()
-    print(np.array_equal(dense, decoded(form, records)[:, 0]))
-"""
-
-
-def test_expansions_touch_nothing_outside_the_tensors(run_code):
-    for environment in ({}, {"one_lane": True}):
-        done = run_code(EXPANSIONS_AT_GUARD_PAGES, KELVOR_XPU_GUARD_PAGES="1", **environment)
-        assert done.stdout.split() == ["True"] * 3, done.stderr[-2000:]

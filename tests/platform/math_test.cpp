@@ -51,41 +51,28 @@ auto uniform(double low, double high) {
 
 template <class T>
 void check_all(const char* type, double limit) {
-  const auto report = [&](const char* name, double error) {
+  const auto check = [&](const char* name, const auto& draw, const auto& function, const auto& exact) {
+    const double error = largest_error<T>(draw, function, exact);
     std::printf("%s %-28s %.2f ulp\n", type, name, error);
     EXPECT_LE(error, limit) << name;
   };
-  const auto fn = [](auto f) { return f; };
-  report("native::exp on [-87, 88]",
-         largest_error<T>(uniform(-87, 88), fn([](const auto& x) { return sycl::native::exp(x); }), expl));
-  report("exp2 on [-126, 127]", largest_error<T>(
-                                    uniform(-126, 127), [](const auto& x) { return sycl::exp2(x); }, exp2l));
-  report("native::sin to 2^17",
-         largest_error<T>(
-             uniform(-131072, 131072), [](const auto& x) { return sycl::native::sin(x); }, sinl));
-  report("native::cos to 2^17",
-         largest_error<T>(
-             uniform(-131072, 131072), [](const auto& x) { return sycl::native::cos(x); }, cosl));
-  report("native::sin to 10",
-         largest_error<T>(
-             uniform(-10, 10), [](const auto& x) { return sycl::native::sin(x); }, sinl));
-  report("native::cos to 10",
-         largest_error<T>(
-             uniform(-10, 10), [](const auto& x) { return sycl::native::cos(x); }, cosl));
-  report("rsqrt on [1e-12, 1e12]",
-         largest_error<T>([](std::mt19937& r) { return std::pow(10.0, uniform(-12, 12)(r)); },
-                          [](const auto& x) { return sycl::native::rsqrt(x); },
-                          [](long double x) { return 1 / std::sqrt(x); }));
-  report("pow(10000, x) on [-1, 1]", largest_error<T>(
-                                         uniform(-1, 1),
-                                         [](const auto& x) {
-                                           using V = std::remove_cvref_t<decltype(x)>;
-                                           return sycl::pow(V(T(10000)), x);
-                                         },
-                                         [](long double x) { return powl(10000, x); }));
-  report("pown(x, 7)", largest_error<T>(
-                           uniform(-30, 30), [](const auto& x) { return sycl::pown(x, 7); },
-                           [](long double x) { return powl(x, 7); }));
+  const auto sine = [](const auto& x) { return sycl::native::sin(x); };
+  const auto cosine = [](const auto& x) { return sycl::native::cos(x); };
+  const auto exponential = [](const auto& x) { return sycl::native::exp(x); };
+  const auto power_of_two = [](const auto& x) { return sycl::exp2(x); };
+  const auto inverse_root = [](const auto& x) { return sycl::native::rsqrt(x); };
+  const auto power = [](const auto& x) { return sycl::pow(std::remove_cvref_t<decltype(x)>(T(10000)), x); };
+  const auto seventh = [](const auto& x) { return sycl::pown(x, 7); };
+  const auto many_decades = [](std::mt19937& r) { return std::pow(10.0, uniform(-12, 12)(r)); };
+  check("native::exp on [-87, 88]", uniform(-87, 88), exponential, expl);
+  check("exp2 on [-126, 127]", uniform(-126, 127), power_of_two, exp2l);
+  check("native::sin to 2^17", uniform(-131072, 131072), sine, sinl);
+  check("native::cos to 2^17", uniform(-131072, 131072), cosine, cosl);
+  check("native::sin to 10", uniform(-10, 10), sine, sinl);
+  check("native::cos to 10", uniform(-10, 10), cosine, cosl);
+  check("rsqrt on [1e-12, 1e12]", many_decades, inverse_root, [](long double x) { return 1 / std::sqrt(x); });
+  check("pow(10000, x) on [-1, 1]", uniform(-1, 1), power, [](long double x) { return powl(10000, x); });
+  check("pown(x, 7)", uniform(-30, 30), seventh, [](long double x) { return powl(x, 7); });
 }
 
 TEST(Math, FloatWithinFourUlps) {

@@ -9,19 +9,12 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import quarn
-import super_blocks
-from reference import (
-    SIZES,
-    codes_and_scales,
-    decode,
-    levels,
-    minifloat_values,
-    naive_error,
-    nearest,
-)
+from packed import PACKED, minifloat_values, random_weight
+from reference import codes_and_scales, decode, levels, naive_error, nearest
+from super_block_reference import BLOCK_BYTES, random_records
 
 EVERY_NAME = sorted(quarn.FORMATS)
-NAMES = sorted(SIZES)
+NAMES = sorted(PACKED)
 
 
 def as_bytes(packed: torch.Tensor) -> bytes:
@@ -104,26 +97,22 @@ def test_bytes_by_hand(
 def random_bytes(name: str, blocks: int, seed: int = 1) -> bytes:
     """Packed blocks of any codes that stand for finite values, and scales from 0.5 to 1."""
     generator = np.random.default_rng(seed)
-    if name in super_blocks.BYTES:
-        records = generator.integers(0, 256, (blocks, super_blocks.BYTES[name]), dtype=np.uint8)
+    if name in BLOCK_BYTES:
+        records = random_records(name, blocks, 256, seed)
         for place in (80, 82) if name == "q2_k" else (0,):
-            halves = generator.uniform(0.5, 1, blocks).astype(np.float16)
-            records[:, place : place + 2] = halves[:, None].view(np.uint8)
+            halves = generator.uniform(0.5, 1, (blocks, 1)).astype(np.float16)
+            records[..., place : place + 2] = halves[..., None].view(np.uint8)
         return records.tobytes()
-    value_bytes, scale_bytes = SIZES[name]
-    values = generator.integers(0, 256, (blocks, value_bytes), dtype=np.uint8)
-    if name.startswith("fp8_e5m2"):
-        values &= 0xFB  # keep the exponent below that of infinities
+    weight = random_weight(PACKED[name], blocks, 64, seed)
+    weight.scales[:] = generator.uniform(0.5, 1, weight.scales.shape)
+    values = weight.values[:, 0]
+    if name.startswith("fp8_e5m2"):  # keep the exponent below that of infinities
+        values[:] = generator.integers(0, 256, values.shape) & 0xFB
     if name in ("q4_1", "q5_1"):  # elements 0 and 32 get the two ends of the code range
-        values[:, value_bytes - 32] = 0xF0
+        values[:, -32] = 0xF0
         if name == "q5_1":
-            values[:, 4], values[:, 8] = values[:, 4] & 0xFE, values[:, 8] | 1
-    kind = np.float32 if value_bytes == 64 else np.float16
-    scales = generator.uniform(0.5, 1, (blocks, 2)).astype(kind)
-    if value_bytes == 44:
-        values[:, :4] = scales.view(np.uint8)
-        return values.tobytes()
-    return values.tobytes() + scales[:, : scale_bytes // kind().itemsize].tobytes()
+            values[:, 0], values[:, 4] = values[:, 0] & 0xFE, values[:, 4] | 1
+    return weight.bytes.tobytes()
 
 
 @pytest.mark.parametrize("name", EVERY_NAME)
@@ -334,5 +323,5 @@ def test_synthetic_weight_is_whole_and_plausible(name: str) -> None:
     torch.manual_seed(0)
     dense = decode(as_bytes(quarn.synthetic(name, 96, 4096, 0.5)), name, 4096)
     assert dense.shape == (96, 4096)
-    slack = 0.03 if name in super_blocks.BYTES else 0.01  # two bits lose some of the deviation
+    slack = 0.03 if name in BLOCK_BYTES else 0.01  # two bits lose some of the deviation
     assert abs(dense.std() - 0.5) < slack and abs(dense.mean()) < 0.01

@@ -56,7 +56,9 @@ def made(name: str) -> nn.Module:
 
 def prompt() -> dict[str, torch.Tensor]:
     """Two rows of tokens, the second padded on the left."""
-    tokens = torch.randint(1, SIZES["vocab_size"], (2, 7), generator=torch.Generator().manual_seed(3))
+    tokens = torch.randint(
+        1, SIZES["vocab_size"], (2, 7), generator=torch.Generator().manual_seed(3)
+    )
     mask = torch.ones_like(tokens)
     mask[1, :3] = 0
     return {"input_ids": tokens * mask, "attention_mask": mask}

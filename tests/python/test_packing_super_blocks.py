@@ -7,9 +7,10 @@ import pytest
 import torch
 
 import quarn
-from super_blocks import BYTES, MAGNITUDES, SIGNS, decode
+from reference import decode
+from super_block_reference import BLOCK_BYTES, GRID, SIGNS
 
-NAMES = sorted(BYTES)
+NAMES = sorted(BLOCK_BYTES)
 
 
 def packed_and_decoded(
@@ -18,7 +19,7 @@ def packed_and_decoded(
     """The records, [blocks, bytes], and what they stand for."""
     factors = None if importance is None else torch.from_numpy(importance)
     raw = quarn.pack(torch.from_numpy(weight), name, factors).numpy()
-    return raw.reshape(-1, BYTES[name]), decode(raw.tobytes(), name, weight.shape[1])
+    return raw.reshape(-1, BLOCK_BYTES[name]), decode(raw.tobytes(), name, weight.shape[1])
 
 
 @pytest.mark.parametrize(("name", "bound"), [("q2_k", 0.068), ("iq2_xxs", 0.109)])
@@ -87,16 +88,15 @@ def test_iq2_xxs_takes_the_best_grid_entry_and_signs(weighted: bool) -> None:
     importance = generator.uniform(0.1, 2, 256).astype(np.float32)
     records, decoded = packed_and_decoded(weight, "iq2_xxs", importance if weighted else None)
     factors = importance if weighted else np.ones(256)
-    signs = 1 - 2.0 * (SIGNS[:, None] >> np.arange(8) & 1)
     for row in range(len(weight)):
         d = records[row, :2].copy().view(np.float16)[0].astype(np.float64)
         for start in range(0, 256, 8):
             step = (records[row, 2 + start // 32 * 8 + 7] >> 4) + 0.5
-            levels = step * d * 0.25 * MAGNITUDES
+            levels = step * d * 0.25 * GRID
             part = slice(start, start + 8)
             # sum w (x - s m)^2, for every entry and pattern
             x, w = weight[row, part].astype(np.float64), factors[part]
-            errors = (w * x * x).sum() - 2 * levels @ (signs * x * w).T + (levels**2 @ w)[:, None]
+            errors = (w * x * x).sum() - 2 * levels @ (SIGNS * x * w).T + (levels**2 @ w)[:, None]
             chosen = (w * (decoded[row, part] - x) ** 2).sum()
             assert chosen <= errors.min() * (1 + 1e-6) + 1e-5 * (w * x * x).sum()
 
