@@ -15,8 +15,8 @@ from packed import BLOCK_BYTES, FORMATS, random_weight
 ONE, FEW, DENSE, ENGINE, TILED = "1", "few", "dense", "engine", "tiled"
 LETTERS = {route[0]: route for route in (ONE, FEW, DENSE, ENGINE, TILED)}
 NO_ENGINE, EMPTY = {"QUARN_LLM_SYSARR_DISABLED": "1"}, {"QUARN_LLM_SYSARR_DISABLED": ""}
-# (qtype, rows, output_size, size_hint, environment), and the routes' first letters on the device classes 0 to 5: Summit,
-# Vela A, Ridge, others, Vela, IGX.
+# (qtype, rows, output_size, size_hint, environment), and the routes' first letters on the device classes 0 to 5:
+# Summit, Vela A, Ridge, others, Vela, IGX.
 CALLS = [
     ((2, 1, 4096, 0, {}), "111111"),
     ((2, 2, 4096, 0, {}), "eeffff"),

@@ -12,9 +12,9 @@ Range = tuple[int, ...]
 
 @dataclass(frozen=True)
 class Call:
-    """`arguments`: positional. `scope`: the profiler's name for the call. `launch`: the index space and the work-group of its one submission,
-    where they are asserted. `written`: the places of the tensors that the operator writes; `unread`: of those that give
-    it sizes only."""
+    """`arguments`: positional. `scope`: the profiler's name for the call. `launch`: the index space and the work-group of
+    its one submission, where they are asserted, and `waits` whether the host waits for it. `written`: the places of the
+    tensors that the operator writes; `unread`: of those that give it sizes only."""
 
     arguments: list[Any]
     scope: str = ""

@@ -15,6 +15,7 @@ import tolvane
 import torch
 
 from packed import FORMATS, FUSED, random_weight
+from super_block_reference import QTYPE, random_records
 
 TYPES = ("float32", "float16", "bfloat16")
 
@@ -28,13 +29,15 @@ def calls() -> dict[str, Callable[[], object]]:
     def weight(form) -> torch.Tensor:
         return torch.from_numpy(random_weight(form, 256, 1024, 1).bytes).to("xpu")
 
+    packed = {name: (weight(form), form.qtype) for name, form in FORMATS.items()}
+    for name, qtype in QTYPE.items():
+        records = torch.from_numpy(random_records(name, 256, 1024, 1).ravel())
+        packed[name] = (records.to("xpu"), qtype)
     made: dict[str, Callable[[], object]] = {}
     for t in TYPES:
         x = torch.randn(1, 1024).to("xpu", getattr(torch, t))
-        for name, form in FORMATS.items():
-            made[f"{name} {t}"] = lambda x=x, w=weight(form), q=form.qtype: tolvane.forward_new(
-                x, w, q, 0
-            )
+        for name, (w, q) in packed.items():
+            made[f"{name} {t}"] = lambda x=x, w=w, q=q: tolvane.forward_new(x, w, q, 0)
         for name, form in FUSED.items():
             made[f"mlp {name} {t}"] = lambda x=x, w=weight(form), q=form.qtype: (
                 tolvane.mlp_forward_xpu(x, w, w, 1, 1024, 256, q)
