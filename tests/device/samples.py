@@ -21,6 +21,7 @@ if "expecttest" not in sys.modules:
         sys.modules["expecttest"] = stand_in
 
 from torch.testing._internal import common_methods_invocations  # noqa: E402
+from torch.testing._internal.common_utils import set_rng_seed  # noqa: E402
 
 OPERATORS = common_methods_invocations.op_db
 Arguments = tuple[list[Any], dict[str, Any]]
@@ -34,9 +35,10 @@ def samples(op: Any, dtype: torch.dtype, count: int | None) -> list[Arguments]:
     listed = dtype if dtype in op.dtypes else torch.float32
     if listed is not dtype and dtype not in REDUCED or listed not in op.dtypes:
         return []
-    torch.manual_seed(0)
+    set_rng_seed(0)
     found = []
-    for sample in op.sample_inputs("cpu", listed, requires_grad=False):
+    # Not op.sample_inputs: to know which test asks, that reads the source of every frame on the stack.
+    for sample in op.sample_inputs_func(op, torch.device("cpu"), listed, False):
         arguments = ([sample.input, *sample.args], sample.kwargs)
         found.append(map_tensors(arguments, lambda t: t.to(dtype) if t.dtype is listed else t))
         if len(found) == count:

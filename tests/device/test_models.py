@@ -8,6 +8,7 @@ from typing import Callable
 
 import pytest
 import torch
+import torch.utils.checkpoint
 from torch import nn
 
 import kelvor_xpu
@@ -92,6 +93,89 @@ def test_reduced_models_stay_close_to_float(name: str, dtype: torch.dtype) -> No
     y.float().square().mean().backward()
     for parameter in reduced.parameters():
         assert parameter.grad.dtype == dtype and parameter.grad.isfinite().all()
+
+
+@pytest.mark.parametrize("kind", [nn.LSTM, nn.GRU, nn.RNN])
+def test_recurrent_layers_give_the_cpus_states_and_gradients(kind: type[nn.RNNBase]) -> None:
+    lengths = [5, 3]
+    for options in ({"batch_first": True}, {"bidirectional": True}, {"num_layers": 2, "bias": False}):
+        layer = kind(8, 6, **options)
+        x = torch.randn(2, 5, 8)
+        outputs = []
+        for device in ("cpu", "xpu"):
+            there = copy.deepcopy(layer).to(device)
+            packed = nn.utils.rnn.pack_padded_sequence(x.to(device), lengths, batch_first=True)
+            values = [there(x.to(device))[0], there(packed)[0].data]
+            sum(value.square().sum() for value in values).backward()
+            outputs.append([*values, *(parameter.grad for parameter in there.parameters())])
+        for here, there in zip(*outputs, strict=True):
+            torch.testing.assert_close(there.cpu(), here, rtol=1e-5, atol=1e-5)
+
+
+@pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16], ids=str)
+def test_autocast_takes_the_types_that_it_takes_elsewhere(dtype: torch.dtype) -> None:
+    layer, norm = nn.Linear(8, 8).to("xpu"), nn.LayerNorm(8).to("xpu")
+    x = torch.randn(3, 8, device="xpu")
+    with torch.autocast("xpu", dtype=dtype):
+        assert torch.is_autocast_enabled("xpu") and torch.get_autocast_dtype("xpu") == dtype
+        hidden = layer(x)
+        assert hidden.dtype == dtype and norm(hidden).dtype == torch.float32
+        assert torch.softmax(hidden, -1).dtype == torch.float32
+        with torch.autocast("xpu", enabled=False):
+            assert layer(x).dtype == torch.float32
+    reduced = nn.functional.linear(x.to(dtype), layer.weight.to(dtype), layer.bias.to(dtype))
+    assert torch.equal(hidden, reduced)
+
+
+def test_gradient_scaling_skips_steps_that_overflow() -> None:
+    layer = nn.Linear(4, 4).to("xpu")
+    optimiser = torch.optim.SGD(layer.parameters(), lr=0.1)
+    scaler = torch.amp.GradScaler("xpu", init_scale=8.0, growth_interval=1)
+    for factor, scale, changes in ((1.0, 16.0, True), (float("inf"), 8.0, False)):
+        before = layer.weight.detach().clone()
+        optimiser.zero_grad()
+        with torch.autocast("xpu", dtype=torch.half):
+            loss = layer(torch.ones(3, 4, device="xpu")).float().square().mean() * factor
+        scaler.scale(loss).backward()
+        scaler.unscale_(optimiser)
+        if changes:
+            exact = torch.autograd.grad(layer(torch.ones(3, 4, device="xpu")).square().mean(), layer.weight)[0]
+            torch.testing.assert_close(layer.weight.grad, exact, rtol=2e-2, atol=2e-3)
+        scaler.step(optimiser)
+        scaler.update()
+        assert scaler.get_scale() == scale and torch.equal(before, layer.weight) != changes
+
+
+@pytest.mark.parametrize("reentrant", [False, True])
+def test_checkpointing_repeats_the_same_random_numbers(reentrant: bool) -> None:
+    model = nn.Sequential(nn.Linear(4, 4), nn.Dropout(0.5), nn.Tanh()).to("xpu")
+    x = torch.randn(3, 4, device="xpu", requires_grad=True)
+
+    def gradient(run: Callable[[torch.Tensor], torch.Tensor]) -> torch.Tensor:
+        x.grad = None
+        torch.manual_seed(1)
+        run(x).square().sum().backward()
+        return x.grad
+
+    checkpoint = torch.utils.checkpoint.checkpoint
+    assert torch.equal(gradient(lambda x: checkpoint(model, x, use_reentrant=reentrant)), gradient(model))
+
+
+@pytest.mark.parametrize("backend", ["eager", "aot_eager", "inductor"])
+def test_compiled_models_give_what_they_give_otherwise(backend: str) -> None:
+    torch._dynamo.reset()
+    model = nn.Sequential(nn.Linear(4, 8), nn.GELU(), nn.Linear(8, 2)).to("xpu")
+    compiled = torch.compile(model, backend=backend, fullgraph=True)
+    x = torch.randn(3, 4, device="xpu")
+    if backend == "inductor":  # the default one, which would write code for a GPU
+        with pytest.warns(UserWarning, match='runs as backend="eager"'):
+            y = compiled(x)
+    else:
+        y = compiled(x)
+    assert torch.equal(y, model(x))
+    gradients = torch.autograd.grad(y.sum(), list(model.parameters()))
+    for got, want in zip(gradients, torch.autograd.grad(model(x).sum(), list(model.parameters()))):
+        torch.testing.assert_close(got, want)
 
 
 def test_autograd_beyond_the_first_derivative() -> None:

@@ -23,7 +23,7 @@ def run(
     environment = {**os.environ, **variables}
     program = imports + "\n" + textwrap.dedent(code)
     return subprocess.run(
-        [sys.executable, "-c", program], env=environment, capture_output=True, text=True, timeout=60
+        [sys.executable, "-c", program], env=environment, capture_output=True, text=True, timeout=240
     )
 
 
@@ -104,6 +104,28 @@ def test_a_forked_child_can_use_the_device() -> None:
     output(code)
 
 
+def test_tensors_go_to_other_processes_by_the_cpu(tmp_path: Path) -> None:
+    script = tmp_path / "send.py"
+    script.write_text(textwrap.dedent("""
+        import torch, torch.multiprocessing as processes
+
+        def work(received, sent):
+            sent.put((received.get().xpu() * 2).tolist())
+
+        if __name__ == "__main__":
+            context = processes.get_context("spawn")
+            to, back = context.Queue(), context.Queue()
+            other = context.Process(target=work, args=(to, back))
+            other.start()
+            to.put(torch.arange(3.0, device="xpu").cpu())
+            print(back.get(timeout=120))
+            other.join()
+    """))
+    done = subprocess.run([sys.executable, str(script)], capture_output=True, text=True, timeout=300)
+    assert done.returncode == 0, done.stderr
+    assert done.stdout.strip() == "[0.0, 2.0, 4.0]"
+
+
 def test_exit_with_live_tensors_and_a_sleeping_thread() -> None:
     code = """
         import threading, time
@@ -160,6 +182,15 @@ def test_memory_is_counted_reused_and_returned() -> None:
         kelvor_xpu.empty_cache()
         kelvor_xpu.reset_peak_memory_stats()
         assert torch.xpu.memory_reserved() == kelvor_xpu.max_memory_allocated() == 0
+        torch.xpu.set_per_process_memory_fraction(1e-9)  # some bytes
+        try:
+            torch.empty(4096, device="xpu")
+        except torch.OutOfMemoryError as error:
+            assert "limit" in str(error)
+        else:
+            raise AssertionError("there is a limit")
+        torch.xpu.set_per_process_memory_fraction(1.0)
+        torch.empty(4096, device="xpu")
     """
     output(code)
 

@@ -5,6 +5,7 @@ from __future__ import annotations
 import copy
 import io
 import pickle
+from pathlib import Path
 from typing import Callable
 
 import numpy as np
@@ -178,6 +179,81 @@ def test_random_numbers_are_the_cpus() -> None:
         ]
 
     assert draw("xpu") == draw("cpu")
+
+
+def test_generators_draw_the_cpus_numbers() -> None:
+    here, there = torch.Generator(), torch.Generator(device="xpu")
+    assert there.device == torch.device("xpu:0") and there.initial_seed() == here.initial_seed()
+
+    def draw(generator: torch.Generator) -> list[float]:
+        options = {"generator": generator, "device": generator.device}
+        picked = torch.multinomial(torch.ones(9, device=generator.device), 4, generator=generator)
+        return torch.randn(5, **options).tolist() + torch.randperm(6, **options).tolist() + picked.tolist()
+
+    before = torch.get_rng_state()
+    assert draw(there.manual_seed(7)) == draw(here.manual_seed(7))
+    state, copied = there.get_state(), pickle.loads(pickle.dumps(there))
+    assert copied.device == there.device and copied.initial_seed() == 7
+    numbers = draw(there)
+    assert draw(copied) == numbers == draw(here)
+    there.set_state(state)
+    clone = there.clone_state()
+    assert draw(there) == numbers == draw(clone)
+    assert torch.equal(torch.get_rng_state(), before)  # none of it came from the default generator
+    with pytest.raises(RuntimeError, match="same device"):
+        torch.randn(3, generator=there)
+
+    default = torch.xpu.default_generators[0]
+    assert default.device.type == "xpu"
+    with torch.random.fork_rng(device_type="xpu"):
+        torch.xpu.manual_seed(5)
+        first = torch.rand(2, device="xpu", generator=default)
+        torch.manual_seed(5)
+        assert torch.equal(torch.rand(2, device="xpu"), first)
+    assert torch.equal(torch.get_rng_state(), before)
+
+
+def test_pinned_memory_says_so() -> None:
+    pinned = torch.arange(6.0).pin_memory()
+    for tensor in (pinned, pinned[2:], pinned.detach(), torch.empty(3, pin_memory=True), torch.zeros_like(pinned, pin_memory=True)):
+        assert tensor.is_pinned() and tensor.device.type == "cpu"
+    assert not pinned.clone().is_pinned() and not pinned.xpu().is_pinned()
+    assert pinned.pin_memory() is pinned
+    assert pinned.to("xpu", non_blocking=True).tolist() == [0.0, 1.0, 2.0, 3.0, 4.0, 5.0]
+    address = pinned.data_ptr()
+    del pinned, tensor
+    taken = [torch.empty(6) for _ in range(20)]
+    assert not any(x.is_pinned() for x in taken), f"{address} is not pinned any more"
+    loader = torch.utils.data.DataLoader(torch.arange(6.0), batch_size=3, num_workers=1, pin_memory=True)
+    batches = list(loader)
+    assert [batch.tolist() for batch in batches] == [[0.0, 1.0, 2.0], [3.0, 4.0, 5.0]]
+    assert all(batch.is_pinned() for batch in batches)
+
+
+def test_dlpack_shares_memory_both_ways() -> None:
+    there = numbers(3, 4).to("xpu")
+    shared = torch.from_dlpack(there[:, ::2])
+    assert shared.device == there.device and shared.stride() == (4, 2)
+    shared.fill_(-1)
+    assert there[:, 0].tolist() == [-1.0] * 3 and there[0, 1].item() == 1.0
+    again = torch.utils.dlpack.from_dlpack(torch.utils.dlpack.to_dlpack(there))
+    assert again.data_ptr() == there.data_ptr()
+    assert torch.from_dlpack(np.arange(3.0), device="xpu").tolist() == [0.0, 1.0, 2.0]
+    assert np.array_equal(np.from_dlpack(there.cpu()), there.cpu().numpy())
+    del there
+    assert again[2, 3].item() == 11.0  # the memory lives as long as one of the tensors
+
+
+def test_safetensors_of_the_device(tmp_path: Path) -> None:
+    safetensors = pytest.importorskip("safetensors.torch")
+    tensors = {str(dtype): numbers(2, 3).to("xpu", dtype) for dtype in TYPES if not dtype.is_complex}
+    safetensors.save_file(tensors, tmp_path / "file")
+    for device in ("xpu", "cpu"):
+        loaded = safetensors.load_file(tmp_path / "file", device=device)
+        for name, tensor in tensors.items():
+            assert loaded[name].device.type == device and torch.equal(loaded[name].cpu(), tensor.cpu())
+    with safetensors.safe_open(tmp_path / "file", "pt", device="xpu") as file:
+        assert file.get_slice("torch.float32")[:, 1:].tolist() == [[1.0, 2.0], [4.0, 5.0]]
 
 
 @pytest.mark.parametrize("dtype", [torch.float32, torch.half, torch.bfloat16, torch.int64], ids=str)
