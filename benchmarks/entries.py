@@ -145,7 +145,9 @@ def overhead(quick: bool) -> Iterator[Case]:
 
         return run
 
-    yield Case("overhead", "100 x 16", "float", "dense", 100 * 16 * 4, adds(x.to("xpu")), {"cpu": adds(x)})
+    yield Case(
+        "overhead", "100 x 16", "float", "dense", 100 * 16 * 4, adds(x.to("xpu")), {"cpu": adds(x)}
+    )
 
 
 ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, forward, dequant, linear, overhead]

@@ -30,7 +30,9 @@ def norm(quick: bool) -> Iterator[Case]:
             rms: Call = lambda _, x=x, weight=weight: tolvane.fused_rms_norm(
                 x, weight.shape, weight, None, 1e-5
             )
-            yield Case("layer norm", f"{rows} x {n}", kind, "dense", size, layer, {"cpu": dense_layer})
+            yield Case(
+                "layer norm", f"{rows} x {n}", kind, "dense", size, layer, {"cpu": dense_layer}
+            )
             yield Case("rms norm", f"{rows} x {n}", kind, "dense", size, rms, {"cpu": dense_rms})
 
 
@@ -57,7 +59,9 @@ def rotary(quick: bool) -> Iterator[Case]:
                 composed_rotary(q, *tables),
                 composed_rotary(k, *tables),
             )
-            ours: Call = lambda _, a=(xq, xk, xp, *out): tolvane.apply_rotary_embedding_half_q_and_k(*a)
+            ours: Call = lambda _, a=(xq, xk, xp, *out): (
+                tolvane.apply_rotary_embedding_half_q_and_k(*a)
+            )
             cached: Call = lambda _, a=(xq, xk, *on_xpu, *out): (
                 tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(*a)
             )

@@ -1,6 +1,6 @@
 """Prints the table of benchmarks.
 
-usage: run.py [--filter TEXT] [--quick] [--json FILE] [--plot FILE]
+usage: run.py [--entry NAME] [--filter TEXT] [--quick] [--json FILE] [--plot FILE]
 """
 
 from __future__ import annotations
@@ -31,6 +31,7 @@ def machine_facts(bandwidth: float) -> dict[str, object]:
 
 def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--entry", default="", help="one of the functions that yield lines")
     parser.add_argument("--filter", default="", help="words that a line must all contain")
     parser.add_argument("--quick", action="store_true", help="fewer sizes and shorter runs")
     parser.add_argument("--json", type=Path, help="also write the results to this file")
@@ -51,6 +52,8 @@ def main() -> None:
     print(f"\n{harness.HEADER}")
     results = []
     for entry in ENTRIES:
+        if arguments.entry not in ("", entry.__name__):
+            continue
         for case in entry(arguments.quick):
             label = f"{case.operator} {case.shape} {case.dtype} {case.format}"
             if not all(word in label.split() for word in arguments.filter.split()):
@@ -59,7 +62,8 @@ def main() -> None:
             results.append(harness.measure(case, seconds, bandwidth))
             print(harness.line(results[-1]), flush=True)
     if not results:
-        parser.error(f"no benchmark matches {arguments.filter!r}")
+        names = ", ".join(dict.fromkeys(entry.__name__ for entry in ENTRIES))
+        parser.error(f"no benchmark matches; the entries are {names}")
     if arguments.json:
         harness.write_json(arguments.json, facts, results)
     if arguments.plot:

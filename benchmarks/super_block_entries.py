@@ -9,6 +9,7 @@ from torch import Tensor
 from torch.nn import functional as F
 
 import tolvane
+from dense_peers import linear_peers
 from harness import TYPES_AND_DOUBLE, Case, copies_needed
 
 Call = Callable[[int], object]
@@ -31,24 +32,19 @@ def forward_call(x: Tensor, weights: list[Tensor], qtype: int) -> Call:
     return lambda number: tolvane.forward_new(x, weights[number % len(weights)], qtype, 0)
 
 
-def linear_call(x: Tensor, weights: list[Tensor]) -> Call:
-    """The dense layer on the CPU, likewise."""
-    return lambda number: F.linear(x, weights[number % len(weights)])
-
-
 def forward(quick: bool) -> Iterator[Case]:
-    """A layer of 4096 x 4096 for one row, and expanded for many, against the dense one in float."""
+    """A layer of 4096 x 4096 for one row, and expanded for many."""
     size = 4096
-    dense = [torch.randn(size, size) for _ in range(copies_needed(4 * size * size))]
     for rows in (1,) if quick else (1, 2, 64):
         x = torch.randn(rows, size)
-        peer = linear_call(x, dense)
+        peers = linear_peers(x, size)
         for format, (qtype, _, _) in FORMATS.items():
             packed = random_blocks(format, size, size)
             copies = [packed.to("xpu") for _ in range(copies_needed(packed.numel()))]
             for kind, dtype in TYPES_AND_DOUBLE.items():
                 ours = forward_call(x.to(dtype).to("xpu"), copies, qtype)
-                yield Case("forward", f"{rows} x {size}^2", kind, format, packed.numel(), ours, peer)
+                shape, bytes_ = f"{rows} x {size}^2", packed.numel()
+                yield Case("forward", shape, kind, format, bytes_, ours, peers[kind])
 
 
 def expansion(quick: bool) -> Iterator[Case]:
@@ -62,7 +58,7 @@ def expansion(quick: bool) -> Iterator[Case]:
         bytes_ = source.numel() * source.element_size()
         ours: Call = lambda _, like=like: tolvane.dequant(like, packed, 21)
         peer: Call = lambda _, target=target, source=source: target.copy_(source)
-        yield Case("dequant", f"{size}^2", kind, "iq2_xxs", bytes_, ours, peer)
+        yield Case("dequant", f"{size}^2", kind, "iq2_xxs", bytes_, ours, {"copy": peer})
     table, dense = random_blocks("q2_k", 32000, size).to("xpu"), torch.randn(32000, size)
     index = torch.randint(0, 32000, (1, tokens))
     rows = index.to("xpu")
@@ -73,7 +69,7 @@ def expansion(quick: bool) -> Iterator[Case]:
         "q2_k",
         tokens * size * 4,
         lambda _: tolvane.dequantize_rows(rows, table, 23, size),
-        lambda _: F.embedding(index, dense),
+        {"float": lambda _: F.embedding(index, dense)},
     )
 
 
