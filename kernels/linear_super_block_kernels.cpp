@@ -221,7 +221,7 @@ template <class Format, class T>
 void dequantize_blocks(const std::uint8_t* weight, T* output, std::size_t state_size, std::size_t output_size,
                        c10::Device device) {
   check_multiple(static_cast<std::int64_t>(state_size), 64);
-  check_row_length("forward_new", static_cast<std::int64_t>(state_size), Format::block);
+  check_row_length(Format::name, static_cast<std::int64_t>(state_size), Format::block);
   if (output_size == 0) return;
   using kernel = block_dequantize_kernel<Format, T>;
   const std::size_t blocks = state_size * output_size / Format::block;
