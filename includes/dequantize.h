@@ -111,7 +111,7 @@ void qlinear_xpu_dequantize_kernel(const expansion<T>& range) {
 /// The whole tensor by a flat kernel, with the global size rounded up to whole groups.
 template <class Format, class T>
 void qlinear_xpu_dequantize_kernel_flat(const expansion<T>& range) {
-  check_row_length("forward_new", range.state_size, Format::block);
+  check_row_length(Format::name, range.state_size, Format::block);
   const std::int64_t total = range.state_size * range.rows;
   if (total == 0) return;
   constexpr std::size_t group = 256;
@@ -145,7 +145,7 @@ struct block_dequantize_kernel {
 template <class Format, class T>
 void qlinear_xpu_dequantize_kernel_blocks(const expansion<T>& range) {
   check_multiple(range.state_size, 64);
-  check_row_length("forward_new", range.state_size, Format::block);
+  check_row_length(Format::name, range.state_size, Format::block);
   const std::int64_t blocks = range.state_size * range.rows / Format::block;
   if (blocks == 0) return;
   submit<submission_form::waiting>(range.device, [&](sycl::handler& command) {
