@@ -52,7 +52,10 @@ def compare_models(arguments: argparse.Namespace) -> None:
     dtype = DTYPES[arguments.dtype]
     packed = with_packed_linears(dense, arguments.format, dtype)
     show_text(
-        f"Every linear layer in {arguments.format}, computed in {arguments.dtype}:", packed, prompt, count
+        f"Every linear layer in {arguments.format}, computed in {arguments.dtype}:",
+        packed,
+        prompt,
+        count,
     )
     show_text("Dense, in float:", copy.deepcopy(dense), prompt, count)
     print(f"Perplexity is per byte, over {HELD_OUT_BYTES - 1} bytes held out from training.")

@@ -8,7 +8,6 @@ from __future__ import annotations
 import argparse
 from pathlib import Path
 
-import torch
 from torch import Tensor
 
 from generate import generate
@@ -47,9 +46,7 @@ class FP8Decoder(Decoder):
     def new_cache(self, batch: int = 1) -> list[FP8Cache]:
         """An empty cache for each layer, on the model's device."""
         config, device = self.config, self.embedding.weight.device
-        return [
-            FP8Cache(batch, config.heads, config.context, device) for _ in range(config.layers)
-        ]
+        return [FP8Cache(batch, config.heads, config.context, device) for _ in range(config.layers)]
 
 
 def with_fp8_cache(model: Decoder) -> FP8Decoder:

@@ -1,6 +1,7 @@
 #pragma once
 // What each operator's result looks like, without computing it: for fake and meta tensors, whose sizes may be
-// symbols. Nothing here reads an element, and bad input is refused where the result's shape depends on it only.
+// symbols. Nothing here reads an element, and bad input is refused where the result's shape depends on it
+// only.
 
 #include <ATen/core/Tensor.h>
 #include <c10/util/ArrayRef.h>
@@ -19,19 +20,20 @@ at::Tensor dequantize_rows(const at::Tensor& input, const at::Tensor& weight, st
 at::Tensor expanded(const at::Tensor& like, const at::Tensor& weight, std::int64_t qtype,
                     std::int64_t state_size);
 /// Both norms. A row that is too long for the device's work-groups has the shape of any other here.
-at::Tensor norm(const at::Tensor& input, at::IntArrayRef normalized_shape, const std::optional<at::Tensor>& weight,
-                const std::optional<at::Tensor>& bias, double eps);
-at::Tensor mlp_forward_xpu(const at::Tensor& input, const at::Tensor& weight_gate, const at::Tensor& weight_up,
-                           std::int64_t batch_size, std::int64_t state_size, std::int64_t output_size,
-                           std::int64_t qtype);
+at::Tensor norm(const at::Tensor& input, at::IntArrayRef normalized_shape,
+                const std::optional<at::Tensor>& weight, const std::optional<at::Tensor>& bias, double eps);
+at::Tensor mlp_forward_xpu(const at::Tensor& input, const at::Tensor& weight_gate,
+                           const at::Tensor& weight_up, std::int64_t batch_size, std::int64_t state_size,
+                           std::int64_t output_size, std::int64_t qtype);
 at::Tensor query_key_fp8_matmul(const at::Tensor& query, const at::Tensor& key);
 at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value);
 at::Tensor rwkv_linear_attention_v4(const at::Tensor& time_decay, const at::Tensor& time_first,
-                                    const at::Tensor& key, const at::Tensor& value, const at::Tensor& num_state,
-                                    const at::Tensor& den_state, const at::Tensor& max_state);
+                                    const at::Tensor& key, const at::Tensor& value,
+                                    const at::Tensor& num_state, const at::Tensor& den_state,
+                                    const at::Tensor& max_state);
 at::Tensor rwkv_linear_attention_v5(const at::Tensor& time_decay, const at::Tensor& time_first,
-                                    const at::Tensor& receptance, const at::Tensor& key, const at::Tensor& value,
-                                    const at::Tensor& state);
+                                    const at::Tensor& receptance, const at::Tensor& key,
+                                    const at::Tensor& value, const at::Tensor& state);
 at::Tensor rwkv_time_shift(const at::Tensor& hidden, const at::Tensor& shifted, const at::Tensor& mix);
 
 }  // namespace tolvane::shapes

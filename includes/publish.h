@@ -50,8 +50,8 @@ auto in_python(const Body& body) {
   }
 }
 
-/// A type of the operators as Python's annotations and as PyTorch's schemas name it, and as the dispatcher passes
-/// it.
+/// A type of the operators as Python's annotations and as PyTorch's schemas name it, and as the dispatcher
+/// passes it.
 struct type_names {
   const char* python;
   const char* schema;
@@ -103,8 +103,8 @@ template <auto Function, class Result, class Own, class... Args>
 struct kernel<Function, Result, Own (*)(Args...)> {
   static Result call(passed<Args>... arguments) {
     std::tuple<std::remove_cvref_t<Args>...> own(received<Args>(arguments)...);
-    return std::apply([](auto&... values) { return static_cast<Result>(Function(static_cast<Args>(values)...)); },
-                      own);
+    return std::apply(
+        [](auto&... values) { return static_cast<Result>(Function(static_cast<Args>(values)...)); }, own);
   }
 };
 
@@ -119,12 +119,11 @@ template <auto Function>
 inline constexpr auto no_result = &nothing<decltype(Function)>::call;
 
 /// The keys of tensors and modes that want to see operators: subclasses, fake tensors, tracers, functorch.
-inline constexpr c10::DispatchKeySet observers({c10::DispatchKey::Python, c10::DispatchKey::PythonTLSSnapshot,
-                                                c10::DispatchKey::PreDispatch, c10::DispatchKey::Functionalize,
-                                                c10::DispatchKey::FuncTorchDynamicLayerFrontMode,
-                                                c10::DispatchKey::FuncTorchBatched,
-                                                c10::DispatchKey::FuncTorchGradWrapper,
-                                                c10::DispatchKey::FuncTorchDynamicLayerBackMode});
+inline constexpr c10::DispatchKeySet observers(
+    {c10::DispatchKey::Python, c10::DispatchKey::PythonTLSSnapshot, c10::DispatchKey::PreDispatch,
+     c10::DispatchKey::Functionalize, c10::DispatchKey::FuncTorchDynamicLayerFrontMode,
+     c10::DispatchKey::FuncTorchBatched, c10::DispatchKey::FuncTorchGradWrapper,
+     c10::DispatchKey::FuncTorchDynamicLayerBackMode});
 
 inline bool is_observed(const at::Tensor& tensor) {
   if (!tensor.defined()) return false;
@@ -142,8 +141,8 @@ bool is_observed(const T&) {
   return false;
 }
 
-/// Whether a mode of torch.overrides is active. The one behind torch.set_default_device only looks at functions that
-/// make tensors.
+/// Whether a mode of torch.overrides is active. The one behind torch.set_default_device only looks at
+/// functions that make tensors.
 inline bool is_function_mode_active() {
   using stack = at::impl::PythonTorchFunctionTLS;
   for (std::int64_t i = 0; i < stack::stack_len(); ++i) {
@@ -176,7 +175,8 @@ void define(const publisher& to, const char* name, Result (*)(Args...),
             std::index_sequence<I...>) {
   constexpr std::size_t count = sizeof...(Args);
   const auto is_written = [&](std::size_t i) { return std::strchr(parameters[i], '!') != nullptr; };
-  const std::array<std::string, count> names{std::string(parameters[I]).substr(0, std::strcspn(parameters[I], "!"))...};
+  const std::array<std::string, count> names{
+      std::string(parameters[I]).substr(0, std::strcspn(parameters[I], "!"))...};
 
   std::string help = std::string(name) + "(", schema = help;
   const auto add = [&](std::size_t i, type_names type) {
@@ -209,15 +209,16 @@ void define(const publisher& to, const char* name, Result (*)(Args...),
   };
   to.module.def(name, call, help.c_str(), pybind11::arg(names[I].c_str())..., pybind11::pos_only());
   pybind11::module_::import("kelvor_xpu._compile")
-      .attr("show_as_operator")(to.module.attr(name), std::string("tolvane::") + name,
-                                Returns == returns::nothing_but_written ? pybind11::cast(count - 1)
-                                                                        : pybind11::none());
+      .attr("show_as_operator")(
+          to.module.attr(name), std::string("tolvane::") + name,
+          Returns == returns::nothing_but_written ? pybind11::cast(count - 1) : pybind11::none());
 }
 
-/// Publishes `Function` under `name`. A parameter that it writes has a ! behind its name. Shape is a function of
-/// operator_shapes.h; without one, the operator returns nothing. With returns::nothing_but_written the function
-/// returns its last argument, and the operator nothing. The function's help begins with its signature, as the
-/// stub has it; the names of its parameters stand there only, since all arguments are positional.
+/// Publishes `Function` under `name`. A parameter that it writes has a ! behind its name. Shape is a function
+/// of operator_shapes.h; without one, the operator returns nothing. With returns::nothing_but_written the
+/// function returns its last argument, and the operator nothing. The function's help begins with its
+/// signature, as the stub has it; the names of its parameters stand there only, since all arguments are
+/// positional.
 template <auto Function, auto Shape = no_result<Function>, returns Returns = returns::same, std::size_t Count>
 void define(const publisher& to, const char* name, const char* const (&parameters)[Count], const char* text) {
   define<Function, Shape, Returns>(to, name, Function, std::to_array(parameters), text,

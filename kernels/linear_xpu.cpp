@@ -94,8 +94,8 @@ void register_operators(pybind11::module_& m) {
   options.disable_function_signatures();
   static auto* library = new torch::Library(torch::Library::DEF, "tolvane", std::nullopt, __FILE__, __LINE__);
   const publisher to{m, *library};
-  define<linear_forward_new, shapes::forward_new>(to, "forward_new", {"input", "weights", "qtype", "size_hint"},
-                                                  "Linear forward (XPU) new format");
+  define<linear_forward_new, shapes::forward_new>(
+      to, "forward_new", {"input", "weights", "qtype", "size_hint"}, "Linear forward (XPU) new format");
   define<dequant, shapes::dequant>(to, "dequant", {"input", "weight", "qtype"}, "Dequantize weight (XPU)");
   define<apply_rotary_embedding_half_q_and_k>(to, "apply_rotary_embedding_half_q_and_k",
                                               {"q", "k", "position_ids", "q_out!", "k_out!"},
@@ -108,8 +108,8 @@ void register_operators(pybind11::module_& m) {
       "Apply rotary embedding to qk (XPU) using cached sin/cos");
   define<bmm, no_result<bmm>, returns::nothing_but_written>(to, "bmm", {"A", "B", "C!"},
                                                             "SYCL-based batch matrix multiplication");
-  define<fused_rms_norm, shapes::norm>(to, "fused_rms_norm", {"input", "normalized_shape", "weight", "bias", "eps"},
-                                       "fused rms norm");
+  define<fused_rms_norm, shapes::norm>(
+      to, "fused_rms_norm", {"input", "normalized_shape", "weight", "bias", "eps"}, "fused rms norm");
   define<fused_layer_norm, shapes::norm>(
       to, "fused_layer_norm", {"input", "normalized_shape", "weight", "bias", "eps"}, "fused layer norm");
   define<mlp_forward_xpu, shapes::mlp_forward_xpu>(
@@ -121,14 +121,15 @@ void register_operators(pybind11::module_& m) {
                                                                "attn value matmul");
   define<rwkv_linear_attention_v4, shapes::rwkv_linear_attention_v4>(
       to, "rwkv_linear_attention_v4",
-      {"time_decay", "time_first", "key", "value", "num_state!", "den_state!", "max_state!"}, "rwkv v4 attention");
+      {"time_decay", "time_first", "key", "value", "num_state!", "den_state!", "max_state!"},
+      "rwkv v4 attention");
   define<rwkv_linear_attention_v5, shapes::rwkv_linear_attention_v5>(
       to, "rwkv_linear_attention_v5", {"time_decay", "time_first", "receptance", "key", "value", "state!"},
       "rwkv v5 attention");
   define<rwkv_time_shift, shapes::rwkv_time_shift>(to, "rwkv_time_shift", {"hidden", "shifted", "mix"},
                                                    "rwkv time shift");
-  define<dequantize_rows, shapes::dequantize_rows>(to, "dequantize_rows", {"input", "weight", "qtype", "state_size"},
-                                                   "Dequantize rows of weight");
+  define<dequantize_rows, shapes::dequantize_rows>(
+      to, "dequantize_rows", {"input", "weight", "qtype", "state_size"}, "Dequantize rows of weight");
   register_linear_gradient(*library);
 }
 

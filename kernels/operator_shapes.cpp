@@ -67,12 +67,13 @@ at::Tensor attn_value_fp8_matmul(const at::Tensor& attn, const at::Tensor& value
 }
 
 at::Tensor rwkv_linear_attention_v4(const at::Tensor&, const at::Tensor&, const at::Tensor& key,
-                                    const at::Tensor&, const at::Tensor&, const at::Tensor&, const at::Tensor&) {
+                                    const at::Tensor&, const at::Tensor&, const at::Tensor&,
+                                    const at::Tensor&) {
   return at::empty_symint(key.sym_sizes(), key.options());
 }
 
-at::Tensor rwkv_linear_attention_v5(const at::Tensor&, const at::Tensor&, const at::Tensor&, const at::Tensor& key,
-                                    const at::Tensor&, const at::Tensor&) {
+at::Tensor rwkv_linear_attention_v5(const at::Tensor&, const at::Tensor&, const at::Tensor&,
+                                    const at::Tensor& key, const at::Tensor&, const at::Tensor&) {
   return empty({key.sym_size(0), key.sym_size(2), key.sym_size(1), key.sym_size(3)}, key);
 }
 

@@ -78,23 +78,24 @@ struct rotated {
       const auto load = [](const T* p)
                             [[gnu::always_inline]] { return spmd::convert<float>(spmd::load<run>(p)); };
       if constexpr (std::same_as<T, bfloat16>) {  // whose loads and stores are cheaper by 16
-        using both = spmd::lanes<float, 2 * run>;
         for (; side_by_side && column + 2 * run <= half_dim; column += 2 * run) {
           if constexpr (NARGS == 4) {  // all operands are tensors: any order of columns will do
             const auto split = [](const T* p) [[gnu::always_inline]] {
               return spmd::convert<float>(spmd::load_split<2 * run>(p));
             };
-            const auto even = turned<run>(start, half_dim, column, angle,
-                                          [&](const T* p) [[gnu::always_inline]] { return split(p).lo; });
-            const auto odd = turned<run>(start, half_dim, column, angle,
-                                         [&](const T* p) [[gnu::always_inline]] { return split(p).hi; });
-            spmd::stream_split(out + column, both(even[0], odd[0]), false);
-            spmd::stream_split(out + column + half_dim, both(even[1], odd[1]), false);
+            const auto even =
+                turned<run>(start, half_dim, column, angle,
+                            [&](const T* p) [[gnu::always_inline]] { return spmd::lower(split(p)); });
+            const auto odd =
+                turned<run>(start, half_dim, column, angle,
+                            [&](const T* p) [[gnu::always_inline]] { return spmd::upper(split(p)); });
+            spmd::stream_split(out + column, spmd::joined(even[0], odd[0]), false);
+            spmd::stream_split(out + column + half_dim, spmd::joined(even[1], odd[1]), false);
           } else {
             const auto low = turned<run>(start, half_dim, column, angle, load);
             const auto high = turned<run>(start, half_dim, column + run, angle, load);
-            spmd::store(out + column, both(low[0], high[0]));
-            spmd::store(out + column + half_dim, both(low[1], high[1]));
+            spmd::store(out + column, spmd::joined(low[0], high[0]));
+            spmd::store(out + column + half_dim, spmd::joined(low[1], high[1]));
           }
         }
       }

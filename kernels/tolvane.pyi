@@ -39,7 +39,9 @@ def apply_rotary_embedding_half_q_and_k(
     q_out, k_out: written; of the sizes of q and k, and possibly q and k themselves.
     """
 
-def apply_rotary_embedding_half_q_or_k(x: Tensor, position_ids: Tensor, x_out: Tensor, backward: bool, /) -> None:
+def apply_rotary_embedding_half_q_or_k(
+    x: Tensor, position_ids: Tensor, x_out: Tensor, backward: bool, /
+) -> None:
     """The same for one tensor. With backward the angles are negative, which undoes it."""
 
 def apply_rotary_embedding_half_q_and_k_cache_freq(

@@ -28,7 +28,9 @@ class Job(ctypes.Structure):
 @lru_cache(maxsize=None)
 def library() -> ctypes.CDLL:
     """The library, found like a module on Python's path; ImportError where that fails."""
-    found = importlib.util.find_spec("quarn_native") or importlib.util.find_spec("quarn.quarn_native")
+    found = importlib.util.find_spec("quarn_native") or importlib.util.find_spec(
+        "quarn.quarn_native"
+    )
     if found is None or found.origin is None:
         raise ImportError(
             "quarn_native.so is not on Python's path; build first, with build/python on PYTHONPATH"

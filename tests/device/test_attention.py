@@ -25,7 +25,9 @@ MASKS = {
 }
 
 
-def forward_and_gradients(device: str, dtype: torch.dtype, grouped: bool, **options: Any) -> list[torch.Tensor]:
+def forward_and_gradients(
+    device: str, dtype: torch.dtype, grouped: bool, **options: Any
+) -> list[torch.Tensor]:
     torch.manual_seed(3)
     query = torch.randn(2, 4, 5, 8)
     key, value = torch.randn(2, 2, 2 if grouped else 4, 7, 8).unbind()
@@ -45,7 +47,9 @@ def forward_and_gradients(device: str, dtype: torch.dtype, grouped: bool, **opti
 def test_values_and_gradients_are_the_cpus(case: str, dtype: torch.dtype, grouped: bool) -> None:
     options = OPTIONS.get(case) or ({"attn_mask": MASKS[case]} if case in MASKS else {})
     expected = forward_and_gradients("cpu", dtype, grouped, **options)
-    for got, want in zip(forward_and_gradients("xpu", dtype, grouped, **options), expected, strict=True):
+    for got, want in zip(
+        forward_and_gradients("xpu", dtype, grouped, **options), expected, strict=True
+    ):
         assert got.device.type == "xpu"
         torch.testing.assert_close(got.cpu(), want)
 
@@ -76,10 +80,14 @@ def test_transforms_give_what_they_give_without() -> None:
         assert got.device.type == device
         torch.testing.assert_close(got.cpu(), expected)
         gradients = torch.vmap(torch.func.grad(total), in_dims=(0, None, 0))(*arguments)
-        one_by_one = [torch.func.grad(total)(q, arguments[1], m) for q, m in zip(arguments[0], arguments[2])]
+        one_by_one = [
+            torch.func.grad(total)(q, arguments[1], m) for q, m in zip(arguments[0], arguments[2])
+        ]
         torch.testing.assert_close(gradients, torch.stack(one_by_one))
     along_ones = torch.func.jvp(
-        lambda q: total(q, key.xpu(), masks[0].xpu()), (query[0].xpu(),), (torch.ones_like(query[0]).xpu(),)
+        lambda q: total(q, key.xpu(), masks[0].xpu()),
+        (query[0].xpu(),),
+        (torch.ones_like(query[0]).xpu(),),
     )[1]
     slope = torch.func.grad(total)(query[0], key, masks[0]).sum()
     torch.testing.assert_close(along_ones.cpu(), slope, rtol=1e-4, atol=1e-5)

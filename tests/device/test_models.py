@@ -98,7 +98,11 @@ def test_reduced_models_stay_close_to_float(name: str, dtype: torch.dtype) -> No
 @pytest.mark.parametrize("kind", [nn.LSTM, nn.GRU, nn.RNN])
 def test_recurrent_layers_give_the_cpus_states_and_gradients(kind: type[nn.RNNBase]) -> None:
     lengths = [5, 3]
-    for options in ({"batch_first": True}, {"bidirectional": True}, {"num_layers": 2, "bias": False}):
+    for options in (
+        {"batch_first": True},
+        {"bidirectional": True},
+        {"num_layers": 2, "bias": False},
+    ):
         layer = kind(8, 6, **options)
         x = torch.randn(2, 5, 8)
         outputs = []
@@ -139,7 +143,9 @@ def test_gradient_scaling_skips_steps_that_overflow() -> None:
         scaler.scale(loss).backward()
         scaler.unscale_(optimiser)
         if changes:
-            exact = torch.autograd.grad(layer(torch.ones(3, 4, device="xpu")).square().mean(), layer.weight)[0]
+            exact = torch.autograd.grad(
+                layer(torch.ones(3, 4, device="xpu")).square().mean(), layer.weight
+            )[0]
             torch.testing.assert_close(layer.weight.grad, exact, rtol=2e-2, atol=2e-3)
         scaler.step(optimiser)
         scaler.update()
@@ -158,7 +164,9 @@ def test_checkpointing_repeats_the_same_random_numbers(reentrant: bool) -> None:
         return x.grad
 
     checkpoint = torch.utils.checkpoint.checkpoint
-    assert torch.equal(gradient(lambda x: checkpoint(model, x, use_reentrant=reentrant)), gradient(model))
+    assert torch.equal(
+        gradient(lambda x: checkpoint(model, x, use_reentrant=reentrant)), gradient(model)
+    )
 
 
 @pytest.mark.parametrize("backend", ["eager", "aot_eager", "inductor"])

@@ -22,7 +22,14 @@ NOT_COMPARABLE = {
     "sparse.sampled_addmm": "dense tensors only",
     "sparse.mm": "dense tensors only",
 }
-NO_VALUES = ("empty", "empty_like", "empty_permuted", "empty_strided", "new_empty", "new_empty_strided")
+NO_VALUES = (
+    "empty",
+    "empty_like",
+    "empty_permuted",
+    "empty_strided",
+    "new_empty",
+    "new_empty_strided",
+)
 NO_HALF = {"polar": "the CPU has no complex numbers of halves"}
 RESOLUTION = {torch.half: 2.0**-10, torch.bfloat16: 2.0**-7}
 
@@ -64,7 +71,9 @@ def call_on_xpu(op: Any, arguments: Any) -> Any:
 
 def assert_same(actual: Any, expected: Any, op: Any = None) -> None:
     if op is not None and op.name in NO_VALUES:
-        shapes = [[(t.shape, t.stride(), t.dtype) for t in tensors(tree)] for tree in (actual, expected)]
+        shapes = [
+            [(t.shape, t.stride(), t.dtype) for t in tensors(tree)] for tree in (actual, expected)
+        ]
         assert shapes[0] == shapes[1]
         return
     on_cpu = map_tensors(actual, lambda t: t.cpu())

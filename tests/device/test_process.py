@@ -23,7 +23,11 @@ def run(
     environment = {**os.environ, **variables}
     program = imports + "\n" + textwrap.dedent(code)
     return subprocess.run(
-        [sys.executable, "-c", program], env=environment, capture_output=True, text=True, timeout=240
+        [sys.executable, "-c", program],
+        env=environment,
+        capture_output=True,
+        text=True,
+        timeout=240,
     )
 
 
@@ -106,7 +110,8 @@ def test_a_forked_child_can_use_the_device() -> None:
 
 def test_tensors_go_to_other_processes_by_the_cpu(tmp_path: Path) -> None:
     script = tmp_path / "send.py"
-    script.write_text(textwrap.dedent("""
+    script.write_text(
+        textwrap.dedent("""
         import torch, torch.multiprocessing as processes
 
         def work(received, sent):
@@ -120,8 +125,11 @@ def test_tensors_go_to_other_processes_by_the_cpu(tmp_path: Path) -> None:
             to.put(torch.arange(3.0, device="xpu").cpu())
             print(back.get(timeout=120))
             other.join()
-    """))
-    done = subprocess.run([sys.executable, str(script)], capture_output=True, text=True, timeout=300)
+    """)
+    )
+    done = subprocess.run(
+        [sys.executable, str(script)], capture_output=True, text=True, timeout=300
+    )
     assert done.returncode == 0, done.stderr
     assert done.stdout.strip() == "[0.0, 2.0, 4.0]"
 

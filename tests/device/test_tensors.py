@@ -188,7 +188,11 @@ def test_generators_draw_the_cpus_numbers() -> None:
     def draw(generator: torch.Generator) -> list[float]:
         options = {"generator": generator, "device": generator.device}
         picked = torch.multinomial(torch.ones(9, device=generator.device), 4, generator=generator)
-        return torch.randn(5, **options).tolist() + torch.randperm(6, **options).tolist() + picked.tolist()
+        return (
+            torch.randn(5, **options).tolist()
+            + torch.randperm(6, **options).tolist()
+            + picked.tolist()
+        )
 
     before = torch.get_rng_state()
     assert draw(there.manual_seed(7)) == draw(here.manual_seed(7))
@@ -215,7 +219,13 @@ def test_generators_draw_the_cpus_numbers() -> None:
 
 def test_pinned_memory_says_so() -> None:
     pinned = torch.arange(6.0).pin_memory()
-    for tensor in (pinned, pinned[2:], pinned.detach(), torch.empty(3, pin_memory=True), torch.zeros_like(pinned, pin_memory=True)):
+    for tensor in (
+        pinned,
+        pinned[2:],
+        pinned.detach(),
+        torch.empty(3, pin_memory=True),
+        torch.zeros_like(pinned, pin_memory=True),
+    ):
         assert tensor.is_pinned() and tensor.device.type == "cpu"
     assert not pinned.clone().is_pinned() and not pinned.xpu().is_pinned()
     assert pinned.pin_memory() is pinned
@@ -224,7 +234,9 @@ def test_pinned_memory_says_so() -> None:
     del pinned, tensor
     taken = [torch.empty(6) for _ in range(20)]
     assert not any(x.is_pinned() for x in taken), f"{address} is not pinned any more"
-    loader = torch.utils.data.DataLoader(torch.arange(6.0), batch_size=3, num_workers=1, pin_memory=True)
+    loader = torch.utils.data.DataLoader(
+        torch.arange(6.0), batch_size=3, num_workers=1, pin_memory=True
+    )
     batches = list(loader)
     assert [batch.tolist() for batch in batches] == [[0.0, 1.0, 2.0], [3.0, 4.0, 5.0]]
     assert all(batch.is_pinned() for batch in batches)
@@ -246,12 +258,16 @@ def test_dlpack_shares_memory_both_ways() -> None:
 
 def test_safetensors_of_the_device(tmp_path: Path) -> None:
     safetensors = pytest.importorskip("safetensors.torch")
-    tensors = {str(dtype): numbers(2, 3).to("xpu", dtype) for dtype in TYPES if not dtype.is_complex}
+    tensors = {
+        str(dtype): numbers(2, 3).to("xpu", dtype) for dtype in TYPES if not dtype.is_complex
+    }
     safetensors.save_file(tensors, tmp_path / "file")
     for device in ("xpu", "cpu"):
         loaded = safetensors.load_file(tmp_path / "file", device=device)
         for name, tensor in tensors.items():
-            assert loaded[name].device.type == device and torch.equal(loaded[name].cpu(), tensor.cpu())
+            assert loaded[name].device.type == device and torch.equal(
+                loaded[name].cpu(), tensor.cpu()
+            )
     with safetensors.safe_open(tmp_path / "file", "pt", device="xpu") as file:
         assert file.get_slice("torch.float32")[:, 1:].tolist() == [[1.0, 2.0], [4.0, 5.0]]
 

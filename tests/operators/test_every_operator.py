@@ -140,7 +140,10 @@ def test_tensors_without_memory_are_refused(name):
         for make in (Wrapper, fake, zeros):
             arguments = call.with_argument(place, make(call.arguments[place]))
             # As if the subclass had passed itself on: what it is shown else is an operator of the dispatcher.
-            with torch._C._DisableTorchDispatch(), pytest.raises(RuntimeError, match="has no memory"):
+            with (
+                torch._C._DisableTorchDispatch(),
+                pytest.raises(RuntimeError, match="has no memory"),
+            ):
                 run(name, arguments)
 
 

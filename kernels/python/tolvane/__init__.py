@@ -14,7 +14,9 @@ def _load() -> None:
     )
     found = finder.find_spec("tolvane")
     if found is None or found.loader is None:
-        raise ImportError(f"the extension module is missing in {__path__[0]}: install tolvane again")
+        raise ImportError(
+            f"the extension module is missing in {__path__[0]}: install tolvane again"
+        )
     # `import tolvane` gives what stands in sys.modules at its end: the extension itself, and nothing around it.
     module = importlib.util.module_from_spec(found)
     sys.modules["tolvane"] = module

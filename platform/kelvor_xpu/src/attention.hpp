@@ -8,8 +8,8 @@
 
 namespace kelvor_xpu {
 
-/// The operator itself, which PyTorch's own form refuses on a device that it was not built for. Chooses as the CPU does
-/// between the fused kernel and the composite form, and leaves gradients to those.
+/// The operator itself, which PyTorch's own form refuses on a device that it was not built for. Chooses as
+/// the CPU does between the fused kernel and the composite form, and leaves gradients to those.
 at::Tensor attention(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                      const std::optional<at::Tensor>& mask, double dropout, bool causal,
                      std::optional<double> scale, bool grouped);

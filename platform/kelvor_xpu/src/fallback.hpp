@@ -13,8 +13,8 @@ inline c10::OperatorHandle operator_named(const char* name, const char* overload
   return c10::Dispatcher::singleton().findSchemaOrThrow(name, overload);
 }
 
-/// The same for a kernel with a signature of its own that has a case it leaves to the CPU. The arguments are in
-/// the schema's order, and the results are those written in place.
+/// The same for a kernel with a signature of its own that has a case it leaves to the CPU. The arguments are
+/// in the schema's order, and the results are those written in place.
 template <class... Arguments>
 void fall_back(const c10::OperatorHandle& op, Arguments&&... arguments) {
   torch::jit::Stack stack;

@@ -1,6 +1,6 @@
 #pragma once
-// Generators of random numbers that say that they are the xpu device's. The numbers are drawn by the CPU's kernels, from
-// a generator of the CPU inside.
+// Generators of random numbers that say that they are the xpu device's. The numbers are drawn by the CPU's
+// kernels, from a generator of the CPU inside.
 
 #include <ATen/core/Generator.h>
 

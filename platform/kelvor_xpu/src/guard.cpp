@@ -76,7 +76,8 @@ void Guard::record(void** event, const c10::Stream&, c10::DeviceIndex, c10::Even
 }
 
 double Guard::elapsedTime(void* start, void* end, c10::DeviceIndex) const {
-  TORCH_CHECK(start != nullptr && end != nullptr, "elapsed_time needs two recorded events: call record() first");
+  TORCH_CHECK(start != nullptr && end != nullptr,
+              "elapsed_time needs two recorded events: call record() first");
   const std::chrono::duration<double, std::milli> elapsed =
       *static_cast<Moment*>(end) - *static_cast<Moment*>(start);
   return elapsed.count();

@@ -1,5 +1,6 @@
 #pragma once
-// What PyTorch asks of the xpu device outside of operators: whether it is there, random numbers, pinned memory.
+// What PyTorch asks of the xpu device outside of operators: whether it is there, random numbers, pinned
+// memory.
 
 #include <ATen/detail/XPUHooksInterface.h>
 
@@ -31,8 +32,8 @@ class Hooks final : public at::XPUHooksInterface {
   bool isPinnedPtr(const void* data) const override;
 };
 
-/// Enters the hooks into PyTorch's registry, from which PyTorch takes them at the first question about any xpu
-/// device.
+/// Enters the hooks into PyTorch's registry, from which PyTorch takes them at the first question about any
+/// xpu device.
 void register_hooks();
 
 }  // namespace kelvor_xpu

@@ -8,8 +8,9 @@
 
 namespace kelvor_xpu {
 
-/// Whether the CPU's own products in bfloat16 are as fast as ours or faster: where it has instructions for them.
-/// Elsewhere they are many times slower than those in float, as the CPU's products in half are everywhere.
+/// Whether the CPU's own products in bfloat16 are as fast as ours or faster: where it has instructions for
+/// them. Elsewhere they are many times slower than those in float, as the CPU's products in half are
+/// everywhere.
 bool cpu_multiplies_bfloat16();
 
 /// Calls the CPU's kernel of `op` on the arguments on top of `stack`, all of them on the CPU, in float where

@@ -25,7 +25,8 @@ const T* row_of(const LinearCall& call, int64_t column) {
   return reinterpret_cast<const T*>(call.weight) + column * call.weight_stride;
 }
 
-/// The next values of a row widened; the `left` that it still has and zeros, where these are fewer than lanes.
+/// The next values of a row widened; the `left` that it still has and zeros, where these are fewer than
+/// lanes.
 template <class T>
 floats widened(const T* from, int64_t left) {
   if (left >= lanes) return spmd::load<lanes>(from).w;
@@ -41,8 +42,9 @@ template <class T>
 void write(const LinearCall& call, int64_t row, int64_t column, const floats& sums) {
   float value = call.alpha * spmd::tree_sum(sums);
   if (call.addend != nullptr) {
-    value += call.beta * float(T::from_bits(call.addend[row * call.addend_row_stride +
-                                                  column * call.addend_column_stride]));
+    value +=
+        call.beta *
+        float(T::from_bits(call.addend[row * call.addend_row_stride + column * call.addend_column_stride]));
   }
   // Rounding to bfloat16 has no case for NaN.
   call.out[row * call.out_stride + column] = value == value ? T(value).bits() : uint16_t{0x7fff};
@@ -134,7 +136,8 @@ void block(const LinearCall& call, int64_t first_row, int rows, int64_t first_co
   }
   for (int r = 0; r < rows; ++r) {
     for (int c = 0; c < columns; ++c) {
-      write<T>(call, first_row + r, first_column + c, sums[c / tile_columns][r * tile_columns + c % tile_columns]);
+      write<T>(call, first_row + r, first_column + c,
+               sums[c / tile_columns][r * tile_columns + c % tile_columns]);
     }
   }
 }

@@ -1,6 +1,6 @@
 #pragma once
-// Pinned memory: the CPU's memory that a device may read while it works. This device reads all of it, so that pinned
-// memory is ordinary memory that is known to have been asked for as pinned.
+// Pinned memory: the CPU's memory that a device may read while it works. This device reads all of it, so that
+// pinned memory is ordinary memory that is known to have been asked for as pinned.
 
 namespace kelvor_xpu {
 

@@ -41,8 +41,8 @@ std::optional<at::Tensor> number(const at::Tensor& tensor, c10::ScalarType type)
   return at::detail::scalar_tensor_static(value, type, at::kCPU);
 }
 
-/// The second operand as the CPU's loops want it beside `self`: of the same type. None where they would have to
-/// convert, and where they compute with a number in more bits than the type has.
+/// The second operand as the CPU's loops want it beside `self`: of the same type. None where they would have
+/// to convert, and where they compute with a number in more bits than the type has.
 std::optional<at::Tensor> operand(const at::Tensor& self, const at::Tensor& other) {
   if (!on_xpu(self) || !is_float(self.scalar_type())) return std::nullopt;
   if (on_xpu(other) && other.scalar_type() == self.scalar_type()) return other;
@@ -54,7 +54,8 @@ std::optional<at::Tensor> operand(const at::Tensor& self, const at::Tensor& othe
 /// The result where its layout is plain to see, else undefined for TensorIterator to make it.
 at::Tensor result_for(const at::Tensor& self) {
   if (!self.is_contiguous()) return {};
-  return at::detail::empty_generic(self.sizes(), device_allocator(), xpu_keys, self.scalar_type(), std::nullopt);
+  return at::detail::empty_generic(self.sizes(), device_allocator(), xpu_keys, self.scalar_type(),
+                                   std::nullopt);
 }
 at::Tensor result_for(const at::Tensor& self, const at::Tensor& other) {
   const bool plain = other.dim() == 0 || (other.is_contiguous() && other.sizes() == self.sizes());

@@ -51,8 +51,7 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor> lstm_cell(const at::Tensor& input
                                                          const at::Tensor& hidden_gates, const at::Tensor& cx,
                                                          const std::optional<at::Tensor>& input_bias,
                                                          const std::optional<at::Tensor>& hidden_bias) {
-  const auto gates =
-      (with_bias(input_gates, input_bias) + with_bias(hidden_gates, hidden_bias)).chunk(4, 1);
+  const auto gates = (with_bias(input_gates, input_bias) + with_bias(hidden_gates, hidden_bias)).chunk(4, 1);
   const at::Tensor input = at::sigmoid(gates[0]);
   const at::Tensor forget = at::sigmoid(gates[1]);
   const at::Tensor fresh = at::tanh(gates[2]);
@@ -66,7 +65,9 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor> lstm_cell_backward(const std::opt
                                                                   const at::Tensor& cx, const at::Tensor& cy,
                                                                   const at::Tensor& workspace,
                                                                   bool has_bias) {
-  const auto known = [](const std::optional<at::Tensor>& grad) { return grad.has_value() && grad->defined(); };
+  const auto known = [](const std::optional<at::Tensor>& grad) {
+    return grad.has_value() && grad->defined();
+  };
   if (!known(grad_hy) && !known(grad_cy)) return {};
   const auto saved = workspace.chunk(4, 1);
   const at::Tensor &input = saved[0], &forget = saved[1], &fresh = saved[2], &output = saved[3];
@@ -74,10 +75,10 @@ std::tuple<at::Tensor, at::Tensor, at::Tensor> lstm_cell_backward(const std::opt
   const at::Tensor from_hy = known(grad_hy) ? *grad_hy : at::zeros_like(cy);
   at::Tensor grad_cell = from_hy * output * (1 - bent * bent);
   if (known(grad_cy)) grad_cell = grad_cell + *grad_cy;
-  const at::Tensor grad_gates = at::cat(
-      {grad_cell * fresh * sigmoid_slope(input), grad_cell * cx * sigmoid_slope(forget),
-       grad_cell * input * (1 - fresh * fresh), from_hy * bent * sigmoid_slope(output)},
-      1);
+  const at::Tensor grad_gates =
+      at::cat({grad_cell * fresh * sigmoid_slope(input), grad_cell * cx * sigmoid_slope(forget),
+               grad_cell * input * (1 - fresh * fresh), from_hy * bent * sigmoid_slope(output)},
+              1);
   return {grad_gates, grad_cell * forget, has_bias ? grad_gates.sum(0) : at::Tensor()};
 }
 

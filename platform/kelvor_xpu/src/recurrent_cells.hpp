@@ -1,6 +1,6 @@
 #pragma once
-// The cells of torch.nn.GRU and torch.nn.LSTM, which PyTorch expects of a device as one operator each, and for which
-// the CPU has none.
+// The cells of torch.nn.GRU and torch.nn.LSTM, which PyTorch expects of a device as one operator each, and
+// for which the CPU has none.
 
 #include <ATen/core/Tensor.h>
 
@@ -19,9 +19,9 @@ std::tuple<at::Tensor, at::Tensor> gru_cell(const at::Tensor& input_gates, const
 std::tuple<at::Tensor, at::Tensor, at::Tensor, at::Tensor, at::Tensor> gru_cell_backward(
     const at::Tensor& grad_hy, const at::Tensor& workspace, bool has_bias);
 
-/// One step of torch.nn.LSTM. The gates are [batch, 4 * hidden], in the order input, forget, new, output; `cx` is
-/// [batch, hidden]; the biases, [4 * hidden], may be missing. Returns the new hidden state, the new cell state and
-/// what the backward function needs.
+/// One step of torch.nn.LSTM. The gates are [batch, 4 * hidden], in the order input, forget, new, output;
+/// `cx` is [batch, hidden]; the biases, [4 * hidden], may be missing. Returns the new hidden state, the new
+/// cell state and what the backward function needs.
 std::tuple<at::Tensor, at::Tensor, at::Tensor> lstm_cell(const at::Tensor& input_gates,
                                                          const at::Tensor& hidden_gates, const at::Tensor& cx,
                                                          const std::optional<at::Tensor>& input_bias,
