@@ -221,7 +221,7 @@ def test_several_threads_train_at_once() -> None:
 def test_nothing_leaks() -> None:
     def step() -> None:
         x = torch.randn(4, 8, device="xpu", requires_grad=True)
-        model(x).square().mean().backward()
+        model(x).square().mean().backward()  # noqa: F821
         out = torch.empty(0, device="xpu")
         torch.index_select(x.detach(), 0, torch.tensor([1, 2], device="xpu"), out=out)
 
