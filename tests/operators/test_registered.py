@@ -64,18 +64,18 @@ class Model(torch.nn.Module):
         torch.manual_seed(2)
         names = sorted(name for name in quarn.FORMATS if name != "fp8_e5m2_linear")
         self.layers = torch.nn.ModuleList(
-            quarn.QuantLinear.from_float(torch.nn.Linear(64, 64, bias=i % 2 == 0), name)
+            quarn.QuantLinear.from_float(torch.nn.Linear(256, 256, bias=i % 2 == 0), name)
             for i, name in enumerate(names)
         )
         mlp = torch.nn.Module()
-        mlp.gate, mlp.up = (torch.nn.Linear(64, 128, bias=False) for _ in range(2))
-        mlp.down = torch.nn.Linear(128, 64)
+        mlp.gate, mlp.up = (torch.nn.Linear(256, 128, bias=False) for _ in range(2))
+        mlp.down = torch.nn.Linear(128, 256)
         self.mlp = quarn.QuantMLP.from_float(mlp, "q4_0")
-        self.weight = torch.nn.Parameter(torch.rand(64))
+        self.weight = torch.nn.Parameter(torch.rand(256))
 
     def forward(self, x: torch.Tensor) -> torch.Tensor:
         for layer in self.layers:
-            x = x + layer(tolvane.fused_rms_norm(x, (64,), self.weight, None, 1e-6))
+            x = x + layer(tolvane.fused_rms_norm(x, (256,), self.weight, None, 1e-6))
         return x + self.mlp(x[:1])
 
 
@@ -86,7 +86,7 @@ def model() -> Model:
 
 def test_export_of_packed_layers(model: Model) -> None:
     """One operator per layer in the graph, and the eager module's values, also with another number of rows."""
-    x = torch.randn(3, 64, device="xpu")
+    x = torch.randn(3, 256, device="xpu")
     rows = torch.export.Dim("rows", min=2, max=64)
     with torch.no_grad():
         exported = torch.export.export(model, (x,), dynamic_shapes=({0: rows},))
@@ -95,7 +95,7 @@ def test_export_of_packed_layers(model: Model) -> None:
     assert targets.count(torch.ops.tolvane.fused_rms_norm.default) == len(model.layers)
     assert torch.ops.tolvane.mlp_forward_xpu.default in targets
     for count in (3, 17):
-        x = torch.randn(count, 64, device="xpu")
+        x = torch.randn(count, 256, device="xpu")
         with torch.no_grad():
             assert torch.equal(exported.module()(x), model(x))
 
@@ -106,13 +106,13 @@ def test_compiled_packed_layers(model: Model, backend: str) -> None:
     torch._dynamo.reset()
     whole = torch.compile(model, backend=backend, fullgraph=True)
     with torch.no_grad():
-        x = torch.randn(3, 64, device="xpu")
+        x = torch.randn(3, 256, device="xpu")
         assert torch.equal(whole(x), model(x))
     layer = model.layers[0]
     traced = torch.compile(layer, backend=backend, fullgraph=True)
     gradients = []
     for module in (layer, traced):
-        x = torch.linspace(-1, 1, 128, device="xpu").view(2, 64).requires_grad_()
+        x = torch.linspace(-1, 1, 512, device="xpu").view(2, 256).requires_grad_()
         module(x).sin().sum().backward()
         gradients.append(x.grad)
     assert gradients[0].abs().max() > 0
