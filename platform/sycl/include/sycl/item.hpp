@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "sycl/fiber.hpp"
 #include "spmd/convert.hpp"
+#include "sycl/fiber.hpp"
 #include "sycl/range.hpp"
 
 namespace sycl {

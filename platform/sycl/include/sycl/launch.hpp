@@ -167,8 +167,8 @@ void launch(const range<D>& sizes, const Kernel& original) {
       gangs, std::max<std::size_t>(16, piece_of(gangs)), [&](std::size_t begin, std::size_t end) {
         for (auto gang = static_cast<std::int64_t>(begin); gang < static_cast<std::int64_t>(end); ++gang) {
           const std::int64_t first = gang * lanes;
-          run_items(kernel,
-                    item<D, spmd::gang_lanes>(sizes, first, static_cast<int>(std::min(lanes, count - first))));
+          run_items(kernel, item<D, spmd::gang_lanes>(sizes, first,
+                                                      static_cast<int>(std::min(lanes, count - first))));
         }
       });
 }

@@ -1,6 +1,7 @@
 #pragma once
 // Host SYCL: the part of SYCL 2020 that the kernels use, run on the CPU.
 
+#include "spmd/spmd.hpp"
 #include "sycl/device.hpp"
 #include "sycl/group.hpp"
 #include "sycl/half.hpp"
@@ -8,4 +9,3 @@
 #include "sycl/math.hpp"
 #include "sycl/queue.hpp"
 #include "sycl/range.hpp"
-#include "spmd/spmd.hpp"
