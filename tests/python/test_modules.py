@@ -15,11 +15,6 @@ from reference import decode
 
 NAMES = sorted(quarn.MLP_FORMATS)
 LINEAR_NAMES = sorted(name for name in quarn.FORMATS if name != "fp8_e5m2_linear")
-NO_KERNEL_YET = pytest.mark.xfail(strict=True, reason="tolvane has no kernel of this format yet")
-XPU_NAMES = [
-    pytest.param(name, marks=NO_KERNEL_YET if name in ("iq2_xxs", "q2_k") else ())
-    for name in LINEAR_NAMES
-]
 
 
 def small_mlp() -> MLP:
@@ -117,7 +112,7 @@ def test_linear_on_cpu(name: str, bias: bool) -> None:
 
 
 @pytest.mark.parametrize("dtype", [torch.float32, torch.float16, torch.bfloat16])
-@pytest.mark.parametrize("name", XPU_NAMES)
+@pytest.mark.parametrize("name", LINEAR_NAMES)
 def test_linear_on_xpu(name: str, dtype: torch.dtype) -> None:
     """Of several rows; the weights then enter as they are."""
     tolvane = pytest.importorskip("tolvane")
@@ -193,7 +188,6 @@ def test_embedding_on_cpu() -> None:
     assert list(module.state_dict()) == ["packed"]
 
 
-@NO_KERNEL_YET
 def test_embedding_on_xpu() -> None:
     pytest.importorskip("tolvane")
     _, module, table = small_embedding()
