@@ -18,7 +18,7 @@ OUTPUT = Path(__file__).resolve().parents[1] / "docs" / "perplexity.png"
 # Where labels stand, in points from theirs, so that formats of the same size stay readable.
 SHIFTS = {"fp4": (-26, 4), "nf4": (-26, -6), "q4_0": (-30, -6), "q8_0": (-30, -2)}
 SHIFTS |= {"fp8_e4m3": (6, -14), "q5_1": (6, -10)}
-SHIFTS |= {"q2_k": (6, -10), "iq2_xxs": (6, -10)}
+SHIFTS |= {"q2_k": (6, -10), "iq2_xxs": (6, -10), "nf3": (6, -12)}
 
 
 def plot(rows: Sequence[Row], path: Path) -> None:
