@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstring>
 
-#include "iq2xxs_grid.h"
+#include "formats/iq2xxs_grid.h"
 #include "lanes.h"
 
 namespace quarn {
@@ -24,7 +24,7 @@ struct Grid {
   constexpr Grid() {
     for (int entry = 0; entry < entries; ++entry) {
       for (int e = 0; e < group_elements; ++e) {
-        magnitude[e][entry] = static_cast<float>(iq2xxs_grid[entry] >> 8 * e & 255);
+        magnitude[e][entry] = static_cast<float>(tolvane::iq2xxs_grid[entry] >> 8 * e & 255);
         squares[entry] += magnitude[e][entry] * magnitude[e][entry];
       }
     }

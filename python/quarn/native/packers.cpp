@@ -5,9 +5,9 @@
 
 #include "codebook_formats.h"
 #include "float_byte_formats.h"
+#include "formats/iq2xxs_grid.h"
 #include "integer_formats.h"
 #include "iq2_xxs.h"
-#include "iq2xxs_grid.h"
 #include "q2_k.h"
 #include "split.h"
 
@@ -99,5 +99,5 @@ float quarn_largest(const float* numbers, std::int64_t count, int threads) {
 }
 
 const std::uint64_t* quarn_iq2xxs_grid() {
-  return iq2xxs_grid;
+  return tolvane::iq2xxs_grid.data();
 }

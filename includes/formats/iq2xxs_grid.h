@@ -1,11 +1,14 @@
 #pragma once
+// The grid of iq2_xxs, for the kernels and the packers.
 
+#include <array>
 #include <cstdint>
 
-namespace quarn {
+namespace tolvane {
 
-/// The grid of iq2_xxs, rising: byte j of an entry, from the low end, is the magnitude of element j of eight.
-constexpr std::uint64_t iq2xxs_grid[256] = {
+/// The grid: magnitudes of eight elements, element j in byte j.
+// clang-format off
+inline constexpr std::array<std::uint64_t, 256> iq2xxs_grid = {
     0x0808080808080808, 0x080808080808082B, 0x0808080808081919, 0x0808080808082B08, 0x0808080808082B2B,
     0x0808080808190819, 0x0808080808191908, 0x08080808082B0808, 0x08080808082B082B, 0x08080808082B2B08,
     0x08080808082B2B2B, 0x0808080819080819, 0x0808080819081908, 0x0808080819190808, 0x0808080819192B08,
@@ -57,6 +60,8 @@ constexpr std::uint64_t iq2xxs_grid[256] = {
     0x2B1908192B080808, 0x2B19082B19081919, 0x2B19190808080808, 0x2B191908082B082B, 0x2B19190819081908,
     0x2B19191919190819, 0x2B192B082B080819, 0x2B192B19082B0808, 0x2B2B08080808082B, 0x2B2B080819190808,
     0x2B2B08082B081919, 0x2B2B081908082B19, 0x2B2B082B08080808, 0x2B2B190808192B08, 0x2B2B2B0819190808,
-    0x2B2B2B1908081908};
+    0x2B2B2B1908081908,
+};
+// clang-format on
 
-}  // namespace quarn
+}  // namespace tolvane
