@@ -7,10 +7,17 @@
 
 #include <c10/util/SmallVector.h>
 
+#include <optional>
+
 namespace kelvor_xpu {
 
 class Aliases {
  public:
+  Aliases() = default;
+  Aliases(const Aliases&) = delete;
+  Aliases& operator=(const Aliases&) = delete;
+  ~Aliases();
+
   /// The CPU tensor over the memory of `tensor`, an xpu tensor: same sizes, strides, offset, conj and neg
   /// bits. Asked for the same tensor again, gives the same alias; tensors that share a storage get aliases
   /// that do.
@@ -34,6 +41,8 @@ class Aliases {
     at::Tensor cpu;
   };
 
+  /// The alias that `storage` has already.
+  std::optional<c10::Storage> known(const c10::Storage& storage) const;
   at::Tensor new_tensor(c10::Storage storage, caffe2::TypeMeta type) const;
   c10::Storage storage_to_xpu(const c10::Storage& cpu);
   static void carry_back(StoragePair& pair);

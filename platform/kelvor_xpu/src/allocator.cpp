@@ -241,7 +241,7 @@ std::pair<std::size_t, std::size_t> system_memory() {
 }
 
 struct Adopted {
-  c10::Storage storage;
+  c10::DataPtr memory;
   std::size_t bytes;
 };
 
@@ -265,26 +265,27 @@ void limit_memory(double fraction) {
                                 : std::numeric_limits<std::size_t>::max());
 }
 
-c10::DataPtr adopt(c10::Storage storage) {
+c10::DataPtr adopt(c10::DataPtr memory, std::size_t bytes) {
   const c10::Device device(c10::DeviceType::XPU, 0);
-  void* data = storage.data_ptr().get();
+  void* data = memory.get();
   if (data == nullptr) return {nullptr, device};
-  // Memory of the pool has been counted already.
-  const std::size_t bytes = storage.data_ptr().get_deleter() == &give_back ? 0 : storage.nbytes();
   if (bytes > 0) {
     pool().count_adopted(bytes);
     open_to_kernels(data, bytes);
   }
-  auto* owner = new Adopted{std::move(storage), bytes};
   const auto release = [](void* context) {
     auto* adopted = static_cast<Adopted*>(context);
     if (adopted->bytes > 0) {
       pool().forget_adopted(adopted->bytes);
-      close_to_kernels(adopted->storage.data_ptr().get());
+      close_to_kernels(adopted->memory.get());
     }
     delete adopted;
   };
-  return {data, owner, release, device};
+  return {data, new Adopted{std::move(memory), bytes}, release, device};
+}
+
+std::size_t uncounted_bytes(const c10::Storage& storage) {
+  return storage.data_ptr().get_deleter() == &give_back ? 0 : storage.nbytes();
 }
 
 void DeviceAllocator::emptyCache(c10::MempoolId_t) {

@@ -42,8 +42,10 @@ inline void close_to_kernels(const void* memory) {
   if constexpr (sycl::host::checks_enabled) sycl::host::forbid_access(memory);
 }
 
-/// Hands the memory of a CPU storage to the device. The result keeps `storage` alive and counts as live
-/// bytes.
-c10::DataPtr adopt(c10::Storage storage);
+/// Hands memory of the CPU's to the device: the result keeps `memory` alive and counts as `bytes` live bytes.
+c10::DataPtr adopt(c10::DataPtr memory, std::size_t bytes);
+
+/// The bytes of a CPU storage that the device does not count yet: none if they come from its pool.
+std::size_t uncounted_bytes(const c10::Storage& storage);
 
 }  // namespace kelvor_xpu

@@ -105,7 +105,7 @@ void fallback(const c10::OperatorHandle& op, torch::jit::Stack* stack) {
   Aliases aliases;
   ArgumentConverter converter(op, aliases);
   const std::size_t below = stack->size() - traits.roles.size();
-  for (std::size_t i = 0; i < traits.roles.size(); ++i) {
+  for (const std::size_t i : traits.carriers) {
     c10::IValue& argument = (*stack)[below + i];
     argument = converter.convert(argument, i, traits.roles[i]);
   }

@@ -29,10 +29,28 @@ Role role_of(const c10::Argument& argument) {
   return std::string_view(argument.name()).ends_with("dtype") ? Role::dtype : Role::input;
 }
 
+/// Whether arguments of `type` are numbers, strings, or lists of them.
+bool is_plain(const c10::Type& type) {
+  if (const auto* optional = type.castRaw<c10::OptionalType>()) return is_plain(*optional->getElementType());
+  if (const auto* list = type.castRaw<c10::ListType>()) return is_plain(*list->getElementType());
+  switch (type.kind()) {
+    case c10::TypeKind::IntType:
+    case c10::TypeKind::SymIntType:
+    case c10::TypeKind::FloatType:
+    case c10::TypeKind::BoolType:
+    case c10::TypeKind::NumberType:
+    case c10::TypeKind::StringType:
+      return true;
+    default:
+      return false;
+  }
+}
+
 }  // namespace
 
 OperatorTraits::OperatorTraits(const c10::FunctionSchema& schema) {
   for (const c10::Argument& argument : schema.arguments()) {
+    if (!is_plain(*argument.type())) carriers.push_back(roles.size());
     roles.push_back(role_of(argument));
     writes |= roles.back() == Role::update || roles.back() == Role::output;
   }

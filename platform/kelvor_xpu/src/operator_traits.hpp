@@ -19,10 +19,11 @@ enum class Role {
 struct OperatorTraits {
   explicit OperatorTraits(const c10::FunctionSchema& schema);
 
-  std::vector<Role> roles;  ///< one per argument
-  bool writes = false;      ///< there is an `update` or an `output`
-  bool is_view = false;     ///< a result shares memory with an input
-  bool is_product = false;  ///< a product of matrices or a convolution
+  std::vector<Role> roles;            ///< one per argument
+  std::vector<std::size_t> carriers;  ///< positions of arguments that may name memory or a device
+  bool writes = false;                ///< there is an `update` or an `output`
+  bool is_view = false;               ///< a result shares memory with an input
+  bool is_product = false;            ///< a product of matrices or a convolution
 
   /// What calls so far have shown of half [0] and bfloat16 [1].
   mutable std::array<std::atomic<bool>, 2> fails_reduced{};

@@ -9,10 +9,12 @@
 #include <ATen/ops/view_native.h>
 #include <torch/library.h>
 
+#include <algorithm>
 #include <sycl/cpu.hpp>
 
 #include "allocator.hpp"
 #include "attention.hpp"
+#include "cat.hpp"
 #include "copy.hpp"
 #include "factories.hpp"
 #include "fallback.hpp"
@@ -30,10 +32,9 @@ namespace {
 /// Operators that PyTorch would take apart into others, or refuse, on a device without a kernel for them; the
 /// CPU's kernels are faster and handle more cases.
 constexpr const char* named_fallbacks[] = {
-    "convolution",    "_convolution", "convolution_backward",   "mse_loss",
-    "smooth_l1_loss", "huber_loss",   "native_layer_norm",      "native_group_norm",
-    "addr",           "_stack",       "native_channel_shuffle", "mish_backward",
-    "silu_backward",
+    "convolution", "_convolution",           "convolution_backward", "mse_loss",      "smooth_l1_loss",
+    "huber_loss",  "native_layer_norm",      "native_group_norm",    "addr",          "_stack",
+    "stack",       "native_channel_shuffle", "mish_backward",        "silu_backward",
 };
 
 void register_operators(torch::Library& aten) {
@@ -45,6 +46,7 @@ void register_operators(torch::Library& aten) {
   aten.impl("mm.out", TORCH_FN(mm_out));
   aten.impl("addmm.out", TORCH_FN(addmm_out));
   register_pointwise(aten);
+  register_cat(aten);
   aten.impl("_thnn_fused_gru_cell", TORCH_FN(gru_cell));
   aten.impl("_thnn_fused_gru_cell_backward", TORCH_FN(gru_cell_backward));
   aten.impl("_thnn_fused_lstm_cell", TORCH_FN(lstm_cell));
@@ -61,6 +63,32 @@ void register_operators(torch::Library& aten) {
   aten.impl("set_.source_Storage_storage_offset", TORCH_FN(at::native::set_storage_cpu_));
   for (const char* name : named_fallbacks) {
     aten.impl(name, torch::CppFunction::makeFromBoxedFunction<&fallback>());
+  }
+}
+
+bool has_kernel(const c10::OperatorName& name, c10::DispatchKey key) {
+  const auto op = c10::Dispatcher::singleton().findSchema(name);
+  return op.has_value() && op->hasKernelForDispatchKey(key);
+}
+bool gives_views(const c10::OperatorName& name) {
+  const auto returns = c10::Dispatcher::singleton()
+                           .findSchemaOrThrow(name.name.c_str(), name.overload_name.c_str())
+                           .schema()
+                           .returns();
+  return std::ranges::any_of(returns, [](const c10::Argument& r) { return r.alias_info() != nullptr; });
+}
+
+/// Where the CPU has a kernel for an operator that returns new tensors, PyTorch's default for other devices
+/// allocates the result and calls the operator's out= form. One call of the CPU's kernel is faster, unless
+/// that form is the device's own.
+void register_whole_operators(torch::Library& aten) {
+  for (const c10::OperatorName& name : c10::Dispatcher::singleton().getAllOpNames()) {
+    if (name.name.starts_with("aten::") &&
+        has_kernel(name, c10::DispatchKey::CompositeExplicitAutogradNonFunctional) &&
+        has_kernel(name, c10::DispatchKey::CPU) && !has_kernel(name, c10::DispatchKey::XPU) &&
+        !has_kernel({name.name, "out"}, c10::DispatchKey::XPU) && !gives_views(name)) {
+      aten.impl(toString(name).c_str(), torch::CppFunction::makeFromBoxedFunction<&fallback>());
+    }
   }
 }
 
@@ -88,6 +116,7 @@ const bool entered = [] {
   register_pinned_memory();
   auto* aten = new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::XPU, __FILE__, __LINE__);
   register_operators(*aten);
+  register_whole_operators(*aten);
   auto* autograd =
       new torch::Library(torch::Library::IMPL, "aten", c10::DispatchKey::AutogradXPU, __FILE__, __LINE__);
   autograd->impl("scaled_dot_product_attention", TORCH_FN(attention));
