@@ -43,7 +43,7 @@ class FP8Decoder(Decoder):
         for layer in self.layers:
             layer.attention = FP8Attention(config)
 
-    def new_cache(self, batch: int = 1) -> list[FP8Cache]:
+    def new_cache(self, batch: int = 1) -> list[FP8Cache]:  # type: ignore[override]
         """An empty cache for each layer, on the model's device."""
         config, device = self.config, self.embedding.weight.device
         return [FP8Cache(batch, config.heads, config.context, device) for _ in range(config.layers)]

@@ -163,17 +163,20 @@ class Decoder(nn.Module):
         super().__init__()
         self.config = config
         self.embedding = nn.Embedding(config.vocabulary, config.width)
-        self.layers = nn.ModuleList(Layer(config) for _ in range(config.layers))
+        layers = [Layer(config) for _ in range(config.layers)]
+        self.layers = nn.ModuleList(layers)
         self.norm = RMSNorm(config.width, config.norm_epsilon)
         cosines, sines = rotary_tables(config)
+        self.cosines: Tensor
+        self.sines: Tensor
         self.register_buffer("cosines", cosines, persistent=False)
         self.register_buffer("sines", sines, persistent=False)
         for parameter in self.parameters():
             if parameter.dim() == 2:
                 nn.init.normal_(parameter, std=parameter.shape[1] ** -0.5)
         with torch.no_grad():  # what the layers add together should not outweigh the embedding
-            for layer in self.layers:
-                for linear in (layer.attention.out, layer.mlp.down):
+            for layer in layers:
+                for linear in (layer.attention.out, layer.mlp.get_submodule("down")):
                     linear.weight /= (2 * config.layers) ** 0.5
 
     def new_cache(self, batch: int = 1) -> list[Cache]:

@@ -10,7 +10,7 @@ from torch import Tensor, nn
 
 import corpus
 import quarn
-from model import Decoder
+from model import Decoder, Layer
 
 DTYPES = {
     "float": torch.float32,
@@ -39,6 +39,7 @@ def with_packed_mlps(model: Decoder, format: str, dtype: torch.dtype) -> Decoder
     """A copy whose MLPs have packed gate and up and compute in `dtype`."""
     model = copy.deepcopy(model)
     for layer in model.layers:
+        assert isinstance(layer, Layer)
         layer.mlp = InType(quarn.QuantMLP.from_float(layer.mlp, format), dtype)
     return model
 

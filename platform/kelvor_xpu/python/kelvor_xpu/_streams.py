@@ -23,7 +23,7 @@ class _Events(type):
 class Stream(metaclass=_Streams):
     """A stream of the xpu device: ``Stream()`` is one of a pool of 32."""
 
-    def __new__(cls, device: Any = None, priority: int = 0, **identity: int) -> torch.Stream:
+    def __new__(cls, device: Any = None, priority: int = 0, **identity: int) -> torch.Stream:  # type: ignore[misc]
         if identity:
             return torch.Stream(**identity)
         return torch.Stream(device="xpu" if device is None else device, priority=priority)
@@ -32,5 +32,5 @@ class Stream(metaclass=_Streams):
 class Event(metaclass=_Events):
     """A point in a stream's work; with ``enable_timing``, also the time at which it was reached."""
 
-    def __new__(cls, enable_timing: bool = False) -> torch.Event:
+    def __new__(cls, enable_timing: bool = False) -> torch.Event:  # type: ignore[misc]
         return torch.Event("xpu", enable_timing=enable_timing)
