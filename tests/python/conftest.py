@@ -1,4 +1,4 @@
-"""Makes the model layer, the examples and the plain reading of the packed formats importable."""
+"""Makes the examples, the benchmarks and the plain reading of the packed formats importable."""
 
 from __future__ import annotations
 
@@ -6,6 +6,4 @@ import sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
-sys.path[:0] = [
-    str(ROOT / name) for name in ("python", "examples", "benchmarks", "tests/operators")
-]
+sys.path[:0] = [str(ROOT / name) for name in ("examples", "benchmarks", "tests/operators")]
