@@ -67,21 +67,26 @@ struct qkv_kernel {
   float rope_ratio;
   sycl::local_accessor<T> local;
 
-  struct turn {
-    float sine, cosine;
-  };
   activation_tiles<Format, T> tiles{};
-  const turn* turns = nullptr;
+  const float* sines = nullptr;
+  const float* cosines = nullptr;
 
   /// The turns of a head's pairs are the same in all heads.
   void prepare(sycl::host::arena& memory) {
     tiles.prepare(memory, input, static_cast<int>(state_size));
-    auto* made = memory.allocate<turn>(static_cast<std::size_t>(half_dim));
-    for (int rem = 0; rem < half_dim; ++rem) {
-      const float angle = sycl::pown(rope_ratio, rem) * static_cast<float>(position_ids[0]);
-      made[rem] = {sycl::native::sin(angle), sycl::native::cos(angle)};
+    constexpr int run = spmd::gang_lanes == 1 ? 1 : 8;
+    using doubles = spmd::varying_t<double, run>;
+    const auto padded = static_cast<std::size_t>(half_dim + run - 1) / run * run;
+    auto *const s = memory.allocate<float>(padded), *const c = memory.allocate<float>(padded);
+    for (int rem = 0; rem < half_dim; rem += run) {
+      const auto exponent = spmd::convert<double>(spmd::ramp<run>(rem));
+      const auto power = spmd::convert<float>(sycl::pow(doubles(double{rope_ratio}), exponent));
+      const auto angle = power * static_cast<float>(position_ids[0]);
+      spmd::store(s + rem, sycl::native::sin(angle));
+      spmd::store(c + rem, sycl::native::cos(angle));
     }
-    turns = made;
+    sines = s;
+    cosines = c;
   }
 
   template <class Item>
@@ -105,7 +110,7 @@ struct qkv_kernel {
       out[half_dim] = sum[1];
       return;
     }
-    const auto [s, c] = turns[rem];
+    const float s = sines[rem], c = cosines[rem];
     const auto r0 = static_cast<float>(sum[0]), r1 = static_cast<float>(sum[1]);
     out[0] = T(r0 * c - r1 * s);
     out[half_dim] = T(r1 * c + r0 * s);
