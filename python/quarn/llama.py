@@ -12,10 +12,11 @@ import torch
 from torch import Tensor, nn
 from torch.nn import functional as F
 
-from .decoding import decoding_steps
+from .decoding import Step, decoding_steps, single_threaded
 from .kv_cache import Cache, LayerCache
 from .llama_config import LlamaConfig
 from .rotary import rotate_into
+from .unloaded import Embedding, Linear, parameter
 
 PROMPT_ROWS = 512
 """Tokens of a prompt that are taken at a time: enough to pay for expanding the weights."""
@@ -26,7 +27,7 @@ class Norm(nn.Module):
 
     def __init__(self, width: int, epsilon: float) -> None:
         super().__init__()
-        self.weight = nn.Parameter(torch.empty(width), requires_grad=False)
+        self.weight = parameter(width)
         self.epsilon = epsilon
 
     def forward(self, x: Tensor) -> Tensor:
@@ -45,10 +46,10 @@ class Attention(nn.Module):
         super().__init__()
         self.heads, self.kv_heads, self.head_dim = config.heads, config.kv_heads, config.head_dim
         size, kv_size = config.heads * config.head_dim, config.kv_heads * config.head_dim
-        self.q_proj = nn.Linear(config.width, size, bias=config.qkv_bias)
-        self.k_proj = nn.Linear(config.width, kv_size, bias=config.qkv_bias)
-        self.v_proj = nn.Linear(config.width, kv_size, bias=config.qkv_bias)
-        self.o_proj = nn.Linear(size, config.width, bias=config.output_bias)
+        self.q_proj = Linear(config.width, size, bias=config.qkv_bias)
+        self.k_proj = Linear(config.width, kv_size, bias=config.qkv_bias)
+        self.v_proj = Linear(config.width, kv_size, bias=config.qkv_bias)
+        self.o_proj = Linear(size, config.width, bias=config.output_bias)
 
     def forward(self, x: Tensor, tables: tuple[Tensor, Tensor], cache: LayerCache) -> Tensor:
         """x: [rows, width], the tokens behind those in the cache, which takes them in."""
@@ -77,9 +78,9 @@ class MLP(nn.Module):
 
     def __init__(self, config: LlamaConfig) -> None:
         super().__init__()
-        self.gate_proj = nn.Linear(config.width, config.hidden, bias=config.mlp_bias)
-        self.up_proj = nn.Linear(config.width, config.hidden, bias=config.mlp_bias)
-        self.down_proj = nn.Linear(config.hidden, config.width, bias=config.mlp_bias)
+        self.gate_proj = Linear(config.width, config.hidden, bias=config.mlp_bias)
+        self.up_proj = Linear(config.width, config.hidden, bias=config.mlp_bias)
+        self.down_proj = Linear(config.hidden, config.width, bias=config.mlp_bias)
 
     def forward(self, x: Tensor) -> Tensor:
         return self.down_proj(F.silu(self.gate_proj(x)).mul_(self.up_proj(x)))
@@ -105,7 +106,7 @@ class Body(nn.Module):
 
     def __init__(self, config: LlamaConfig) -> None:
         super().__init__()
-        self.embed_tokens = nn.Embedding(config.vocabulary, config.width)
+        self.embed_tokens = Embedding(config.vocabulary, config.width)
         self.layers = nn.ModuleList(Layer(config) for _ in range(config.layers))
         self.norm = Norm(config.width, config.norm_epsilon)
 
@@ -120,15 +121,14 @@ class Llama(nn.Module):
         super().__init__()
         self.config = config
         self.model = Body(config)
-        self.lm_head = nn.Linear(config.width, config.vocabulary, bias=False)
-        self._steps: list[Any] | None = None
+        self.lm_head = Linear(config.width, config.vocabulary)
+        self._steps: list[Step] | None = None
         self._tables: tuple[Tensor, Tensor] | None = None
 
     @classmethod
     def from_config(cls, config: dict[str, Any]) -> Llama:
         """Without weights, on the device "meta"."""
-        with torch.device("meta"):
-            return cls(LlamaConfig.from_dict(config))
+        return cls(LlamaConfig.from_dict(config))
 
     @property
     def tied(self) -> dict[str, str]:
@@ -206,11 +206,15 @@ class Llama(nn.Module):
     def _step(self, token: Tensor, cache: Cache) -> Tensor:
         if self._steps is None:
             self._steps = decoding_steps(self)
+        with single_threaded():
+            return self._through_steps(self._steps, token, cache)
+
+    def _through_steps(self, steps: list[Step], token: Tensor, cache: Cache) -> Tensor:
         position = cache.length
         x = self.embed(token)
         at = torch.tensor([position], device=self.device)
         tables = None if self.config.plain_rotary else self.tables(position, 1, cache.capacity)
-        for step, own in zip(self._steps, cache.layers):
+        for step, own in zip(steps, cache.layers):
             x = step(x, at, position, tables, own)
         cache.length += 1
         return self.lm_head(self.model.norm(x))
