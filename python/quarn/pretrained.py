@@ -18,9 +18,10 @@ from .checkpoint import (
 )
 from .choice import Choice
 from .llama import Llama
+from .rwkv import Rwkv
 from .tensor_files import TensorFiles
 
-MODELS: dict[str, Any] = {"llama": Llama, "mistral": Llama, "qwen2": Llama}
+MODELS: dict[str, Any] = {"llama": Llama, "mistral": Llama, "qwen2": Llama, "rwkv": Rwkv}
 """By the model_type of config.json."""
 WEIGHTS = "model.safetensors"
 
