@@ -30,7 +30,7 @@ def folder(tmp_path_factory):
         if "mix" in name:
             nn.init.uniform_(parameter)
         elif parameter.dim() == 1:
-            nn.init.normal_(parameter, mean=float(".ln" in name or "pre_ln" in name), std=0.3)
+            nn.init.normal_(parameter, mean=float("ln" in name and "weight" in name), std=0.3)
         else:
             nn.init.normal_(parameter, std=1.0 if "embeddings" in name else 0.2)
     path = tmp_path_factory.mktemp("rwkv")
