@@ -53,6 +53,7 @@ def _parser() -> argparse.ArgumentParser:
     text.add_argument("--temperature", type=float, default=0.0, help="0: the likeliest token")
     text.add_argument("--top-p", type=float, default=1.0)
     text.add_argument("--seed", type=int, default=0)
+    text.add_argument("--fp8-cache", action="store_true", help="keys and values in bytes")
     text.set_defaults(run=_generate)
 
     measured = commands.add_parser("perplexity", help="measure a model on a text")
@@ -146,6 +147,7 @@ def _generate(options: argparse.Namespace) -> None:
         options.top_p,
         options.seed,
         _stop_tokens(options.model),
+        options.fp8_cache,
     ):
         times.append(time.monotonic())
         tokens.append(token)

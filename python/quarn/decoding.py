@@ -9,14 +9,14 @@ import torch
 from torch import Tensor, nn
 from torch.nn import functional as F
 
-from .kv_cache import LayerCache
+from .kv_cache import AnyLayerCache, LayerCache
 from .modules import QuantLinear
 
 if TYPE_CHECKING:
     from .llama import Llama
 
 Tables = tuple[Tensor, Tensor]
-Step = Callable[[Tensor, Tensor, int, "Tables | None", LayerCache], Tensor]
+Step = Callable[[Tensor, Tensor, int, "Tables | None", AnyLayerCache], Tensor]
 Rows = Callable[[Tensor], Tensor]
 FUSED = "q4_0"
 """What the fused operators compute with and a prompt can be multiplied by, too."""
@@ -50,7 +50,7 @@ def _layer_step(layer: Any, model: Llama) -> Step:
     output, mlp = _linear(layer.self_attn.o_proj), _mlp(layer.mlp)
 
     def step(
-        x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: LayerCache
+        x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache
     ) -> Tensor:
         x = output(attention(first(x), at, position, tables, cache)).add_(x)
         return mlp(second(x)).add_(x)
@@ -97,16 +97,10 @@ def _mlp(mlp: Any) -> Rows:
 
 def _attention(
     attention: Any, plain_rotary: bool
-) -> Callable[[Tensor, Tensor, int, Tables | None, LayerCache], Tensor]:
+) -> Callable[[Tensor, Tensor, int, Tables | None, AnyLayerCache], Tensor]:
     heads, kv_heads, head_dim = attention.heads, attention.kv_heads, attention.head_dim
-    grouped = (1, kv_heads, heads // kv_heads, head_dim)
     width = heads * head_dim
     layers = attention.q_proj, attention.k_proj, attention.v_proj
-
-    def attend(query: Tensor, cache: LayerCache) -> Tensor:
-        # The heads of a group are rows of one product: nothing is masked, and keys are read once.
-        mixed = F.scaled_dot_product_attention(query.view(grouped), cache.keys, cache.values)
-        return mixed.reshape(1, width)
 
     import tolvane
 
@@ -115,12 +109,15 @@ def _attention(
         qtype = layers[0].format.qtype
 
         def fused(
-            x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: LayerCache
+            x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache
         ) -> Tensor:
-            query, cache.keys, cache.values = operator(
-                x, *weights, at, cache.keys, cache.values, qtype, position, head_dim
-            )
-            return attend(query, cache)
+            if isinstance(cache, LayerCache):
+                query, cache.keys, cache.values = operator(
+                    x, *weights, at, cache.keys, cache.values, qtype, position, head_dim
+                )
+            else:
+                query = operator(x, *weights, at, *cache.begin(1), qtype, 0, head_dim)[0]
+            return cache.attend(query).view(1, width)
 
         return fused
 
@@ -131,17 +128,16 @@ def _attention(
     q_proj, k_proj, v_proj = (_linear(layer) for layer in layers)
 
     def apart(
-        x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: LayerCache
+        x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache
     ) -> Tensor:
         query = q_proj(x).view(1, heads, 1, head_dim)
-        cache.cut(position + 1)
-        key = cache.keys[:, :, position:]
+        key, value = cache.begin(1)
         new_key = k_proj(x).view(1, kv_heads, 1, head_dim)
         if tables is None:
             turn_plain(query, new_key, at[None], query, key)
         else:
             turn(query, new_key, *tables, query, key)
-        cache.values[:, :, position:] = v_proj(x).view(1, kv_heads, 1, head_dim)
-        return attend(query, cache)
+        value.copy_(v_proj(x).view(1, kv_heads, 1, head_dim))
+        return cache.attend(query).view(1, width)
 
     return apart

@@ -33,10 +33,11 @@ def generate(
     top_p: float = 1.0,
     seed: int = 0,
     stop: Collection[int] = (),
+    fp8: bool = False,
 ) -> Iterator[int]:
     """Yields up to `count` tokens that continue the prompt, each as soon as it is known; ends before one of `stop`.
 
-    model: of `from_pretrained`. ValueError for an empty prompt, a count below 1, or more tokens than the model was made
+    model: of `from_pretrained`. fp8: with keys and values in a cache of bytes. ValueError for an empty prompt, a count below 1, or more tokens than the model was made
     for.
     """
     if not prompt:
@@ -49,7 +50,7 @@ def generate(
             f"prompt and text must fit the context of {model.config.context} tokens, but are {needed}"
         )
     generator = torch.Generator().manual_seed(seed)
-    cache = model.new_cache(needed)
+    cache = model.new_cache(needed, fp8=True) if fp8 else model.new_cache(needed)
     tokens = torch.tensor(prompt)
     for _ in range(count):
         logits = model(tokens, cache, last=True)[0]

@@ -13,7 +13,7 @@ from torch import Tensor, nn
 from torch.nn import functional as F
 
 from .decoding import Step, decoding_steps, single_threaded
-from .kv_cache import Cache, LayerCache
+from .kv_cache import AnyLayerCache, Cache, Fp8LayerCache, LayerCache
 from .llama_config import LlamaConfig
 from .rotary import rotate_into
 from .unloaded import Embedding, Linear, parameter
@@ -51,24 +51,24 @@ class Attention(nn.Module):
         self.v_proj = Linear(config.width, kv_size, bias=config.qkv_bias)
         self.o_proj = Linear(size, config.width, bias=config.output_bias)
 
-    def forward(self, x: Tensor, tables: tuple[Tensor, Tensor], cache: LayerCache) -> Tensor:
+    def forward(self, x: Tensor, tables: tuple[Tensor, Tensor], cache: AnyLayerCache) -> Tensor:
         """x: [rows, width], the tokens behind those in the cache, which takes them in."""
 
         def heads(layer: nn.Module, count: int) -> Tensor:
             return layer(x).view(1, len(x), count, self.head_dim).transpose(1, 2)
 
-        past = cache.keys.shape[2]
-        cache.cut(past + len(x))
         queries, keys = heads(self.q_proj, self.heads), heads(self.k_proj, self.kv_heads)
         turned = torch.empty_like(queries)
-        rotate_into(queries, keys, tables, turned, cache.keys[:, :, past:])
-        cache.values[:, :, past:] = heads(self.v_proj, self.kv_heads)
+        new_keys, new_values = cache.begin(len(x))
+        rotate_into(queries, keys, tables, turned, new_keys)
+        new_values.copy_(heads(self.v_proj, self.kv_heads))
+        all_keys, all_values = cache.finish()
         # Row r sees the past and the rows up to r; without a past that is the mask that attention makes itself.
-        mask = None
+        past, mask = all_keys.shape[2] - len(x), None
         if past:
             mask = torch.ones(len(x), past + len(x), dtype=torch.bool, device=x.device).tril(past)
         mixed = F.scaled_dot_product_attention(
-            turned, cache.keys, cache.values, mask, is_causal=not past, enable_gqa=True
+            turned, all_keys, all_values, mask, is_causal=not past, enable_gqa=True
         )
         return self.o_proj(mixed[0].transpose(0, 1).reshape(len(x), -1))
 
@@ -96,7 +96,7 @@ class Layer(nn.Module):
         self.post_attention_layernorm = Norm(config.width, config.norm_epsilon)
         self.mlp = MLP(config)
 
-    def forward(self, x: Tensor, tables: tuple[Tensor, Tensor], cache: LayerCache) -> Tensor:
+    def forward(self, x: Tensor, tables: tuple[Tensor, Tensor], cache: AnyLayerCache) -> Tensor:
         x = x + self.self_attn(self.input_layernorm(x), tables, cache)
         return x + self.mlp(self.post_attention_layernorm(x))
 
@@ -155,15 +155,22 @@ class Llama(nn.Module):
     def dtype(self) -> torch.dtype:
         return self.model.norm.weight.dtype
 
-    def new_cache(self, capacity: int | None = None) -> Cache:
-        """An empty cache of `capacity` positions, by default as many as the model was made for."""
-        config = self.config
+    def new_cache(self, capacity: int | None = None, fp8: bool = False) -> Cache:
+        """An empty cache of `capacity` positions, by default as many as the model was made for.
+
+        fp8: in bytes, on `xpu`; ValueError where heads have another size than the 128 that this takes.
+        """
+        config, like = self.config, (self.device, self.dtype)
         capacity = capacity or config.context
-        layers = [
-            LayerCache(config.kv_heads, capacity, config.head_dim, self.device, self.dtype)
-            for _ in range(config.layers)
-        ]
-        return Cache(layers, capacity)
+        if fp8 and config.head_dim != 128:
+            raise ValueError(f"a cache of bytes takes heads of 128, not of {config.head_dim}")
+
+        def layer() -> AnyLayerCache:
+            if fp8:
+                return Fp8LayerCache(config.kv_heads, capacity, *like)
+            return LayerCache(config.kv_heads, capacity, config.head_dim, *like)
+
+        return Cache([layer() for _ in range(config.layers)], capacity)
 
     @torch.inference_mode()
     def forward(self, tokens: Tensor, cache: Cache, last: bool = False) -> Tensor:

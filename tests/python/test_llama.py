@@ -12,11 +12,12 @@ from safetensors import safe_open
 from torch import nn
 
 import quarn
-from quarn import llama
+from quarn import kv_cache, llama
 from quarn.command import main
 
 transformers = pytest.importorskip("transformers")
 pytest.importorskip("tolvane")
+from quarn.fp8_cache import decode_fp8, encode_fp8  # noqa: E402  they need tolvane
 
 SIZES: dict[str, Any] = {
     "vocab_size": 192,
@@ -44,6 +45,7 @@ MODELS: dict[str, dict[str, Any]] = {
     "biases": {"attention_bias": True, "mlp_bias": True, "num_key_value_heads": 1},
     "linear": {"rope_parameters": LINEAR},
     "llama3": {"rope_parameters": LLAMA3, "tie_word_embeddings": True},
+    "wide heads": {"head_dim": 128, "num_attention_heads": 2, "num_key_value_heads": 1},
     "qwen2": {},
 }
 FORMATS = {
@@ -117,6 +119,38 @@ def test_fused_operators_run(checkpoints) -> None:
     layers = SIZES["num_hidden_layers"]
     assert scopes.count("quarn_qkv_forward") == scopes.count("mlp_forward") == layers
     assert scopes.count("quarn_qlinear_forward") == 2 * layers + 1
+
+
+class RoundedCache(kv_cache.LayerCache):
+    """What it takes in becomes what bytes stand for."""
+
+    def finish(self) -> tuple[torch.Tensor, torch.Tensor]:
+        for x in (self.keys, self.values):
+            x.copy_(decode_fp8(encode_fp8(x)))
+        return super().finish()
+
+
+@pytest.mark.parametrize("format", ["dense", "q4_0"])
+def test_cache_of_bytes(checkpoints, format: str) -> None:
+    """Over a prompt in two parts and then token by token, against the CPU with rounded keys and values."""
+    folder = checkpoints["wide heads"]
+    model = quarn.from_pretrained(folder, FORMATS[format], progress=False)
+    on_cpu = quarn.from_pretrained(folder, FORMATS[format], device="cpu", progress=False)
+    parts = [*prompt().split(8), *prompt().split(1)]
+    cache, expected_cache = model.new_cache(64, fp8=True), on_cpu.new_cache(64)
+    sizes = (1, 64, 128, torch.device("cpu"), torch.float32)
+    expected_cache.layers = [RoundedCache(*sizes) for _ in expected_cache.layers]
+    actual = torch.cat([model(part, cache) for part in parts]).cpu()
+    expected = torch.cat([on_cpu(part, expected_cache) for part in parts])
+    # Where keys differ in their last bits, a few are rounded to the neighbouring byte.
+    assert (actual - expected).abs().max() <= 0.01 * (expected.max() - expected.min())
+    unrounded = torch.cat(
+        [on_cpu(part, plain) for plain in [on_cpu.new_cache(64)] for part in parts]
+    )
+    assert (actual - expected).norm() < 0.1 * (unrounded - expected).norm()
+    with pytest.raises(ValueError, match="heads of 128, not of 32"):
+        other = quarn.from_pretrained(checkpoints["grouped"], progress=False)
+        other.new_cache(8, fp8=True)
 
 
 @pytest.mark.parametrize("name", ["tied", "biases"])
