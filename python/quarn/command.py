@@ -18,7 +18,12 @@ from .generation import generate, perplexity
 from .pretrained import from_pretrained, pack_pretrained
 from .progress import ProgressBar
 
-DTYPES = {"float": torch.float32, "half": torch.float16, "bfloat16": torch.bfloat16}
+DTYPES = {
+    "float": torch.float32,
+    "half": torch.float16,
+    "bfloat16": torch.bfloat16,
+    "double": torch.float64,
+}
 
 
 def main(arguments: Sequence[str] | None = None) -> int:

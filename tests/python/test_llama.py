@@ -3,6 +3,10 @@
 from __future__ import annotations
 
 import json
+import os
+import re
+import subprocess
+import sys
 from pathlib import Path
 from typing import Any
 
@@ -254,3 +258,22 @@ def test_command(checkpoints, tmp_path, capsys) -> None:
     assert float(shown[1]) == pytest.approx(value, rel=1e-5) and int(shown[3]) == len(tokens)
     assert main(["generate", str(tmp_path), "x"]) == 1
     assert "quarn: " in capsys.readouterr().err
+
+
+def test_two_processes_share_a_model(tmp_path) -> None:
+    """Heads and columns of the MLP are split, and the sums of both are the whole model's."""
+    torch.manual_seed(4)
+    changed = {"intermediate_size": 256, "num_hidden_layers": 1}
+    config = transformers.LlamaConfig(**(SIZES | changed))
+    transformers.LlamaForCausalLM(config).save_pretrained(tmp_path)
+    script = Path(__file__).resolve().parents[2] / "examples" / "tensor_parallel.py"
+    run = [sys.executable, "-m", "torch.distributed.run", "--nproc-per-node", "2", str(script)]
+    done = subprocess.run(
+        [*run, str(tmp_path), "--check", "--tokens", "8"],
+        env={**os.environ, "PYTHONPATH": os.pathsep.join(sys.path), "OMP_NUM_THREADS": "1"},
+        capture_output=True,
+        text=True,
+        timeout=300,
+    )
+    found = re.search(r"one process: the same tokens, logits off by (\S+)", done.stdout)
+    assert found and float(found[1]) < 1e-5, done.stderr[-2000:]
