@@ -22,6 +22,8 @@ from typing import Any, Callable
 import torch
 from torch import Tensor, nn
 
+from dense_peers import four_bit_product, four_bit_weight
+
 CONFIG: dict[str, Any] = {
     "model_type": "llama",
     "architectures": ["LlamaForCausalLM"],
@@ -65,21 +67,13 @@ def write_checkpoint(folder: Path, layers: int) -> None:
 class Int4Linear(nn.Module):
     """A linear layer by PyTorch's product of bfloat16 with 4-bit weights, whose values do not matter here."""
 
-    group = 32
-
     def __init__(self, rows: int, columns: int) -> None:
         super().__init__()
-        codes = torch.randint(0, 16, (rows, columns), dtype=torch.int32)
-        packed = torch.ops.aten._convert_weight_to_int4pack_for_cpu(codes, 2)
-        self.register_buffer("packed", packed)
-        scales = torch.rand(columns // self.group, rows, 2, dtype=torch.bfloat16) * 0.01
-        self.register_buffer("scales", scales)
-        self.rows = rows
+        self.rows, self.weight = rows, four_bit_weight(rows, columns, torch.bfloat16)
 
     def forward(self, x: Tensor) -> Tensor:
         flat = x.reshape(-1, x.shape[-1])
-        product = torch.ops.aten._weight_int4pack_mm_for_cpu
-        return product(flat, self.packed, self.group, self.scales).view(*x.shape[:-1], self.rows)
+        return four_bit_product(flat, self.weight).view(*x.shape[:-1], self.rows)
 
 
 def seconds_per_token(step: Callable[[], object], tokens: int) -> list[float]:
@@ -102,6 +96,12 @@ def run_ours(folder: Path, tokens: int, prompt: int) -> dict[str, Any]:
     start = time.perf_counter()
     model = quarn.from_pretrained(folder, progress=False)
     result: dict[str, Any] = {"load": time.perf_counter() - start}
+    if prompt:
+        ids = torch.arange(prompt) % CONFIG["vocab_size"]
+        start = time.perf_counter()
+        model(ids, model.new_cache(prompt), last=True).argmax()
+        result["prompt"] = time.perf_counter() - start
+        result["memory with prompt"] = memory()
     token = torch.tensor([5])
     for past in PASTS:
         cache = model.new_cache(past + tokens + 1)
@@ -111,12 +111,6 @@ def run_ours(folder: Path, tokens: int, prompt: int) -> dict[str, Any]:
             layer.cut(past)
         cache.length = past
         result[str(past)] = seconds_per_token(lambda: model(token, cache).argmax(), tokens)
-    result["memory of decoding"] = memory()
-    if prompt:
-        ids = torch.arange(prompt) % CONFIG["vocab_size"]
-        start = time.perf_counter()
-        model(ids, model.new_cache(prompt), last=True).argmax()
-        result["prompt"] = time.perf_counter() - start
     return result
 
 
@@ -132,6 +126,12 @@ def run_peer(folder: Path, variant: str, tokens: int, prompt: int) -> dict[str, 
                 model.set_submodule(name, Int4Linear(module.out_features, module.in_features))
     result: dict[str, Any] = {"load": time.perf_counter() - start}
     config = model.config
+    if prompt:
+        ids = torch.arange(prompt)[None] % CONFIG["vocab_size"]
+        start = time.perf_counter()
+        model(ids, use_cache=True, logits_to_keep=1).logits.argmax()
+        result["prompt"] = time.perf_counter() - start
+        result["memory with prompt"] = memory()
     token = torch.tensor([[5]])
     for past in PASTS:
         cache = DynamicCache(config=config)
@@ -140,12 +140,6 @@ def run_peer(folder: Path, variant: str, tokens: int, prompt: int) -> dict[str, 
             cache.update(*torch.randn(2, *shape).bfloat16(), layer)
         step = lambda: model(token, past_key_values=cache, use_cache=True).logits.argmax()
         result[str(past)] = seconds_per_token(step, tokens)
-    result["memory of decoding"] = memory()
-    if prompt:
-        ids = torch.arange(prompt)[None] % CONFIG["vocab_size"]
-        start = time.perf_counter()
-        model(ids, use_cache=True, logits_to_keep=1).logits.argmax()
-        result["prompt"] = time.perf_counter() - start
     return result
 
 
@@ -165,10 +159,8 @@ def line(name: str, result: dict[str, Any], prompt: int) -> str:
         times = result[str(past)]
         speeds.append(f"{1 / statistics.median(times):8.1f} ({1 / min(times):5.1f})")
     speed = f"{prompt / result['prompt']:8.1f}" if "prompt" in result else "       -"
-    return (
-        f"{name:8} {'  '.join(speeds)}  {speed}  {result['load']:7.1f}"
-        f"  {result['memory of decoding']:8.0f}  {result['memory']:8.0f}"
-    )
+    memory = f"{result.get('memory with prompt', 0):8.0f}  {result['memory']:8.0f}"
+    return f"{name:8} {'  '.join(speeds)}  {speed}  {result['load']:7.1f}  {memory}"
 
 
 def main() -> None:
@@ -193,7 +185,9 @@ def main() -> None:
     folder = options.folder / f"{options.layers}-layers"
     prepared(folder, options.variants, options.layers)
     print(f"{options.layers} layers; {torch.get_num_threads()} threads; torch {torch.__version__}")
-    print("tokens/s: median (highest) of single tokens; MB at most, without and with the prompt")
+    print(
+        "tokens/s: median (highest) of single tokens; MB at most, after the prompt and at the end"
+    )
     after = "  ".join(f"after {past:<9}" for past in PASTS)
     print(f"{'':8} {after}  {f'of {options.prompt}':>8}  load, s        MB        MB")
     results = {}

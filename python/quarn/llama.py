@@ -83,7 +83,7 @@ class MLP(nn.Module):
         self.down_proj = Linear(config.hidden, config.width, bias=config.mlp_bias)
 
     def forward(self, x: Tensor) -> Tensor:
-        return self.down_proj(F.silu(self.gate_proj(x)).mul_(self.up_proj(x)))
+        return self.down_proj(F.silu(self.gate_proj(x), inplace=True).mul_(self.up_proj(x)))
 
 
 class Layer(nn.Module):
