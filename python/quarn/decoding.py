@@ -2,10 +2,8 @@
 
 from __future__ import annotations
 
-from contextlib import contextmanager
-from typing import TYPE_CHECKING, Any, Callable, Iterator
+from typing import TYPE_CHECKING, Any, Callable
 
-import torch
 from torch import Tensor, nn
 from torch.nn import functional as F
 
@@ -20,21 +18,6 @@ Step = Callable[[Tensor, Tensor, int, "Tables | None", AnyLayerCache], Tensor]
 Rows = Callable[[Tensor], Tensor]
 FUSED = "q4_0"
 """What the fused operators compute with and a prompt can be multiplied by, too."""
-
-
-@contextmanager
-def single_threaded() -> Iterator[None]:
-    """PyTorch's own operators on the calling thread only, as long as it lasts.
-
-    They have little to do for one token, and their threads go on spinning for a while after each: on the CPUs that the
-    operators of tolvane are to run on.
-    """
-    threads = torch.get_num_threads()
-    torch.set_num_threads(1)
-    try:
-        yield
-    finally:
-        torch.set_num_threads(threads)
 
 
 def decoding_steps(model: Llama) -> list[Step]:

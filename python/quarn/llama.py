@@ -12,7 +12,7 @@ import torch
 from torch import Tensor, nn
 from torch.nn import functional as F
 
-from .decoding import Step, decoding_steps, single_threaded
+from .decoding import Step, decoding_steps
 from .kv_cache import AnyLayerCache, Cache, Fp8LayerCache, LayerCache
 from .llama_config import LlamaConfig
 from .rotary import rotate_into
@@ -213,15 +213,11 @@ class Llama(nn.Module):
     def _step(self, token: Tensor, cache: Cache) -> Tensor:
         if self._steps is None:
             self._steps = decoding_steps(self)
-        with single_threaded():
-            return self._through_steps(self._steps, token, cache)
-
-    def _through_steps(self, steps: list[Step], token: Tensor, cache: Cache) -> Tensor:
         position = cache.length
         x = self.embed(token)
         at = torch.tensor([position], device=self.device)
         tables = None if self.config.plain_rotary else self.tables(position, 1, cache.capacity)
-        for step, own in zip(steps, cache.layers):
+        for step, own in zip(self._steps, cache.layers):
             x = step(x, at, position, tables, own)
         cache.length += 1
         return self.lm_head(self.model.norm(x))

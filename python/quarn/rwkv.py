@@ -8,7 +8,6 @@ from typing import Any
 import torch
 from torch import Tensor, nn
 
-from .decoding import single_threaded
 from .unloaded import Embedding, Linear, parameter
 
 PROMPT_ROWS = 512
@@ -207,9 +206,6 @@ class Rwkv(nn.Module):
         """
         if tokens.dim() != 1 or not len(tokens):
             raise ValueError(f"tokens must be [rows], but have shape {list(tokens.shape)}")
-        if len(tokens) == 1:
-            with single_threaded():
-                return self._part(tokens, state, last)
         results = [self._part(part, state, last) for part in tokens.split(PROMPT_ROWS)]
         return results[-1] if last else torch.cat(results)
 
