@@ -59,6 +59,33 @@ def mlp(quick: bool) -> Iterator[Case]:
     yield from mlp_cases("mlp", 4096, 11008)
 
 
+def qkv(quick: bool) -> Iterator[Case]:
+    """The fused projections of 32 heads over 8, of 128, against one dense layer of as many outputs."""
+    state, sizes, head_dim, position = 4096, (4096, 1024, 1024), 128, 100
+    x, ids = torch.randn(1, state), torch.tensor([position], device="xpu")
+    peers = linear_peers(x, sum(sizes))
+    for format in quarn.MLP_FORMATS:
+        entry = quarn.FORMATS[format]
+        bytes_read = sum(entry.packed_bytes(size, state) for size in sizes)
+        sample = [quarn.synthetic(format, size, state) for size in sizes]
+        groups = on_xpu([[w.clone() for w in sample] for _ in range(copies_needed(bytes_read))])
+        for kind, dtype in TYPES_AND_DOUBLE.items():
+            row = x.to(dtype).to("xpu")
+            cache = torch.zeros(2, 1, 8, 2 * position, head_dim, dtype=dtype, device="xpu")
+            keys, values = cache[:, :, :, :position]
+            last = (entry.qtype, position, head_dim)
+            ours: Call = (
+                lambda number, row=row, keys=keys, values=values, groups=groups, last=last: (
+                    tolvane.forward_qkv(
+                        row, *groups[number % len(groups)], ids, keys, values, *last
+                    )[0]
+                )
+            )
+            yield Case(
+                "qkv", f"{state} x {sum(sizes)}", kind, format, bytes_read, ours, peers[kind]
+            )
+
+
 def call(quick: bool) -> Iterator[Case]:
     """The smallest call: what a call costs before any work."""
     yield from mlp_cases("call", 64, 2, rotate=False)
@@ -150,5 +177,13 @@ def overhead(quick: bool) -> Iterator[Case]:
     )
 
 
-ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, forward, dequant, linear, overhead]
+ENTRIES: list[Callable[[bool], Iterator[Case]]] = [
+    call,
+    mlp,
+    qkv,
+    forward,
+    dequant,
+    linear,
+    overhead,
+]
 ENTRIES += row_entries.ENTRIES + sequence_entries.ENTRIES + super_block_entries.ENTRIES

@@ -8,16 +8,20 @@ from __future__ import annotations
 import argparse
 import copy
 import sys
+import tempfile
+from pathlib import Path
 from typing import Sequence
 
 import torch
 
 import all_formats
 from all_formats import HELD_OUT_BYTES
+from convert import convert
 from generate import check_request, generate
 from mlp_speed import HIDDEN, STATE, measure
 from model import Decoder
-from packed_models import DTYPES, with_packed_linears
+from packed_models import DTYPES
+from quarn import command
 from train import load
 
 
@@ -35,6 +39,22 @@ def show_text(title: str, model: Decoder, prompt: str, count: int) -> None:
     print("\n" if live else text.decode("utf-8", errors="replace") + "\n")
 
 
+def show_packed_text(dense: Decoder, arguments: argparse.Namespace) -> None:
+    """Packs the decoder's checkpoint, and generates as any packed checkpoint does: by the command `quarn`."""
+    with tempfile.TemporaryDirectory() as folder:
+        source, packed = Path(folder, "checkpoint"), Path(folder, "packed")
+        convert(dense, source)
+        print(f"quarn pack CHECKPOINT PACKED --format {arguments.format} --format lm_head=none\n")
+        formats = ["--format", arguments.format, "--format", "lm_head=none"]
+        failed = command.main(["pack", str(source), str(packed), *formats])
+        print(f"\nquarn generate PACKED {arguments.prompt!r}, computed in {arguments.dtype}\n")
+        how = ["--count", str(arguments.tokens), "--temperature", "0.6", "--dtype", arguments.dtype]
+        failed = failed or command.main(["generate", str(packed), arguments.prompt, *how])
+        if failed:
+            raise ValueError("the packed checkpoint could not be used")
+        print()
+
+
 def print_table(header: Sequence[str], rows: Sequence[Sequence[str]]) -> None:
     """Columns wide enough for their content, the first two to the left and the others to the right."""
     widths = [max(map(len, column)) for column in zip(header, *rows)]
@@ -50,13 +70,7 @@ def compare_models(arguments: argparse.Namespace) -> None:
     prompt, count = arguments.prompt, arguments.tokens
     check_request(dense, prompt.encode(), count)
     dtype = DTYPES[arguments.dtype]
-    packed = with_packed_linears(dense, arguments.format, dtype)
-    show_text(
-        f"Every linear layer in {arguments.format}, computed in {arguments.dtype}:",
-        packed,
-        prompt,
-        count,
-    )
+    show_packed_text(dense, arguments)
     show_text("Dense, in float:", copy.deepcopy(dense), prompt, count)
     print(f"Perplexity is per byte, over {HELD_OUT_BYTES - 1} bytes held out from training.")
     rows = []

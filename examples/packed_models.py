@@ -56,7 +56,7 @@ def with_packed_linears(
     embedding's weight and stays dense.
     """
     model = copy.deepcopy(model)
-    quarn.pack_model(model, format, importance, progress=False)
+    quarn.quantize_(model, format, importance, progress=False)
     for parent in list(model.modules()):
         for name, child in list(parent.named_children()):
             if isinstance(child, quarn.QuantLinear):

@@ -13,6 +13,10 @@ namespace tolvane::shapes {
 
 at::Tensor forward_new(const at::Tensor& input, const at::Tensor& weights, std::int64_t qtype,
                        std::int64_t size_hint);
+at::Tensor forward_qkv(const at::Tensor& input, const at::Tensor& weight_q, const at::Tensor& weight_k,
+                       const at::Tensor& weight_v, const at::Tensor& position_ids,
+                       const at::Tensor& key_cache, const at::Tensor& value_cache, std::int64_t qtype,
+                       std::int64_t kv_length, std::int64_t head_dim);
 at::Tensor dequant(const at::Tensor& input, const at::Tensor& weight, std::int64_t qtype);
 at::Tensor dequantize_rows(const at::Tensor& input, const at::Tensor& weight, std::int64_t qtype,
                            std::int64_t state_size);

@@ -20,6 +20,7 @@
 #include <tuple>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace tolvane {
 
@@ -71,6 +72,8 @@ constexpr type_names names_of() {
     return {"torch.Tensor", "Tensor"};
   } else if constexpr (std::same_as<V, c10::ArrayRef<long>>) {
     return {"Tuple[int, ...]", "int[]"};
+  } else if constexpr (std::same_as<V, std::vector<at::Tensor>>) {
+    return {"List[torch.Tensor]", "Tensor[]"};
   } else {
     static_assert(std::same_as<typename V::value_type, at::Tensor>);
     return {"Optional[torch.Tensor]", "Tensor?"};
@@ -95,16 +98,14 @@ std::remove_cvref_t<T> received(passed<T> value) {
   }
 }
 
-/// A function as a kernel of the dispatcher's. `Result` is the operator's, void where it leaves out what the
-/// function returns.
-template <auto Function, class Result, class Signature = decltype(Function)>
+/// A function as a kernel of the dispatcher's.
+template <auto Function, class Signature = decltype(Function)>
 struct kernel;
-template <auto Function, class Result, class Own, class... Args>
-struct kernel<Function, Result, Own (*)(Args...)> {
+template <auto Function, class Result, class... Args>
+struct kernel<Function, Result (*)(Args...)> {
   static Result call(passed<Args>... arguments) {
     std::tuple<std::remove_cvref_t<Args>...> own(received<Args>(arguments)...);
-    return std::apply(
-        [](auto&... values) { return static_cast<Result>(Function(static_cast<Args>(values)...)); }, own);
+    return std::apply([](auto&... values) { return Function(static_cast<Args>(values)...); }, own);
   }
 };
 
@@ -166,13 +167,17 @@ struct publisher {
   torch::Library& library;
 };
 
-/// What the operator returns beside what the function does.
-enum class returns { same, nothing_but_written };
+template <class Signature>
+struct result_of;
+template <class Result, class... Args>
+struct result_of<Result (*)(Args...)> {
+  using type = Result;
+};
 
-template <auto Function, auto Shape, returns Returns, std::size_t... I, class Result, class... Args>
+template <auto Function, auto Shape, auto Operator, std::size_t... I, class Result, class... Args>
 void define(const publisher& to, const char* name, Result (*)(Args...),
             const std::array<const char*, sizeof...(Args)>& parameters, const char* text,
-            std::index_sequence<I...>) {
+            const pybind11::object& result, std::index_sequence<I...>) {
   constexpr std::size_t count = sizeof...(Args);
   const auto is_written = [&](std::size_t i) { return std::strchr(parameters[i], '!') != nullptr; };
   const std::array<std::string, count> names{
@@ -186,43 +191,40 @@ void define(const publisher& to, const char* name, Result (*)(Args...),
   };
   (add(I, names_of<Args>()), ...);
   help += std::string("/) -> ") + names_of<Result>().python + "\n\n" + text;
-  using operator_result = std::conditional_t<Returns == returns::same, Result, void>;
-  schema += std::string(") -> ") + names_of<operator_result>().schema;
+  schema += std::string(") -> ") + names_of<typename result_of<decltype(Operator)>::type>().schema;
 
   to.library.def(schema.c_str(), {at::Tag::pt2_compliant_tag});
-  to.library.impl(name, torch::dispatch(c10::DispatchKey::XPU, &kernel<Function, operator_result>::call));
-  to.library.impl(name, torch::dispatch(c10::DispatchKey::Meta, &kernel<Shape, operator_result>::call));
+  to.library.impl(name, torch::dispatch(c10::DispatchKey::XPU, &kernel<Operator>::call));
+  to.library.impl(name, torch::dispatch(c10::DispatchKey::Meta, &kernel<Shape>::call));
 
+  // The function in terms of the operator, which lives as long as the process.
+  static pybind11::handle observed;
   const auto call = [name](Args... args) -> Result {
     return in_python([&]() -> Result {
       TORCH_CHECK(!torch::jit::tracer::isTracing(), name,
                   " cannot be traced: the traced function would return memory that nobody wrote");
       if (!goes_through_dispatcher(args...)) return Function(std::forward<Args>(args)...);
-      const pybind11::object op = pybind11::module_::import("torch").attr("ops").attr("tolvane").attr(name);
-      const pybind11::object result = op(args...);
-      if constexpr (Returns == returns::nothing_but_written) {
-        return std::get<count - 1>(std::forward_as_tuple(args...));
-      } else if constexpr (!std::same_as<Result, void>) {
-        return result.template cast<Result>();
-      }
+      const pybind11::object result = observed(args...);
+      if constexpr (!std::same_as<Result, void>) return result.template cast<Result>();
     });
   };
   to.module.def(name, call, help.c_str(), pybind11::arg(names[I].c_str())..., pybind11::pos_only());
-  pybind11::module_::import("kelvor_xpu._compile")
-      .attr("show_as_operator")(
-          to.module.attr(name), std::string("tolvane::") + name,
-          Returns == returns::nothing_but_written ? pybind11::cast(count - 1) : pybind11::none());
+  observed = pybind11::module_::import("kelvor_xpu._compile")
+                 .attr("show_as_operator")(to.module.attr(name), std::string("tolvane::") + name, result)
+                 .release();
 }
 
 /// Publishes `Function` under `name`. A parameter that it writes has a ! behind its name. Shape is a function
-/// of operator_shapes.h; without one, the operator returns nothing. With returns::nothing_but_written the
-/// function returns its last argument, and the operator nothing. The function's help begins with its
+/// of operator_shapes.h; without one, the operator returns nothing. `Operator` is the function as the
+/// dispatcher has it, where that returns no view of what it writes, as no operator may; `result` then tells
+/// what the function returns (kelvor_xpu._compile.show_as_operator). The function's help begins with its
 /// signature, as the stub has it; the names of its parameters stand there only, since all arguments are
 /// positional.
-template <auto Function, auto Shape = no_result<Function>, returns Returns = returns::same, std::size_t Count>
-void define(const publisher& to, const char* name, const char* const (&parameters)[Count], const char* text) {
-  define<Function, Shape, Returns>(to, name, Function, std::to_array(parameters), text,
-                                   std::make_index_sequence<Count>());
+template <auto Function, auto Shape = no_result<Function>, auto Operator = Function, std::size_t Count>
+void define(const publisher& to, const char* name, const char* const (&parameters)[Count], const char* text,
+            const pybind11::object& result = pybind11::none()) {
+  define<Function, Shape, Operator>(to, name, Function, std::to_array(parameters), text, result,
+                                    std::make_index_sequence<Count>());
 }
 
 }  // namespace tolvane

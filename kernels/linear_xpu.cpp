@@ -2,10 +2,12 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "bmm_xpu_kernel.h"
 #include "kv.h"
 #include "linear_gradient.h"
+#include "linear_xpu_fused_qkv_kernel.h"
 #include "linear_xpu_kernel.h"
 #include "mlp_xpu_kernel.h"
 #include "operator_shapes.h"
@@ -44,6 +46,20 @@ at::Tensor linear_forward_new(at::Tensor input, at::Tensor weights, int qtype, s
   check_tensor(weights, "weights");
   const profiler_scope scope("quarn_qlinear_forward", input);
   return linear_xpu_forward_differentiable(input, weights, qtype, size_hint);
+}
+
+/// Target: linear_xpu_qkv_forward, or its form for the dispatcher.
+template <auto Target>
+auto linear_xpu_qkv(at::Tensor input, at::Tensor weight_q, at::Tensor weight_k, at::Tensor weight_v,
+                    at::Tensor position_ids, at::Tensor key_cache, at::Tensor value_cache, int qtype,
+                    std::int64_t kv_length, std::int64_t head_dim) {
+  check_tensor(input, "input");
+  check_tensor(weight_q, "weight_q");
+  check_tensor(weight_k, "weight_k");
+  check_tensor(weight_v, "weight_v");
+  const profiler_scope scope("quarn_qkv_forward", input);
+  return Target(input, weight_q, weight_k, weight_v, position_ids, key_cache, value_cache, qtype, kv_length,
+                head_dim);
 }
 
 at::Tensor dequant(at::Tensor input, at::Tensor weight, int qtype) {
@@ -88,6 +104,10 @@ at::Tensor bmm(at::Tensor A, at::Tensor B, at::Tensor C) {
   return bmm_xpu(A, B, C);
 }
 
+void bmm_into(at::Tensor A, at::Tensor B, at::Tensor C) {
+  bmm(std::move(A), std::move(B), std::move(C));
+}
+
 /// The operators, in the order of their table.
 void register_operators(pybind11::module_& m) {
   pybind11::options options;
@@ -96,6 +116,11 @@ void register_operators(pybind11::module_& m) {
   const publisher to{m, *library};
   define<linear_forward_new, shapes::forward_new>(
       to, "forward_new", {"input", "weights", "qtype", "size_hint"}, "Linear forward (XPU) new format");
+  define<linear_xpu_qkv<linear_xpu_qkv_forward>, shapes::forward_qkv, linear_xpu_qkv<linear_xpu_qkv_query>>(
+      to, "forward_qkv",
+      {"input", "weight_q", "weight_k", "weight_v", "position_ids", "key_cache!", "value_cache!", "qtype",
+       "kv_length", "head_dim"},
+      "Linear forward (XPU) qkv format", pybind11::make_tuple(5, 6));
   define<dequant, shapes::dequant>(to, "dequant", {"input", "weight", "qtype"}, "Dequantize weight (XPU)");
   define<apply_rotary_embedding_half_q_and_k>(to, "apply_rotary_embedding_half_q_and_k",
                                               {"q", "k", "position_ids", "q_out!", "k_out!"},
@@ -106,8 +131,8 @@ void register_operators(pybind11::module_& m) {
   define<apply_rotary_embedding_half_q_and_k_cache_freq>(
       to, "apply_rotary_embedding_half_q_and_k_cache_freq", {"q", "k", "sin", "cos", "q_out!", "k_out!"},
       "Apply rotary embedding to qk (XPU) using cached sin/cos");
-  define<bmm, no_result<bmm>, returns::nothing_but_written>(to, "bmm", {"A", "B", "C!"},
-                                                            "SYCL-based batch matrix multiplication");
+  define<bmm, no_result<bmm>, bmm_into>(to, "bmm", {"A", "B", "C!"}, "SYCL-based batch matrix multiplication",
+                                        pybind11::int_(2));
   define<fused_rms_norm, shapes::norm>(
       to, "fused_rms_norm", {"input", "normalized_shape", "weight", "bias", "eps"}, "fused rms norm");
   define<fused_layer_norm, shapes::norm>(

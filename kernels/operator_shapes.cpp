@@ -33,6 +33,14 @@ at::Tensor forward_new(const at::Tensor& input, const at::Tensor& weights, std::
   return empty({input.sym_size(0), packed_rows(weights, qtype, number(input.sym_size(1)))}, input);
 }
 
+at::Tensor forward_qkv(const at::Tensor& input, const at::Tensor& weight_q, const at::Tensor&,
+                       const at::Tensor&, const at::Tensor&, const at::Tensor&, const at::Tensor&,
+                       std::int64_t qtype, std::int64_t, std::int64_t head_dim) {
+  TORCH_CHECK(head_dim > 0, "head_dim must be positive, but got ", head_dim);
+  const c10::SymInt rows = packed_rows(weight_q, qtype, number(input.sym_size(1)));
+  return empty({1, rows / head_dim, 1, head_dim}, input);
+}
+
 at::Tensor dequant(const at::Tensor& input, const at::Tensor& weight, std::int64_t qtype) {
   return expanded(input, weight, qtype, number(input.sym_size(1)));
 }

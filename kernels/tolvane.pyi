@@ -5,7 +5,7 @@ Packed weights are flat tensors of torch.uint8; quarn.pack makes them. Tensors t
 changed for autograd; no result requires a gradient but that of forward_new.
 """
 
-from typing import Optional, Tuple
+from typing import List, Optional, Tuple
 
 from torch import Tensor
 
@@ -20,6 +20,31 @@ def forward_new(input: Tensor, weights: Tensor, qtype: int, size_hint: int, /) -
     size_hint: with more than 128, very wide q4_0 layers may be expanded slice by slice; otherwise of no effect.
     Returns [rows, output_size] in the element type of input; differentiable with respect to input.
     TILE_THRESHOLD and TILE_SIZE raise ValueError or IndexError on q4_0 calls where they do not begin with a number.
+    """
+
+def forward_qkv(
+    input: Tensor,
+    weight_q: Tensor,
+    weight_k: Tensor,
+    weight_v: Tensor,
+    position_ids: Tensor,
+    key_cache: Tensor,
+    value_cache: Tensor,
+    qtype: int,
+    kv_length: int,
+    head_dim: int,
+    /,
+) -> List[Tensor]:
+    """What a decoder layer does for one token between norm and attention, in one launch: projects input to query, key
+    and value, turns query and key by the position (base 10000), and writes key and value to row kv_length of the caches.
+
+    input: [1, state_size], contiguous; torch.half, float, double or bfloat16.
+    weight_q, weight_k, weight_v: packed bytes of rows of state_size elements in the format qtype, 2 (q4_0) or 19
+        (fp8_e5m2), each a whole number of heads of head_dim rows. state_size is a multiple of 64, head_dim even.
+    position_ids: torch.int64, of which the first element is read.
+    key_cache, value_cache: [1, heads of keys, rows, head_dim] in input's type, the last stride 1; their storage holds
+        the row kv_length, and one row more than they have.
+    Returns the query [1, heads of queries, 1, head_dim], and views of the caches with one row more.
     """
 
 def dequant(input: Tensor, weight: Tensor, qtype: int, /) -> Tensor:

@@ -19,7 +19,7 @@ def collect_importance(
     samples: what the model is called with, one after the other, without gradients; `run(model,
     sample)` makes the call where it is more than `model(sample)`. kinds: the modules that are
     watched; their first argument is [..., columns]. Returns float tensors [columns] on the CPU,
-    for `pack` and `pack_model`. Layers that the samples never reach are left out.
+    for `pack` and `quantize_`. Layers that the samples never reach are left out.
     """
     sums: dict[str, Tensor] = {}
     counts: dict[str, int] = {}

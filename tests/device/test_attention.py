@@ -54,6 +54,39 @@ def test_values_and_gradients_are_the_cpus(case: str, dtype: torch.dtype, groupe
         torch.testing.assert_close(got.cpu(), want)
 
 
+@pytest.mark.parametrize("dtype", TYPES, ids=str)
+@pytest.mark.parametrize(
+    "sizes",  # batch, heads, heads of keys, query rows, keys, sizes of keys and values
+    [(1, 32, 4, 1, 600, 64, 64), (2, 6, 2, 3, 7, 8, 8), (1, 4, 4, 8, 257, 20, 12)]
+    + [(2, 2, 1, 16, 512, 96, 33), (1, 2, 1, 1, 1, 128, 128), (1, 33, 1, 1, 9, 8, 8)],
+    ids=str,
+)
+def test_few_rows_see_all_keys(sizes: tuple[int, ...], dtype: torch.dtype) -> None:
+    """As one token does, with caches of any strides; against the definition in double."""
+    torch.manual_seed(4)
+    batch, heads, key_heads, rows, count, depth, value_depth = sizes
+    query = torch.randn(batch, heads, rows, depth).to(dtype)
+    keys = torch.randn(batch, key_heads, count + 5, depth).to(dtype)
+    values = torch.randn(batch, count, key_heads, value_depth).to(dtype)
+    queries, cache, transposed = (x.to("xpu") for x in (query, keys, values))
+    with torch.no_grad():
+        got = attention(queries, cache[:, :, 3:-2], transposed.transpose(1, 2), enable_gqa=True)
+    shared = [
+        x.double().repeat_interleave(heads // key_heads, 1)
+        for x in (keys[:, :, 3:-2], values.transpose(1, 2))
+    ]
+    weights = (query.double() @ shared[0].transpose(2, 3) * depth**-0.5).softmax(-1)
+    expected = (weights @ shared[1]).to(dtype)
+    torch.testing.assert_close(
+        got.cpu(), expected, **({} if dtype.itemsize > 2 else {"atol": 8e-3, "rtol": 8e-3})
+    )
+    assert got.is_contiguous()
+    if dtype != torch.float64:  # the CPU's kernel does without a NaN there
+        cache[:, :, 3, 0] = float("nan")
+        got = attention(queries, cache[:, :, 3:-2], transposed.transpose(1, 2), enable_gqa=True)
+        assert got.isnan().all()
+
+
 def test_rows_without_any_key_are_the_cpus() -> None:
     mask = torch.tensor([[True, False], [False, False]])
     query = torch.randn(1, 1, 2, 4)

@@ -14,12 +14,14 @@ import linear_cases
 import linear_routes
 import mlp_cases
 import norm_cases
+import qkv_cases
 import rope_cases
 import rwkv_cases
 import super_block_cases
 
 SUBJECTS = {
     "linear": linear_cases.CASES,
+    "qkv": qkv_cases.CASES,
     "mlp": mlp_cases.CASES,
     "norm": norm_cases.CASES,
     "rope": rope_cases.CASES,

@@ -22,15 +22,29 @@ def check_turned(
     cosine: np.ndarray,
     type: str,
     turn_error: np.ndarray | float = 0,
+    error: np.ndarray | float = 0,
 ) -> None:
-    """x [..., size] by the angles' sines and cosines [..., size / 2], which are off by turn_error at most."""
+    """x [..., size], off by error at most, turned by the angles' sines and cosines [..., size / 2], off by
+    turn_error."""
     t = arithmetic.ALL[type]
     low, high = np.split(x, 2, axis=-1)
     value = np.concatenate([cosine * low - sine * high, cosine * high + sine * low], axis=-1)
     half = (np.abs(low) + np.abs(high)) * (turn_error + 4 * FLOAT_UNIT)
+    half += sum(np.split(np.broadcast_to(error, x.shape), 2, axis=-1))
     bound = np.concatenate([half, half], axis=-1) + max(t.unit, FLOAT_UNIT) * np.abs(value)
     bound += 2.0**-24 if t.name == "float16" else 1e-40
     assert np.all(np.abs(result - value) <= bound), np.max(np.abs(result - value) / bound)
+
+
+def turns_at(positions: np.ndarray, size: int) -> tuple[np.ndarray, np.ndarray, np.ndarray]:
+    """Sines and cosines [B, 1, S, size / 2] of the angles at positions [B, S], and how far those in float may be off.
+    The rate 10000^(-2 / size) is a float, whose error the column multiplies; power, position and product round once
+    each."""
+    column = np.arange(size // 2)
+    angle = positions[:, None, :, None] * 10000.0 ** (-2 * column / size)
+    exponent = 26.6 / size * FLOAT_UNIT  # of the base's logarithm: the quotient rounds
+    error = angle * (column * (2 * exponent + 4 * FLOAT_UNIT) + 6 * FLOAT_UNIT)
+    return np.sin(angle), np.cos(angle), error + 4 * FLOAT_UNIT
 
 
 def check_positions(
@@ -40,16 +54,10 @@ def check_positions(
     type: str,
     backward: bool = False,
 ) -> None:
-    """x [B, H, S, size] by its tokens' positions [B, S]. The rate 10000^(-2 / size) is a float, whose error the column
-    multiplies; power, position and product round once each."""
+    """x [B, H, S, size] by its tokens' positions [B, S]."""
     result = result if isinstance(result, np.ndarray) else numbers(result)
-    size = x.shape[-1]
-    column = np.arange(size // 2)
-    angle = numbers(positions)[:, None, :, None] * 10000.0 ** (-2 * column / size)
-    exponent = 26.6 / size * FLOAT_UNIT  # of the base's logarithm: the quotient rounds
-    error = angle * (column * (2 * exponent + 4 * FLOAT_UNIT) + 6 * FLOAT_UNIT)
-    sine = -np.sin(angle) if backward else np.sin(angle)
-    check_turned(result, numbers(x), sine, np.cos(angle), type, error + 4 * FLOAT_UNIT)
+    sine, cosine, error = turns_at(numbers(positions), x.shape[-1])
+    check_turned(result, numbers(x), -sine if backward else sine, cosine, type, error)
 
 
 @dataclass(frozen=True)

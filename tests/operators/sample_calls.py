@@ -47,10 +47,17 @@ def sample_calls() -> dict[str, Call]:
     q4_0, x, rows, row = code(4 * 34), numbers(1, 64), numbers(3, 64), numbers(64)
     q, k, table = numbers(1, 2, 2, 8), numbers(1, 1, 2, 8), numbers(1, 1, 2, 8)
     positions, out = torch.tensor([[3, 5]]).to("xpu"), torch.zeros_like
+    caches = [numbers(1, 1, 4, 2)[:, :, :3] for _ in range(2)]
     product = torch.zeros(2, 3, 5).to("xpu")
     rotary, norm = "quarn_rope_forward", ((192,), (64,))
     return {
         "forward_new": Call([x, q4_0, 2, 0], "quarn_qlinear_forward", ((64,), (32,))),
+        "forward_qkv": Call(
+            [x, q4_0, *(code(2 * 34) for _ in range(2)), positions, *caches, 2, 1, 2],
+            "quarn_qkv_forward",
+            ((64, 3), (32, 1)),
+            (5, 6),
+        ),
         "dequant": Call(
             [x, q4_0, 2], "quarn_xpu_dequant", ((128,), (32,)), unread=(0,), waits=True
         ),

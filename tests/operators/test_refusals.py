@@ -93,6 +93,43 @@ REFUSED["mlp_forward_xpu"] = [
     ({"input": z(1, 64).int()}, "\"mlp_forward_q4_0_xpu_t\" not implemented for 'Int'"),
     (LONG, "\"mlp_forward_fp8_e5m2_xpu_t\" not implemented for 'Long'"),
 ]
+QKV_LONG = {"input": z(1, 64).long(), "qtype": 19}
+CACHE = r"key_cache must be \[1, 1, rows, 2\] with a last stride of 1"
+REFUSED["forward_qkv"] = [
+    ({"input": z(1, 64, device="cpu"), "weight_q": b(68)[::2]}, "^input must be a XPU tensor"),
+    ({"input": z(64, 2).t()}, "^input must be contiguous"),
+    ({"weight_v": b(136)[::2]}, "^weight_v must be contiguous"),
+    ({"input": z(64)}, "input must have 2 dimensions"),
+    ({"input": z(2, 64)}, "batch_size == 1"),
+    ({"input": z(1, 8)}, "^8 must be a multiple of 16"),
+    ({"input": z(1, 48)}, BLOCKS),
+    ({"input": z(1, 64).int()}, "\"qlinear_xpu_kernel_q4_0_2x16_qkv\" not implemented for 'Int'"),
+    (QKV_LONG, "\"qlinear_xpu_kernel_fp8_e5m2_2x8_qkv\" not implemented for 'Long'"),
+    ({"qtype": 3}, r"qtype must be 2 \(q4_0\) or 19 \(fp8_e5m2\), but got 3"),
+    ({"qtype": -1}, "qtype must be 2"),
+    ({"qtype": 1000}, "qtype must be 2"),
+    ({"head_dim": 3}, "head_dim must be positive and even, but got 3"),
+    ({"head_dim": 0}, "head_dim must be positive"),
+    ({"kv_length": -1}, "kv_length must not be negative"),
+    ({"kv_length": 1 << 40}, "below 2147483648"),
+    ({"kv_length": 4}, "key_cache must have storage for row 4, which ends after element 10 of it"),
+    ({"weight_q": z(136)}, FLAT),
+    ({"weight_q": b(0)}, "sizes must be positive"),
+    ({"weight_k": b(3 * 34)}, "weight_k must hold whole heads of 2 rows, but .* are 3 rows"),
+    ({"weight_v": b(2 * 34 + 5)}, "weight_v must hold whole heads .* 64 elements and 5 bytes"),
+    ({"weight_k": b(4 * 34)}, r"key_cache must be \[1, 2, rows, 2\]"),
+    ({"position_ids": z(0).long()}, "position_ids must hold the token's position as int64"),
+    ({"position_ids": z(1).int()}, "position_ids must hold .* 1 elements of Int"),
+    ({"key_cache": z(1, 1, 4, 2).half()}, "key_cache must have input's type, Float, but has Half"),
+    ({"key_cache": z(2, 1, 4, 2)}, CACHE),
+    ({"key_cache": z(1, 4, 2)}, CACHE),
+    ({"key_cache": z(1, 1, 2, 4).transpose(2, 3)}, CACHE),
+    ({"value_cache": z(1, 1, 3, 2)}, "value_cache must have storage for row 3"),
+    (
+        {"weight_v": b(4 * 34), "value_cache": z(1, 1, 4, 2).expand(1, 2, 4, 2)},
+        "its heads must not overlap",
+    ),
+]
 REFUSED["fused_rms_norm"] = [
     ({"input": z(3, 64).int()}, "\"LayerNormKernelImpl\" not implemented for 'Int'"),
     ({"weight": z(64).half()}, "expected scalar type Float but found Half"),

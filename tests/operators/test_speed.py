@@ -18,6 +18,7 @@ from packed import FORMATS, FUSED, random_weight
 from super_block_reference import QTYPE, random_records
 
 TYPES = ("float32", "float16", "bfloat16")
+ID = torch.zeros(1, dtype=torch.int64, device="xpu")
 
 
 def calls() -> dict[str, Callable[[], object]]:
@@ -41,6 +42,12 @@ def calls() -> dict[str, Callable[[], object]]:
         for name, form in FUSED.items():
             made[f"mlp {name} {t}"] = lambda x=x, w=weight(form), q=form.qtype: (
                 tolvane.mlp_forward_xpu(x, w, w, 1, 1024, 256, q)
+            )
+            kv = zeros(1, 1, 2, 128, dtype=t)
+            made[f"qkv {name} {t}"] = lambda x=x, w=weight(form), q=form.qtype, kv=kv[:, :, :1]: (
+                tolvane.forward_qkv(
+                    x, w, w[: w.numel() // 2], w[: w.numel() // 2], ID, kv, kv, q, 0, 128
+                )
             )
         wide, scale = x.expand(2, 1024).contiguous(), x[0]
         made[f"norm {t}"] = lambda x=wide, w=scale: tolvane.fused_layer_norm(x, (1024,), w, w, 1e-5)

@@ -9,6 +9,7 @@ import torch
 
 import corpus
 import quarn
+from convert import convert
 from all_formats import FORMATS, Row
 from generate import generate
 from model import Config, Decoder, rotate
@@ -106,6 +107,20 @@ def test_checkpoint_round_trip(tmp_path) -> None:
     torch.testing.assert_close(loaded.layers[1].mlp.up.weight, expected, rtol=2**-11, atol=1e-7)
     with pytest.raises(FileNotFoundError, match="train.py"):
         load(tmp_path / "absent.pt")
+
+
+@torch.no_grad()
+def test_converted_decoder_is_one_of_transformers(tmp_path) -> None:
+    """The library gives its logits, and the tokenizer its bytes."""
+    transformers = pytest.importorskip("transformers")
+    model, text = small_decoder(), "Anna was happy, é\n"
+    convert(model, tmp_path)
+    tokenizer = transformers.AutoTokenizer.from_pretrained(tmp_path)
+    tokens = tokenizer.encode(text)
+    assert bytes(tokens) == text.encode() and tokenizer.decode(tokens) == text
+    own = transformers.AutoModelForCausalLM.from_pretrained(tmp_path).eval()
+    expected = model(torch.tensor([tokens]))
+    torch.testing.assert_close(own(torch.tensor([tokens])).logits, expected, atol=1e-4, rtol=1e-4)
 
 
 @torch.no_grad()

@@ -248,7 +248,7 @@ def test_importance_is_the_mean_square_of_each_column() -> None:
     assert list(doubled) == ["last"] and (doubled["last"] == 1).all()
 
 
-def test_pack_model_replaces_layers_and_shows_how_far_it_is(capsys) -> None:
+def test_quantize_replaces_layers_and_shows_how_far_it_is(capsys) -> None:
     torch.manual_seed(0)
     model = Tied()
     importance = {"first.0": torch.rand(256), "last": torch.rand(256)}
@@ -258,7 +258,7 @@ def test_pack_model_replaces_layers_and_shows_how_far_it_is(capsys) -> None:
     def choose(name: str, module: nn.Module) -> str | None:
         return {"first.0": "iq2_xxs", "last": "q8_0"}.get(name)
 
-    assert quarn.pack_model(model, choose, importance, embeddings=True) is model
+    assert quarn.quantize_(model, choose, importance, embeddings=True) is model
     shown = capsys.readouterr()
     assert shown.out == "" and "100%  0.1 of 0.1 M weights" in shown.err
     assert model.first[0] is model.again and model.unused is kept
@@ -270,7 +270,11 @@ def test_pack_model_replaces_layers_and_shows_how_far_it_is(capsys) -> None:
     for name, packed in expected.items():
         assert torch.equal(model.get_submodule(name).packed, packed), name
     assert torch.equal(model.again.bias, weights["again.bias"])
-    alone = quarn.pack_model(nn.Linear(64, 2), "q4_0", progress=False)
+    two = nn.Sequential(nn.Sequential(nn.Linear(64, 2)), nn.Linear(64, 2), nn.Linear(64, 2))
+    quarn.quantize_(two, {"0": "q8_0", "default": "q4_0"}, skip=["1"], progress=False)
+    assert two[0][0].format.name == "q8_0" and two[2].format.name == "q4_0"
+    assert isinstance(two[1], nn.Linear)
+    alone = quarn.quantize_(nn.Linear(64, 2), "q4_0", progress=False)
     assert isinstance(alone, quarn.QuantLinear) and capsys.readouterr().err == ""
     with pytest.raises(ValueError, match="1: state_size must be a positive multiple of 256"):
-        quarn.pack_model(nn.Sequential(nn.ReLU(), nn.Linear(64, 2)), "q2_k", progress=False)
+        quarn.quantize_(nn.Sequential(nn.ReLU(), nn.Linear(64, 2)), "q2_k", progress=False)

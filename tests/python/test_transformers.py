@@ -66,14 +66,11 @@ def prompt() -> dict[str, torch.Tensor]:
 
 def packed_and_dense(model: nn.Module) -> tuple[nn.Module, nn.Module]:
     """Copies of the model whose linear layers are packed, and have the packed weights' values."""
-    packed, dense = copy.deepcopy(model), copy.deepcopy(model)
-    formats = itertools.cycle(FORMATS)
-    layers = [name for name, module in model.named_modules() if isinstance(module, nn.Linear)]
+    dense, formats = copy.deepcopy(model), itertools.cycle(FORMATS)
+    packed = quarn.quantize_(copy.deepcopy(model), lambda *layer: next(formats), progress=False)
+    layers = {n: m for n, m in packed.named_modules() if isinstance(m, quarn.QuantLinear)}
     assert len(layers) >= 9
-    for name in layers:
-        format = next(formats)
-        layer = quarn.QuantLinear.from_float(packed.get_submodule(name), format)
-        packed.set_submodule(name, layer)
+    for name, layer in layers.items():
         weight = quarn.unpack(layer.packed, layer.format.name, layer.state_size, torch.float32)
         dense.get_submodule(name).weight = nn.Parameter(weight)
     return packed, dense

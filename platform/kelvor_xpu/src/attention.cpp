@@ -13,6 +13,7 @@
 #include <limits>
 
 #include "alias.hpp"
+#include "token_attention.hpp"
 
 namespace kelvor_xpu {
 namespace {
@@ -58,6 +59,10 @@ std::optional<at::Tensor> as_bias(const std::optional<at::Tensor>& mask, c10::Sc
 at::Tensor attention(const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
                      const std::optional<at::Tensor>& mask, double dropout, bool causal,
                      std::optional<double> scale, bool grouped) {
+  const bool masks = (mask.has_value() && mask->defined()) || causal;
+  if (!masks && dropout == 0 && is_plain(query) && is_plain(key) && is_plain(value)) {
+    if (std::optional<at::Tensor> out = token_attention(query, key, value, scale, grouped)) return *out;
+  }
   const std::optional<at::Tensor> bias = as_bias(mask, query.scalar_type());
   if (takes_fused(query, key, value, mask, dropout, causal, scale, grouped)) {
     return std::get<0>(at::_scaled_dot_product_fused_attention_overrideable(query, key, value, bias, dropout,

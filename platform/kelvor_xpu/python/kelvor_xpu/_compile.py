@@ -15,39 +15,50 @@ from typing import Any, Callable, Sequence
 import torch
 
 _COMPILER = "torch._dynamo"
-_waiting: list[tuple[Callable[..., Any], str, int | None]] = []
+_waiting: list[tuple[Callable[..., Any], Callable[..., Any]]] = []
 
 
-def show_as_operator(function: Callable[..., Any], operator: str, result: int | None) -> None:
+def show_as_operator(
+    function: Callable[..., Any], operator: str, result: int | tuple[int, ...] | None
+) -> Callable[..., Any]:
     """torch.compile is to see ``operator`` ("library::name") where ``function`` is called.
 
     Both take the same arguments. result: the place of the argument that the function returns where the operator
-    returns nothing.
+    returns nothing; or the places of those of which it returns, behind the operator's result, views with one row more
+    in dimension 2. Returns the function in terms of the operator.
     """
-    _waiting.append((function, operator, result))
+    observed = _in_terms_of(operator, result)
+    _waiting.append((function, observed))
     if _COMPILER in sys.modules:
         _tell_compiler()
     elif not any(isinstance(finder, _CompilerWatch) for finder in sys.meta_path):
         sys.meta_path.insert(0, _CompilerWatch())
+    return observed
 
 
 def _tell_compiler() -> None:
     while _waiting:
-        function, operator, result = _waiting.pop()
-        torch.compiler.substitute_in_graph(function, skip_signature_check=True)(
-            _traced(operator, result)
-        )
+        function, observed = _waiting.pop()
+        torch.compiler.substitute_in_graph(function, skip_signature_check=True)(observed)
 
 
-def _traced(operator: str, result: int | None) -> Callable[..., Any]:
+def _in_terms_of(operator: str, result: int | tuple[int, ...] | None) -> Callable[..., Any]:
     library, name = operator.split("::")
     packet = getattr(getattr(torch.ops, library), name)
 
-    def traced(*arguments: Any) -> Any:
+    def observed(*arguments: Any) -> Any:
+        if isinstance(result, tuple):
+            views = [_grown(arguments[place]) for place in result]
+            return [packet(*arguments), *views]
         returned = packet(*arguments)
         return returned if result is None else arguments[result]
 
-    return traced
+    return observed
+
+
+def _grown(x: torch.Tensor) -> torch.Tensor:
+    batch, heads, rows, size = x.shape
+    return x.detach().as_strided((batch, heads, rows + 1, size), x.stride())
 
 
 class _CompilerWatch(importlib.abc.MetaPathFinder):

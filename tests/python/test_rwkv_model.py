@@ -1,0 +1,74 @@
+"""RWKV of version 4 against transformers' own: logits, tokens, and the states of both."""
+
+from __future__ import annotations
+
+import pytest
+import torch
+from torch import nn
+
+import quarn
+from quarn import rwkv
+
+transformers = pytest.importorskip("transformers")
+pytest.importorskip("tolvane")
+
+SIZES = {
+    "vocab_size": 192,
+    "hidden_size": 128,
+    "num_hidden_layers": 3,
+    "intermediate_size": 192,
+    "tie_word_embeddings": False,
+}
+
+
+@pytest.fixture(scope="module")
+def folder(tmp_path_factory):
+    """A small random model, whose weights begin larger than the library lets them."""
+    torch.manual_seed(2)
+    own = transformers.RwkvForCausalLM(transformers.RwkvConfig(**SIZES))
+    for name, parameter in own.named_parameters():
+        if "mix" in name:
+            nn.init.uniform_(parameter)
+        elif parameter.dim() == 1:
+            nn.init.normal_(parameter, mean=float("ln" in name and "weight" in name), std=0.3)
+        else:
+            nn.init.normal_(parameter, std=1.0 if "embeddings" in name else 0.2)
+    path = tmp_path_factory.mktemp("rwkv")
+    own.save_pretrained(path)
+    return path
+
+
+@pytest.mark.parametrize(
+    "format", [None, "q4_0", {"key": "q8_0", "head": "nf4", "default": "q4_0"}]
+)
+def test_logits_tokens_and_states_of_the_library(folder, tmp_path, monkeypatch, format) -> None:
+    monkeypatch.setattr(rwkv, "PROMPT_ROWS", 8)
+    model = quarn.from_pretrained(folder, format, progress=False)
+    if format is not None:
+        quarn.save_pretrained(model, tmp_path)
+        model = quarn.from_pretrained(tmp_path)
+    own = transformers.RwkvForCausalLM.from_pretrained(folder).eval()
+    for name, module in model.named_modules():
+        if isinstance(module, quarn.QuantLinear):
+            weight = quarn.unpack(module.packed.cpu(), module.format.name, module.state_size)
+            own.get_submodule(name).weight = nn.Parameter(weight)
+    prompt = torch.randint(0, 192, (21,), generator=torch.Generator().manual_seed(3))
+    tokens = list(quarn.generate(model, prompt.tolist(), 64))
+    everything = torch.cat([prompt, torch.tensor(tokens)])
+    with torch.no_grad():
+        result = own(everything[None], use_cache=True)
+    expected = result.logits[0]
+    assert tokens == expected[20:-1].argmax(-1).tolist() and len(set(tokens)) > 3
+
+    for parts in ([everything], everything.split(1)):  # over a prompt, and token by token
+        state = model.new_cache()
+        actual = torch.cat([model(part, state) for part in parts]).cpu()
+        assert (actual - expected).abs().max() <= 1e-4 * (expected.max() - expected.min())
+        kept = (
+            *(state.feed_forward_inputs, state.attention_inputs),
+            *(state.numerators, state.denominators, state.exponents),
+        )
+        for ours, theirs in zip(kept, result.state, strict=True):
+            torch.testing.assert_close(
+                torch.stack(ours, -1).cpu(), theirs.float(), rtol=1e-4, atol=1e-5
+            )
