@@ -50,7 +50,7 @@ def tensors(model: Decoder) -> dict[str, Tensor]:
     }
     for number, layer in enumerate(model.layers):
         names = dict(layer.named_parameters())
-        own = {
+        own: dict[str, Tensor] = {
             "input_layernorm.weight": names["attention_norm.weight"],
             "self_attn.o_proj.weight": names["attention.out.weight"],
             "post_attention_layernorm.weight": names["mlp_norm.weight"],
