@@ -34,13 +34,16 @@ constexpr float minus_two_log2_of_base = std::bit_cast<float>(0xC1D49A78u);
 
 /// The storage of `cache` goes as far as row `row` of its last head.
 void check_storage(const char* name, const at::Tensor& cache, std::int64_t row) {
-  const std::int64_t end =
-      cache.storage_offset() + (cache.size(1) - 1) * cache.stride(1) + row * cache.stride(2) + cache.size(3);
+  // Only strides over rows that exist are known to be sound.
+  std::int64_t end = 0;
+  const std::int64_t head = cache.storage_offset() + (cache.size(1) - 1) * cache.stride(1);
+  const bool overflows = __builtin_mul_overflow(row, cache.stride(2), &end) ||
+                         __builtin_add_overflow(end, head + cache.size(3), &end);
   const at::Storage& storage = cache.storage();
   const std::size_t bytes = storage.data() == nullptr ? 0 : storage.nbytes();
   const auto held = static_cast<std::int64_t>(bytes / cache.element_size());
-  TORCH_CHECK(end <= held, op, ": ", name, " must have storage for row ", row, ", which ends after element ",
-              end, " of it, but it has ", held);
+  TORCH_CHECK(!overflows && end <= held, op, ": ", name, " must have storage for row ", row,
+              ", which ends after element ", end, " of it, but it has ", held);
 }
 
 /// The cache's first element, also where the view shows no rows yet.

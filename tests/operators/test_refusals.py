@@ -113,6 +113,10 @@ REFUSED["forward_qkv"] = [
     ({"kv_length": -1}, "kv_length must not be negative"),
     ({"kv_length": 1 << 40}, "below 2147483648"),
     ({"kv_length": 4}, "key_cache must have storage for row 4, which ends after element 10 of it"),
+    (
+        {"key_cache": z(2).as_strided((1, 1, 1, 2), (2, 2, 1 << 62, 1)), "kv_length": 4},
+        "key_cache must have storage for row 4",
+    ),
     ({"weight_q": z(136)}, FLAT),
     ({"weight_q": b(0)}, "sizes must be positive"),
     ({"weight_k": b(3 * 34)}, "weight_k must hold whole heads of 2 rows, but .* are 3 rows"),
