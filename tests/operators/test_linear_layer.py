@@ -43,6 +43,8 @@ def test_routes_shapes_and_forms(results, name):
         if route == routes.ONE:
             per_group = 1 if qtype in (6, 7) else rows if qtype == 2 else 2
             assert shapes == [[-(-output // per_group), group, 0]], call
+        elif route == routes.ENGINE:
+            assert shapes == [[output // (16 if device_class == 0 else 8), 8, 0]], call
         elif route == routes.FEW:
             assert shapes == [[-(-output // 2), group, 0]], call
         elif route == routes.DENSE:
