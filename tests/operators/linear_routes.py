@@ -64,7 +64,7 @@ def observed(qtype: int, rows: int, output: int, hint: int) -> tuple[str, list[l
     if "batch_kernel" in log[0].kernel:
         return FEW, shapes
     if "dequantize_kernel" in log[0].kernel:
-        return (TILED if len(log) > 1 else DENSE), shapes
+        return DENSE, shapes
     return ONE, shapes
 
 
