@@ -6,6 +6,7 @@
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
 #include <ATen/ops/linear.h>
+#include <ATen/ops/mm.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -73,15 +74,39 @@ template <class Format>
 at::Tensor multiplied_in_integers(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
                                   std::int64_t output_size);
 
-/// The dense route: expands the weight and multiplies by it. Where there are no rows or no outputs, it only
-/// passes the checks of an expansion.
+/// Bytes of an expansion that are still in a cache when they are multiplied, and the most rows for which that
+/// counts: the product of more rows is the slower for each slice.
+inline constexpr std::int64_t slice_bytes = std::int64_t{4} << 20;
+inline constexpr std::int64_t sliced_rows = 64;
+
+/// The dense route: expands the weight and multiplies by it, where rows can be expanded by themselves in
+/// slices that stay in the cache. Where there are no rows or no outputs, it only passes the checks of an
+/// expansion.
 template <class Format>
 at::Tensor multiplied_by_dense(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
                                std::int64_t state_size, std::int64_t output_size) {
   const std::int64_t rows = batch_size == 0 ? 0 : output_size;
-  const at::Tensor dense = expanded_rows<Format>(input, weight, state_size, output_size, 0, rows);
+  std::int64_t step = rows;
+  if constexpr (
+      !requires { Format::flat_elements; } && !requires { Format::expansion_items; }) {
+    if (batch_size <= sliced_rows)
+      step = std::min(rows,
+                      std::max<std::int64_t>(
+                          1, slice_bytes / (state_size * static_cast<std::int64_t>(input.element_size()))));
+  }
+  const at::Tensor dense = expanded_rows<Format>(input, weight, state_size, output_size, 0, step);
   if (dense.numel() == 0) return empty_for(input, weight, batch_size, output_size);
-  return at::linear(input, dense);
+  if (step == rows) return at::linear(input, dense);
+  at::Tensor output = empty_for(input, weight, batch_size, output_size);
+  for (std::int64_t start = 0; start < rows; start += step) {
+    const std::int64_t count = std::min(step, rows - start);
+    at::Tensor columns = output.narrow(1, start, count);
+    at::mm_out(
+        columns, input,
+        (start == 0 ? dense : expanded_rows<Format>(input, weight, state_size, output_size, start, count))
+            .t());
+  }
+  return output;
 }
 
 /// The same in slices of the weight's rows, which holds one slice at a time.

@@ -30,9 +30,15 @@ at::Tensor xpu_dequant(at::Tensor input, at::Tensor weight, int qtype);
 /// index names no row of the weight.
 at::Tensor xpu_dequantize_rows(at::Tensor input, at::Tensor weight, int qtype, std::int64_t state_size);
 
-/// The matrix engine's route: a few rows, without a dense weight in memory.
+/// The matrix engine's route: [batch_size, output_size] in input's element type, on weight's device.
+///
+/// `input` is [batch_size, state_size], contiguous, `weight` packed in q4_0, q8_0, fp8_e4m3 or fp8_e5m2 (any
+/// other `qtype` gives zeros). `wide_tile` computes 16 columns in a work-group, else 8; output_size is a
+/// multiple of that and state_size of 64, or c10::Error is raised before anything is submitted. `size_hint`
+/// is not read. An element type other than float, half and bfloat16 writes "unsupported dtype" to the
+/// standard error stream and ends the process with status 2.
 at::Tensor sysarr_forward(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
                           std::int64_t state_size, std::int64_t output_size, std::int64_t size_hint,
-                          int qtype, bool summit);
+                          int qtype, bool wide_tile);
 
 }  // namespace tolvane

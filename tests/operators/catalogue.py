@@ -18,6 +18,7 @@ import qkv_cases
 import rope_cases
 import rwkv_cases
 import super_block_cases
+import sysarr_cases
 
 SUBJECTS = {
     "linear": linear_cases.CASES,
@@ -31,6 +32,8 @@ SUBJECTS = {
     "super blocks": super_block_cases.CASES,
 }
 CASES = [case for cases in SUBJECTS.values() for case in cases]
+# Only some classes of device take these.
+ENGINES = {"engine": sysarr_cases.CASES, "engine of many rows": sysarr_cases.MANY_ROWS}
 
 
 if __name__ == "__main__":
@@ -38,7 +41,7 @@ if __name__ == "__main__":
     for subject in sys.argv[2:] or [*SUBJECTS, "routes"]:
         if subject == "routes":
             results.update(linear_routes.observations())
-        for case in SUBJECTS.get(subject, []):
+        for case in (SUBJECTS | ENGINES).get(subject, []):
             print(case.name, file=sys.stderr)  # the last one that is named failed
             results.update((f"{case.name} {part}", x) for part, x in case.arrays().items())
     np.savez(sys.argv[1], **results)

@@ -56,17 +56,15 @@ def observed(qtype: int, rows: int, output: int, hint: int) -> tuple[str, list[l
     x = torch.ones(rows, 64, device="xpu")
     weight = torch.zeros(output * BLOCK_BYTES[qtype], dtype=torch.uint8, device="xpu")
     kelvor_xpu.clear_submissions()
-    try:
-        tolvane.forward_new(x, weight, qtype, hint)
-    except RuntimeError as error:
-        assert "go to the matrix engine" in str(error) and not kelvor_xpu.submissions()
-        return ENGINE, []
+    tolvane.forward_new(x, weight, qtype, hint)
     log = [s for s in kelvor_xpu.submissions() if s.label == "devq_kernel"]
     shapes = [[s.global_size[0] // s.local_size[0], s.local_size[0], int(s.waited)] for s in log]
+    if "sysarr_kernel" in log[0].kernel:
+        return ENGINE, shapes
     if "batch_kernel" in log[0].kernel:
         return FEW, shapes
     if "dequantize_kernel" in log[0].kernel:
-        return (TILED if len(log) > 1 else DENSE), shapes
+        return DENSE, shapes
     return ONE, shapes
 
 

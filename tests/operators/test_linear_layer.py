@@ -35,30 +35,31 @@ def packed(form: str, rows: int, state: int = 64) -> torch.Tensor:
 def test_routes_shapes_and_forms(results, name):
     device_class = DEVICE_NAMES.index(name)
     observed = results(KELVOR_XPU_DEVICE_NAME=name, KELVOR_XPU_GUARD_PAGES="1")
-    group, rows = (64 if device_class == 0 else 32), (8 if device_class == 5 else 2)
+    group, outputs = (64 if device_class == 0 else 32), (8 if device_class == 5 else 2)
     for i, (call, expected) in enumerate(routes.CALLS):
-        qtype, _, output, _, environment = call
+        qtype, input_rows, output, _, environment = call
         route, shapes = str(observed[f"route{i}"]), observed[f"shapes{i}"].tolist()
-        assert route == routes.LETTERS[expected[device_class]], call
+        tiled = expected[device_class] == "t"
+        assert route == (routes.DENSE if tiled else routes.LETTERS[expected[device_class]]), call
         if route == routes.ONE:
-            per_group = 1 if qtype in (6, 7) else rows if qtype == 2 else 2
+            per_group = 1 if qtype in (6, 7) else outputs if qtype == 2 else 2
             assert shapes == [[-(-output // per_group), group, 0]], call
+        elif route == routes.ENGINE:
+            assert shapes == [[output // (16 if device_class == 0 else 8), 8, 0]], call
         elif route == routes.FEW:
             assert shapes == [[-(-output // 2), group, 0]], call
         elif route == routes.DENSE:
             # Rows of 64 elements: a work-item takes 4 or 2 elements of a four-bit format, 2 or 1 of a byte-wide one.
             if qtype in (6, 7, 11):
-                size, groups = 256, -(-output * 64 // (4 if qtype == 11 else 2) // 256)
+                size, rows = 256, [-(-output * 64 // (4 if qtype == 11 else 2) // 256)]
             else:
-                size, groups = (
-                    (32 if qtype in (8, 15, 19) else 16) * (1 if device_class == 0 else 2),
-                    output,
-                )
+                size = (32 if qtype in (8, 15, 19) else 16) * (1 if device_class == 0 else 2)
+                # What is expanded at a time for up to 64 rows stays in a cache.
+                step = int(environment.get("TILE_SIZE", 4096)) if tiled else (4 << 20) // (64 * 4)
+                step = output if input_rows > 64 and not tiled else step
+                rows = [min(step, output - i) for i in range(0, output, step)]
             waits = qtype != 7 and not (qtype == 2 and device_class == 0)
-            assert shapes == [[groups, size, int(waits)]], call
-        elif route == routes.TILED:
-            step = int(environment.get("TILE_SIZE", 4096))
-            assert [s[0] for s in shapes] == [min(step, output - i) for i in range(0, output, step)]
+            assert shapes == [[groups, size, int(waits)] for groups in rows], call
 
 
 @pytest.mark.parametrize("size", routes.TILE_SIZES)
@@ -83,12 +84,13 @@ def test_slices_give_what_the_whole_expansion_gives(results, size):
     )
 
 
-@pytest.mark.parametrize("rows", [21, 64])
+@pytest.mark.parametrize("rows, output", [(21, 33), (64, 1900), (65, 33)])
 @pytest.mark.parametrize("form", FORMATS)
-def test_many_rows_multiply_the_dense_weight(form, rows):
+def test_many_rows_multiply_the_dense_weight(form, rows, output):
+    """1900 rows of 576 floats are expanded in two slices."""
     for dtype, tolerance in (("float32", 2e-6), ("float16", 2e-3)):
-        case = Product(form, dtype, rows, 576, 33)
-        elements = dense(weight(form, 576, 33), arithmetic.ALL[dtype]).astype(np.float64)
+        case = Product(form, dtype, rows, 576, output)
+        elements = dense(weight(form, 576, output), arithmetic.ALL[dtype]).astype(np.float64)
         expected = case.activations(rows, 576).astype(np.float64) @ elements.T
         result = tolvane.forward_new(*case.arguments()).cpu().double().numpy()
         assert_allclose(result, expected, atol=tolerance * np.abs(expected).max())

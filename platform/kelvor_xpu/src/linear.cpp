@@ -19,7 +19,7 @@ constexpr int64_t most_rows = 256;
 /// Multiply-adds that are worth a thread's attention.
 constexpr int64_t smallest_piece = int64_t{1} << 17;
 
-bool is_reduced_matrix(const at::Tensor& tensor, c10::ScalarType type) {
+bool is_matrix(const at::Tensor& tensor, c10::ScalarType type) {
   return on_xpu(tensor) && tensor.dim() == 2 && tensor.scalar_type() == type && !tensor.is_conj() &&
          !tensor.is_neg();
 }
@@ -28,17 +28,25 @@ bool dense_rows(const at::Tensor& matrix) {
   return matrix.stride(1) == 1 && (matrix.stride(0) >= matrix.size(1) || matrix.size(0) == 1);
 }
 
+/// Whether the streaming kernels are faster than the CPU's operator. In float they are for a few rows, where
+/// that one has no wider registers than they have.
+bool outruns_cpu(c10::ScalarType type, int64_t rows) {
+  static const bool same_registers = !__builtin_cpu_supports("avx512f");
+  if (type == at::kFloat) return same_registers && rows > 1 && rows <= 64;
+  return (type == at::kHalf || (type == at::kBFloat16 && !cpu_multiplies_bfloat16())) && rows <= most_rows;
+}
+
 /// Whether the streaming kernels can do out = rows @ weights. All else, errors included, is for the CPU's
 /// operator.
 bool streams(const at::Tensor& rows, const at::Tensor& weights, const at::Tensor& out) {
   const c10::ScalarType type = rows.scalar_type();
-  if (type != at::kHalf && (type != at::kBFloat16 || cpu_multiplies_bfloat16())) return false;
-  if (!is_reduced_matrix(rows, type) || !is_reduced_matrix(weights, type) || !is_reduced_matrix(out, type)) {
+  if (rows.dim() != 2 || !outruns_cpu(type, rows.size(0))) return false;
+  if (!is_matrix(rows, type) || !is_matrix(weights, type) || !is_matrix(out, type)) {
     return false;
   }
-  return rows.size(0) <= most_rows && rows.size(1) == weights.size(0) && out.size(0) == rows.size(0) &&
-         out.size(1) == weights.size(1) && rows.numel() > 0 && weights.numel() > 0 &&
-         dense_rows(weights.t()) && dense_rows(out) && !out.is_alias_of(rows) && !out.is_alias_of(weights);
+  return rows.size(1) == weights.size(0) && out.size(0) == rows.size(0) && out.size(1) == weights.size(1) &&
+         rows.numel() > 0 && weights.numel() > 0 && dense_rows(weights.t()) && dense_rows(out) &&
+         !out.is_alias_of(rows) && !out.is_alias_of(weights);
 }
 
 bool can_add(const at::Tensor& addend, const at::Tensor& out) {
@@ -53,27 +61,30 @@ void check_types(const at::Tensor& rows, const at::Tensor& weights) {
               weights.scalar_type());
 }
 
-const uint16_t* bits(const at::Tensor& tensor) {
-  return static_cast<const uint16_t*>(tensor.data_ptr());
+LinearType linear_type(c10::ScalarType type) {
+  return type == at::kHalf       ? LinearType::half
+         : type == at::kBFloat16 ? LinearType::bfloat16
+                                 : LinearType::single;
 }
 
 /// Computes the call's sums; what it adds to them is set already.
 void run(LinearCall call, const at::Tensor& rows, const at::Tensor& weights, at::Tensor& out) {
   settings();  // the number of threads
-  call.type = out.scalar_type() == at::kHalf ? Reduced::half : Reduced::bfloat16;
+  call.type = linear_type(out.scalar_type());
   call.rows = rows.size(0);
   call.depth = rows.size(1);
   call.padded_depth = padded(call.depth);
-  call.weight = bits(weights);
+  call.weight = weights.data_ptr();
   call.weight_stride = weights.stride(1);
-  call.out = static_cast<uint16_t*>(out.data_ptr());
+  call.out = out.data_ptr();
   call.out_stride = out.stride(0);
 
   const at::Tensor dense = dense_rows(rows) ? rows : rows.contiguous();
   const c10::DataPtr wide = scratch_allocator()->allocate(call.rows * call.padded_depth * sizeof(float));
   auto* x = static_cast<float*>(wide.get());
   for (int64_t r = 0; r < call.rows; ++r) {
-    widen_padded(call.type, bits(dense) + r * dense.stride(0), call.depth, x + r * call.padded_depth);
+    const auto* row = static_cast<const char*>(dense.data_ptr()) + r * dense.stride(0) * dense.element_size();
+    widen_padded(call.type, row, call.depth, x + r * call.padded_depth);
   }
   call.x = x;
 
@@ -110,7 +121,7 @@ at::Tensor& addmm_out(const at::Tensor& self, const at::Tensor& rows, const at::
     call.beta = beta.to<float>();
     const at::Tensor addend = self.expand(out.sizes());
     // Without a factor, what is to be added does not count, not even as NaN.
-    if (call.beta != 0.0F) call.addend = bits(addend);
+    if (call.beta != 0.0F) call.addend = addend.data_ptr();
     call.addend_row_stride = addend.stride(0);
     call.addend_column_stride = addend.stride(1);
     run(call, rows, weights, out);

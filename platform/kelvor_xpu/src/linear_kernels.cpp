@@ -8,7 +8,6 @@ namespace {
 
 using spmd::bfloat16, spmd::half;
 using std::int64_t;
-using std::uint16_t;
 
 constexpr int lanes = spmd::native_lanes<float>;
 using floats = spmd::lanes<float, lanes>;
@@ -22,15 +21,15 @@ constexpr int tile_columns = 3;
 
 template <class T>
 const T* row_of(const LinearCall& call, int64_t column) {
-  return reinterpret_cast<const T*>(call.weight) + column * call.weight_stride;
+  return static_cast<const T*>(call.weight) + column * call.weight_stride;
 }
 
 /// The next values of a row widened; the `left` that it still has and zeros, where these are fewer than
 /// lanes.
 template <class T>
 floats widened(const T* from, int64_t left) {
-  if (left >= lanes) return spmd::load<lanes>(from).w;
-  return spmd::load<lanes>(from, spmd::first_lanes{static_cast<int>(left)}).w;
+  if (left >= lanes) return spmd::convert<float>(spmd::load<lanes>(from));
+  return spmd::convert<float>(spmd::load<lanes>(from, spmd::first_lanes{static_cast<int>(left)}));
 }
 
 template <class T>
@@ -42,12 +41,16 @@ template <class T>
 void write(const LinearCall& call, int64_t row, int64_t column, const floats& sums) {
   float value = call.alpha * spmd::tree_sum(sums);
   if (call.addend != nullptr) {
-    value +=
-        call.beta *
-        float(T::from_bits(call.addend[row * call.addend_row_stride + column * call.addend_column_stride]));
+    const auto* addend = static_cast<const T*>(call.addend);
+    value += call.beta * float(addend[row * call.addend_row_stride + column * call.addend_column_stride]);
   }
-  // Rounding to bfloat16 has no case for NaN.
-  call.out[row * call.out_stride + column] = value == value ? T(value).bits() : uint16_t{0x7fff};
+  T& out = static_cast<T*>(call.out)[row * call.out_stride + column];
+  if constexpr (spmd::reduced<T>) {
+    // Rounding to bfloat16 has no case for NaN.
+    out = value == value ? T(value) : T::from_bits(0x7fff);
+  } else {
+    out = value;
+  }
 }
 
 /// One to three rows: bound by memory, so that each weight is widened where it is used. `columns` rows of
@@ -171,13 +174,25 @@ void linear_columns_of(const LinearCall& call, int64_t begin, int64_t end) {
 }  // namespace
 
 void linear_columns(const LinearCall& call, int64_t begin, int64_t end) {
-  if (call.type == Reduced::half) return linear_columns_of<half>(call, begin, end);
-  linear_columns_of<bfloat16>(call, begin, end);
+  switch (call.type) {
+    case LinearType::half:
+      return linear_columns_of<half>(call, begin, end);
+    case LinearType::bfloat16:
+      return linear_columns_of<bfloat16>(call, begin, end);
+    case LinearType::single:
+      return linear_columns_of<float>(call, begin, end);
+  }
 }
 
-void widen_padded(Reduced type, const uint16_t* from, int64_t count, float* to) {
-  if (type == Reduced::half) return widen_row(reinterpret_cast<const half*>(from), count, to);
-  widen_row(reinterpret_cast<const bfloat16*>(from), count, to);
+void widen_padded(LinearType type, const void* from, int64_t count, float* to) {
+  switch (type) {
+    case LinearType::half:
+      return widen_row(static_cast<const half*>(from), count, to);
+    case LinearType::bfloat16:
+      return widen_row(static_cast<const bfloat16*>(from), count, to);
+    case LinearType::single:
+      return widen_row(static_cast<const float*>(from), count, to);
+  }
 }
 
 }  // namespace kelvor_xpu

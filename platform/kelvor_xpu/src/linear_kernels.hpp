@@ -1,5 +1,5 @@
 #pragma once
-// Matrix products of a few rows of activations with a large matrix of weights in half or bfloat16. The
+// Matrix products of a few rows of activations with a large matrix of weights in half, bfloat16 or float. The
 // weights are read from memory once, and widened to float in registers; sums are in float.
 //
 // linear_kernels.cpp is the one file of the library that is compiled for AVX2, FMA and F16C. Nothing with
@@ -10,23 +10,23 @@
 
 namespace kelvor_xpu {
 
-enum class Reduced { half, bfloat16 };
+enum class LinearType { half, bfloat16, single };
 
 /// out[r][c] = alpha * sum over k of x[r][k] * weight[c][k] + beta * addend[r][c]
 struct LinearCall {
-  Reduced type;
+  LinearType type;
   const float* x;  ///< rows of `padded_depth` values, zero from `depth` on
   std::int64_t padded_depth;
-  const std::uint16_t* weight;
+  const void* weight;
   std::int64_t weight_stride;
   std::int64_t rows;
   std::int64_t depth;
-  const std::uint16_t* addend;  ///< null: none
+  const void* addend;  ///< null: none
   std::int64_t addend_row_stride;
   std::int64_t addend_column_stride;
   float alpha;
   float beta;
-  std::uint16_t* out;
+  void* out;
   std::int64_t out_stride;
 };
 
@@ -42,6 +42,6 @@ constexpr std::int64_t padded(std::int64_t depth) {
 void linear_columns(const LinearCall& call, std::int64_t begin, std::int64_t end);
 
 /// Writes `count` widened values, and zeros up to padded(count).
-void widen_padded(Reduced type, const std::uint16_t* from, std::int64_t count, float* to);
+void widen_padded(LinearType type, const void* from, std::int64_t count, float* to);
 
 }  // namespace kelvor_xpu
