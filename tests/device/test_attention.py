@@ -47,9 +47,8 @@ def forward_and_gradients(
 def test_values_and_gradients_are_the_cpus(case: str, dtype: torch.dtype, grouped: bool) -> None:
     options = OPTIONS.get(case) or ({"attn_mask": MASKS[case]} if case in MASKS else {})
     expected = forward_and_gradients("cpu", dtype, grouped, **options)
-    for got, want in zip(
-        forward_and_gradients("xpu", dtype, grouped, **options), expected, strict=True
-    ):
+    actual = forward_and_gradients("xpu", dtype, grouped, **options)
+    for got, want in zip(actual, expected, strict=True):
         assert got.device.type == "xpu"
         torch.testing.assert_close(got.cpu(), want)
 
@@ -77,9 +76,8 @@ def test_few_rows_see_all_keys(sizes: tuple[int, ...], dtype: torch.dtype) -> No
     ]
     weights = (query.double() @ shared[0].transpose(2, 3) * depth**-0.5).softmax(-1)
     expected = (weights @ shared[1]).to(dtype)
-    torch.testing.assert_close(
-        got.cpu(), expected, **({} if dtype.itemsize > 2 else {"atol": 8e-3, "rtol": 8e-3})
-    )
+    tolerances = {} if dtype.itemsize > 2 else {"atol": 8e-3, "rtol": 8e-3}
+    torch.testing.assert_close(got.cpu(), expected, **tolerances)
     assert got.is_contiguous()
     if dtype != torch.float64:  # the CPU's kernel does without a NaN there
         cache[:, :, 3, 0] = float("nan")
@@ -113,16 +111,13 @@ def test_transforms_give_what_they_give_without() -> None:
         assert got.device.type == device
         torch.testing.assert_close(got.cpu(), expected)
         gradients = torch.vmap(torch.func.grad(total), in_dims=(0, None, 0))(*arguments)
-        one_by_one = [
-            torch.func.grad(total)(q, arguments[1], m) for q, m in zip(arguments[0], arguments[2])
-        ]
+        pairs = zip(arguments[0], arguments[2])
+        one_by_one = [torch.func.grad(total)(q, arguments[1], mask) for q, mask in pairs]
         torch.testing.assert_close(gradients, torch.stack(one_by_one))
-    along_ones = torch.func.jvp(
-        lambda q: total(q, key.xpu(), masks[0].xpu()),
-        (query[0].xpu(),),
-        (torch.ones_like(query[0]).xpu(),),
-    )[1]
-    slope = torch.func.grad(total)(query[0], key, masks[0]).sum()
+    query, key, mask = query[0].xpu(), key.xpu(), masks[0].xpu()
+    ones = torch.ones_like(query)
+    along_ones = torch.func.jvp(lambda q: total(q, key, mask), (query,), (ones,))[1]
+    slope = torch.func.grad(total)(query.cpu(), key.cpu(), masks[0]).sum()
     torch.testing.assert_close(along_ones.cpu(), slope, rtol=1e-4, atol=1e-5)
 
 

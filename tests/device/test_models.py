@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import copy
 import threading
 from typing import Callable
@@ -23,30 +24,22 @@ class Recurrent(nn.Module):
         return self.layers(x)[0]
 
 
-class Convolutions(nn.Module):
-    def __init__(self) -> None:
-        super().__init__()
-        self.layers = nn.Sequential(
-            nn.Conv1d(4, 6, 3, padding=1),
-            nn.BatchNorm1d(6),
-            nn.SiLU(),
-            nn.ConvTranspose1d(6, 4, 3, padding=1),
-            nn.GroupNorm(2, 4),
-            nn.MaxPool1d(2),
-        )
+def convolutions() -> nn.Module:
+    down = [nn.Conv1d(4, 6, 3, padding=1), nn.BatchNorm1d(6), nn.SiLU()]
+    up = [nn.ConvTranspose1d(6, 4, 3, padding=1), nn.GroupNorm(2, 4), nn.MaxPool1d(2)]
+    return nn.Sequential(*down, *up)
 
-    def forward(self, x: torch.Tensor) -> torch.Tensor:
-        return self.layers(x)
+
+def perceptron() -> nn.Module:
+    return nn.Sequential(nn.Linear(8, 16), nn.GELU(), nn.LayerNorm(16), nn.Linear(16, 8))
 
 
 MODELS: dict[str, Callable[[], nn.Module]] = {
     "transformer": lambda: nn.TransformerEncoderLayer(8, 2, 16, dropout=0.0),
     "lstm": lambda: Recurrent(nn.LSTM),
     "gru": lambda: Recurrent(nn.GRU),
-    "convolutions": Convolutions,
-    "perceptron": lambda: nn.Sequential(
-        nn.Linear(8, 16), nn.GELU(), nn.LayerNorm(16), nn.Linear(16, 8)
-    ),
+    "convolutions": convolutions,
+    "perceptron": perceptron,
 }
 Optimiser = type[torch.optim.Optimizer]
 OPTIMISERS: list[Optimiser] = [torch.optim.SGD, torch.optim.Adam, torch.optim.RMSprop]
@@ -143,9 +136,8 @@ def test_gradient_scaling_skips_steps_that_overflow() -> None:
         scaler.scale(loss).backward()
         scaler.unscale_(optimiser)
         if changes:
-            exact = torch.autograd.grad(
-                layer(torch.ones(3, 4, device="xpu")).square().mean(), layer.weight
-            )[0]
+            square = layer(torch.ones(3, 4, device="xpu")).square().mean()
+            exact = torch.autograd.grad(square, layer.weight)[0]
             torch.testing.assert_close(layer.weight.grad, exact, rtol=2e-2, atol=2e-3)
         scaler.step(optimiser)
         scaler.update()
@@ -164,9 +156,8 @@ def test_checkpointing_repeats_the_same_random_numbers(reentrant: bool) -> None:
         return x.grad
 
     checkpoint = torch.utils.checkpoint.checkpoint
-    assert torch.equal(
-        gradient(lambda x: checkpoint(model, x, use_reentrant=reentrant)), gradient(model)
-    )
+    found = gradient(lambda x: checkpoint(model, x, use_reentrant=reentrant))
+    assert torch.equal(found, gradient(model))
 
 
 @pytest.mark.parametrize("backend", ["eager", "aot_eager", "inductor"])
@@ -175,15 +166,15 @@ def test_compiled_models_give_what_they_give_otherwise(backend: str) -> None:
     model = nn.Sequential(nn.Linear(4, 8), nn.GELU(), nn.Linear(8, 2)).to("xpu")
     compiled = torch.compile(model, backend=backend, fullgraph=True)
     x = torch.randn(3, 4, device="xpu")
-    if backend == "inductor":  # the default one, which would write code for a GPU
-        with pytest.warns(UserWarning, match='runs as backend="eager"'):
-            y = compiled(x)
-    else:
+    # The default backend would write code for a GPU.
+    warns = pytest.warns(UserWarning, match='runs as backend="eager"')
+    with warns if backend == "inductor" else contextlib.nullcontext():
         y = compiled(x)
     assert torch.equal(y, model(x))
-    gradients = torch.autograd.grad(y.sum(), list(model.parameters()))
-    for got, want in zip(gradients, torch.autograd.grad(model(x).sum(), list(model.parameters()))):
-        torch.testing.assert_close(got, want)
+    gradients, expected = (
+        torch.autograd.grad(out.sum(), list(model.parameters())) for out in (y, model(x))
+    )
+    torch.testing.assert_close(gradients, expected)
 
 
 def test_autograd_beyond_the_first_derivative() -> None:

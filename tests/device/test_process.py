@@ -108,32 +108,6 @@ def test_a_forked_child_can_use_the_device() -> None:
     output(code)
 
 
-def test_tensors_go_to_other_processes_by_the_cpu(tmp_path: Path) -> None:
-    script = tmp_path / "send.py"
-    script.write_text(
-        textwrap.dedent("""
-        import torch, torch.multiprocessing as processes
-
-        def work(received, sent):
-            sent.put((received.get().xpu() * 2).tolist())
-
-        if __name__ == "__main__":
-            context = processes.get_context("spawn")
-            to, back = context.Queue(), context.Queue()
-            other = context.Process(target=work, args=(to, back))
-            other.start()
-            to.put(torch.arange(3.0, device="xpu").cpu())
-            print(back.get(timeout=120))
-            other.join()
-    """)
-    )
-    done = subprocess.run(
-        [sys.executable, str(script)], capture_output=True, text=True, timeout=300
-    )
-    assert done.returncode == 0, done.stderr
-    assert done.stdout.strip() == "[0.0, 2.0, 4.0]"
-
-
 def test_exit_with_live_tensors_and_a_sleeping_thread() -> None:
     code = """
         import threading, time
@@ -272,9 +246,8 @@ def test_a_late_import_says_so() -> None:
     assert "ImportError: kelvor_xpu was imported too late" in done.stderr
     early = "import kelvor_xpu, torch; print(torch.ones(1).xpu().item())"
     assert output(early, imports="", TORCH_DEVICE_BACKEND_AUTOLOAD="0") == "1.0"
-    assert (
-        output(early, imports="") == "1.0"
-    )  # torch's own attempt to load the device comes in between
+    # torch's own attempt to load the device comes in between
+    assert output(early, imports="") == "1.0"
 
 
 @pytest.mark.parametrize(("name", "value"), [("PYTHON", "2.7"), ("TORCH", "1.0.0")])
@@ -291,9 +264,5 @@ def test_another_python_or_torch_is_told_what_to_do(name: str, value: str) -> No
     """
     warned, refused = run(code, imports="").stderr.split("Traceback")
     assert "UserWarning: the xpu device is not available: tolvane's modules are built for" in warned
-    for said in (
-        "ImportError: tolvane's modules",
-        f" {value}, but",
-        "pip install --no-build-isolation",
-    ):
+    for said in ("ImportError: tolvane's modules", f" {value}, but", "--no-build-isolation"):
         assert said in refused

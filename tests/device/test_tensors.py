@@ -14,19 +14,9 @@ import torch
 
 import kelvor_xpu  # noqa: F401
 
-TYPES = [
-    torch.float64,
-    torch.float32,
-    torch.half,
-    torch.bfloat16,
-    torch.int64,
-    torch.int32,
-    torch.int16,
-    torch.int8,
-    torch.uint8,
-    torch.bool,
-    torch.complex64,
-]
+FLOATS = [torch.float64, torch.float32, torch.half, torch.bfloat16]
+INTEGERS = [torch.int64, torch.int32, torch.int16, torch.int8, torch.uint8]
+TYPES = [*FLOATS, *INTEGERS, torch.bool, torch.complex64]
 
 
 def numbers(*size: int) -> torch.Tensor:
@@ -166,43 +156,40 @@ def test_what_the_device_cannot_do_is_said() -> None:
             call()
 
 
-def test_random_numbers_are_the_cpus() -> None:
-    def draw(device: str) -> list[list[float]]:
-        torch.manual_seed(5)
-        x = torch.empty(7, device=device)
-        return [
-            torch.randn(5, device=device).tolist(),
-            x.uniform_(-1, 1).tolist(),
-            torch.randint(0, 99, (4,), device=device).tolist(),
-            torch.randperm(6, device=device).tolist(),
-            torch.nn.functional.dropout(torch.ones(9, device=device), 0.5).tolist(),
-        ]
+def draw(device: str, generator: torch.Generator | None = None) -> list[list[float]]:
+    """From PyTorch's default generator where none is given."""
+    options = {"generator": generator, "device": device}
+    ones = torch.ones(9, device=device)
+    return [
+        torch.randn(5, **options).tolist(),
+        torch.randint(0, 99, (4,), **options).tolist(),
+        torch.randperm(6, **options).tolist(),
+        torch.empty_like(ones).uniform_(-1, 1, generator=generator).tolist(),
+        torch.multinomial(ones, 4, generator=generator).tolist(),
+    ]
 
-    assert draw("xpu") == draw("cpu")
+
+def test_random_numbers_are_the_cpus() -> None:
+    drawn = []
+    for device in ("cpu", "xpu"):
+        torch.manual_seed(5)
+        dropped = torch.nn.functional.dropout(torch.ones(9, device=device), 0.5)
+        drawn.append([*draw(device), dropped.tolist()])
+    assert drawn[0] == drawn[1]
 
 
 def test_generators_draw_the_cpus_numbers() -> None:
     here, there = torch.Generator(), torch.Generator(device="xpu")
     assert there.device == torch.device("xpu:0") and there.initial_seed() == here.initial_seed()
-
-    def draw(generator: torch.Generator) -> list[float]:
-        options = {"generator": generator, "device": generator.device}
-        picked = torch.multinomial(torch.ones(9, device=generator.device), 4, generator=generator)
-        return (
-            torch.randn(5, **options).tolist()
-            + torch.randperm(6, **options).tolist()
-            + picked.tolist()
-        )
-
     before = torch.get_rng_state()
-    assert draw(there.manual_seed(7)) == draw(here.manual_seed(7))
+    assert draw("xpu", there.manual_seed(7)) == draw("cpu", here.manual_seed(7))
     state, copied = there.get_state(), pickle.loads(pickle.dumps(there))
     assert copied.device == there.device and copied.initial_seed() == 7
-    numbers = draw(there)
-    assert draw(copied) == numbers == draw(here)
+    numbers = draw("xpu", there)
+    assert draw("xpu", copied) == numbers == draw("cpu", here)
     there.set_state(state)
     clone = there.clone_state()
-    assert draw(there) == numbers == draw(clone)
+    assert draw("xpu", there) == numbers == draw("xpu", clone)
     assert torch.equal(torch.get_rng_state(), before)  # none of it came from the default generator
     with pytest.raises(RuntimeError, match="same device"):
         torch.randn(3, generator=there)
@@ -219,13 +206,8 @@ def test_generators_draw_the_cpus_numbers() -> None:
 
 def test_pinned_memory_says_so() -> None:
     pinned = torch.arange(6.0).pin_memory()
-    for tensor in (
-        pinned,
-        pinned[2:],
-        pinned.detach(),
-        torch.empty(3, pin_memory=True),
-        torch.zeros_like(pinned, pin_memory=True),
-    ):
+    made = [torch.empty(3, pin_memory=True), torch.zeros_like(pinned, pin_memory=True)]
+    for tensor in (pinned, pinned[2:], pinned.detach(), *made):
         assert tensor.is_pinned() and tensor.device.type == "cpu"
     assert not pinned.clone().is_pinned() and not pinned.xpu().is_pinned()
     assert pinned.pin_memory() is pinned
@@ -234,9 +216,8 @@ def test_pinned_memory_says_so() -> None:
     del pinned, tensor
     taken = [torch.empty(6) for _ in range(20)]
     assert not any(x.is_pinned() for x in taken), f"{address} is not pinned any more"
-    loader = torch.utils.data.DataLoader(
-        torch.arange(6.0), batch_size=3, num_workers=1, pin_memory=True
-    )
+    six = torch.arange(6.0)
+    loader = torch.utils.data.DataLoader(six, 3, num_workers=1, pin_memory=True)
     batches = list(loader)
     assert [batch.tolist() for batch in batches] == [[0.0, 1.0, 2.0], [3.0, 4.0, 5.0]]
     assert all(batch.is_pinned() for batch in batches)
@@ -258,16 +239,13 @@ def test_dlpack_shares_memory_both_ways() -> None:
 
 def test_safetensors_of_the_device(tmp_path: Path) -> None:
     safetensors = pytest.importorskip("safetensors.torch")
-    tensors = {
-        str(dtype): numbers(2, 3).to("xpu", dtype) for dtype in TYPES if not dtype.is_complex
-    }
+    tensors = {str(dtype): numbers(2, 3).to("xpu", dtype) for dtype in FLOATS + INTEGERS}
     safetensors.save_file(tensors, tmp_path / "file")
     for device in ("xpu", "cpu"):
         loaded = safetensors.load_file(tmp_path / "file", device=device)
         for name, tensor in tensors.items():
-            assert loaded[name].device.type == device and torch.equal(
-                loaded[name].cpu(), tensor.cpu()
-            )
+            assert loaded[name].device.type == device
+            assert torch.equal(loaded[name].cpu(), tensor.cpu())
     with safetensors.safe_open(tmp_path / "file", "pt", device="xpu") as file:
         assert file.get_slice("torch.float32")[:, 1:].tolist() == [[1.0, 2.0], [4.0, 5.0]]
 

@@ -14,9 +14,8 @@ import numpy as np
 def _round_bfloat16(x: np.ndarray) -> np.ndarray:
     bits = np.ascontiguousarray(x, np.float32).view(np.uint32)
     with np.errstate(over="ignore"):
-        rounded = (bits + np.uint32(0x7FFF) + (bits >> np.uint32(16) & np.uint32(1))) & np.uint32(
-            0xFFFF0000
-        )
+        rounded = bits + np.uint32(0x7FFF) + (bits >> np.uint32(16) & np.uint32(1))
+    rounded &= np.uint32(0xFFFF0000)
     return rounded.view(np.float32).reshape(np.shape(x))
 
 

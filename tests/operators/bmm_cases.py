@@ -18,9 +18,8 @@ class Bmm(Case):
     def factors(self) -> list[np.ndarray]:
         batch, m, n, p = self.shape
         random = np.random.default_rng(m + n)
-        return [
-            random.standard_normal(s).astype(np.float32) for s in ((batch, m, n), (batch, n, p))
-        ]
+        shapes = ((batch, m, n), (batch, n, p))
+        return [random.standard_normal(shape).astype(np.float32) for shape in shapes]
 
     def run(self) -> dict[str, torch.Tensor]:
         batch, m, _, p = self.shape
@@ -35,17 +34,13 @@ class Bmm(Case):
         assert np.all(np.abs(results["out"] - a @ b) <= bound)
 
 
-CASES = [
-    Bmm(shape)
-    for shape in (
-        *(
-            (1, 1, 1, 1),
-            (2, 3, 5, 1),
-            (3, 1, 7, 33),
-            (2, 4, 3, 32),
-            (2, 5, 64, 31),
-            (1, 2, 300, 100),
-        ),
-        *((4, 64, 32, 64), (2, 3, 0, 4), (0, 3, 4, 5), (2, 0, 4, 5), (2, 3, 4, 0)),
-    )
+SHAPES = [(1, 1, 1, 1), (2, 3, 5, 1), (3, 1, 7, 33), (2, 4, 3, 32), (2, 5, 64, 31)]
+SHAPES += [
+    (1, 2, 300, 100),
+    (4, 64, 32, 64),
+    (2, 3, 0, 4),
+    (0, 3, 4, 5),
+    (2, 0, 4, 5),
+    (2, 3, 4, 0),
 ]
+CASES = [Bmm(shape) for shape in SHAPES]

@@ -79,19 +79,14 @@ def _dot_five_bit_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int)
 
 def dense(weight: Weight, t: Arithmetic) -> np.ndarray:
     """The elements as a dense matrix holds them, [rows, state]."""
-    value, d, m = (
-        weight.decoded(),
-        weight.per_element(0),
-        weight.per_element(weight.format.scales - 1),
-    )
+    value, d = weight.decoded(), weight.per_element(0)
+    m = weight.per_element(weight.format.scales - 1)
     qtype = weight.format.qtype
     if not weight.format.reads_scale:
         return t.to(value)
     if qtype == 3:
         return t.add(t.mul(t.to(d), t.to(value)), t.to(m))
-    if (
-        qtype == 7
-    ):  # contracted in float: the product is exact in double before the minimum is added
+    if qtype == 7:  # contracted in float: the product is exact in double
         return t.to(np.float32(value * d + m))
     if qtype in (6, 11):  # in float, then once to T
         return t.to(np.float32(value) * np.float32(d))

@@ -40,18 +40,16 @@ def check_norm(
     mean = np.zeros((len(x), 1)) if rms else x.mean(1, keepdims=True)
     square = np.square(x).mean(1, keepdims=True)
     exact = square if rms else np.square(x - mean).mean(1, keepdims=True)
-    noise = (
-        (CHAIN + 4) * unit * square * (1 if rms else 2)
-    )  # of mean(x^2), and of mean(x)^2 <= mean(x^2)
+    # Of mean(x^2), and of mean(x)^2 <= mean(x^2).
+    noise = (CHAIN + 4) * unit * square * (1 if rms else 2)
     root = np.sqrt(exact + eps_in_kernel(eps, t))
     least = np.sqrt(np.maximum(exact + eps_in_kernel(eps, t) - noise, 0))
     mean_noise = 0 if rms else (CHAIN + 2) * unit * np.abs(x).mean(1, keepdims=True)
 
     centred = x - mean
     value = centred / root
-    bound = (np.abs(centred) + mean_noise + unit * np.abs(x)) * (
-        1 / least - 1 / root
-    ) + mean_noise / root
+    bound = (np.abs(centred) + mean_noise + unit * np.abs(x)) * (1 / least - 1 / root)
+    bound = bound + mean_noise / root
     bound = bound + 8 * unit * (np.abs(value) + np.abs(x) / root)
     if weight is not None:
         value, bound = value * weight, bound * np.abs(weight)

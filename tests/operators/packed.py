@@ -10,11 +10,8 @@ import numpy as np
 
 def _words(text: str) -> np.ndarray:
     """Floats by their bits, in double."""
-    return (
-        np.array([int(word, 16) for word in text.split()], np.uint32)
-        .view(np.float32)
-        .astype(np.float64)
-    )
+    bits = np.array([int(word, 16) for word in text.split()], np.uint32)
+    return bits.view(np.float32).astype(np.float64)
 
 
 def minifloat_values(exponent_bits: int, fraction_bits: int) -> np.ndarray:
@@ -133,9 +130,8 @@ class Weight:
 
     @property
     def bytes(self) -> np.ndarray:
-        scales = (
-            np.ascontiguousarray(self.scales).view(np.uint8).reshape(*self.scales.shape[:2], -1)
-        )
+        scales = np.ascontiguousarray(self.scales).view(np.uint8)
+        scales = scales.reshape(*self.scales.shape[:2], -1)
         if self.format.record:
             return np.concatenate([scales, self.values], axis=2).reshape(-1)
         return np.concatenate([self.values.reshape(-1), scales.reshape(-1)])
@@ -168,10 +164,8 @@ def from_bytes(raw: bytes, form: Format, state: int) -> Weight:
     else:
         values, scales = np.split(data, [blocks * form.value_bytes])
     scales = np.ascontiguousarray(scales).view(form.scale)
-    shape = (-1, state // 64)
-    return Weight(
-        form, state, values.reshape(*shape, form.value_bytes), scales.reshape(*shape, form.scales)
-    )
+    values, scales = (x.reshape(-1, state // 64, x.size // blocks) for x in (values, scales))
+    return Weight(form, state, values, scales)
 
 
 def random_weight(form: Format, rows: int, state: int, seed: int, kind: str = "plain") -> Weight:

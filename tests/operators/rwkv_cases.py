@@ -142,11 +142,8 @@ class TimeShift(Sequence):
         float the last sum contracts."""
         t = self.t
         hidden, shifted, mix = self.data()
-        x, s, a = (
-            t.to(hidden),
-            t.to(shifted),
-            t.to(arithmetic.ALL[self.parameters].to(mix[:, :, None])),
-        )
+        mix = arithmetic.ALL[self.parameters].to(mix[:, :, None])
+        x, s, a = (t.to(part) for part in (hidden, shifted, mix))
         if t.name == "bfloat16":
             expected = t.add(t.mul(x, a), t.mul(s, t.add(np.float32(1), -a)))
         elif t.name == "float16":

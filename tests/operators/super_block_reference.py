@@ -51,9 +51,8 @@ def random_records(
 
 def _half(record: np.ndarray, at: int) -> np.ndarray:
     """The half at byte `at` of records [..., bytes], as float."""
-    return (
-        np.ascontiguousarray(record[..., at : at + 2]).view(np.float16)[..., 0].astype(np.float32)
-    )
+    halves = np.ascontiguousarray(record[..., at : at + 2]).view(np.float16)
+    return halves[..., 0].astype(np.float32)
 
 
 def _q2_k_fields(records: np.ndarray) -> tuple[np.ndarray, np.ndarray, np.ndarray]:

@@ -21,15 +21,12 @@ def test_target_is_the_one_that_is_asked_for(in_python):
     assert widest == ("avx512" if "avx512_vnni" in flags else "avx2")
     assert in_python(tell, KELVOR_XPU_TARGET="scalar").stdout.strip() == "scalar"
     refused = in_python(tell, KELVOR_XPU_TARGET="avx1024").stderr
-    assert (
-        'ImportError: KELVOR_XPU_TARGET must be scalar, avx2 or avx512, but is "avx1024"' in refused
-    )
+    said = 'ImportError: KELVOR_XPU_TARGET must be scalar, avx2 or avx512, but is "avx1024"'
+    assert said in refused
     if widest == "avx2":
         refused = in_python(tell, KELVOR_XPU_TARGET="avx512").stderr
-        assert (
-            "ImportError: KELVOR_XPU_TARGET asks for the target avx512, but this CPU lacks"
-            in refused
-        )
+        said = "ImportError: KELVOR_XPU_TARGET asks for the target avx512, but this CPU lacks"
+        assert said in refused
 
 
 def test_targets_share_no_symbols():
@@ -37,10 +34,8 @@ def test_targets_share_no_symbols():
     libraries = sorted(Path(tolvane.__file__).parent.glob("libtolvane-*.so"))
     assert libraries
     for library in libraries:
-        lines = subprocess.check_output(
-            ["nm", "-D", "--defined-only", library], text=True
-        ).splitlines()
-        assert [line.split()[-1] for line in lines] == ["tolvane_target_library"]
+        lines = subprocess.check_output(["nm", "-D", "--defined-only", library], text=True)
+        assert [line.split()[-1] for line in lines.splitlines()] == ["tolvane_target_library"]
     lines = subprocess.check_output(["nm", "-DC", "--defined-only", tolvane.__file__], text=True)
     for name in (
         *("add_rms_norm", "add_layer_norm", "add_add_rms_norm", "add_add_layer_norm"),
@@ -68,12 +63,9 @@ print(torch.equal(y, tolvane.forward_new(x, weight, 2, 0)), len(y.unique()))
 """
 
 
+# In groups of 64 on Summit.
 @pytest.mark.parametrize(
-    "code, expected",
-    [
-        (DEVICE_OF_THE_IMPORT, "[32, 1024]"),
-        (WITHOUT_NEW_THREADS, "True 1"),
-    ],  # in groups of 64 on Summit
+    "code, expected", [(DEVICE_OF_THE_IMPORT, "[32, 1024]"), (WITHOUT_NEW_THREADS, "True 1")]
 )
 def test_the_device_is_that_of_the_import_and_needs_no_new_threads(in_python, code, expected):
     done = in_python(code, KELVOR_XPU_THREADS="4")

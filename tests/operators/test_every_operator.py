@@ -69,10 +69,8 @@ def test_signatures_agree_in_stub_help_and_document(name):
     returned = ast.unparse(function.returns)
     listed = ", ".join(f"{name}: {type_}" for name, type_ in zip(names, types))
     shown = inspect.getdoc(getattr(tolvane, name))
-    assert (
-        shown.splitlines()[0].replace("torch.Tensor", "Tensor")
-        == f"{name}({listed}, /) -> {returned}"
-    )
+    signature = shown.splitlines()[0].replace("torch.Tensor", "Tensor")
+    assert signature == f"{name}({listed}, /) -> {returned}"
     assert shown.endswith(OPERATORS[name])
     document = (HERE.parents[1] / "docs" / "operators.md").read_text()
     assert f"    {name}({', '.join(names)}, /) -> {returned}\n" in document
@@ -86,17 +84,18 @@ def test_one_submission_one_scope_and_nothing_left_but_the_result(name):
     before = [torch.clone(call.arguments[place]) for place in call.read()]
     allocated = kelvor_xpu.memory_allocated()
     kelvor_xpu.clear_submissions()
+    waits = kelvor_xpu.wait_count()
     with torch.autograd.profiler.profile(record_shapes=True) as profile:
         result = run(name, call.arguments)
     (record,) = kelvor_xpu.submissions()
+    assert kelvor_xpu.wait_count() == waits + call.waits
     assert record.label == ("" if name == "bmm" else "devq_kernel") and record.waited == call.waits
     for seen, expected in zip((record.global_size, record.local_size), call.launch):
         assert expected is None or tuple(seen) == expected + (1,) * (len(seen) - len(expected))
     scopes = [(e.name, e.input_shapes) for e in profile.function_events if e.name == call.scope]
     assert scopes == ([(call.scope, [list(call.arguments[0].shape)])] if call.scope else [])
-    is_new = result is not None and not any(
-        result is call.arguments[place] for place in call.written
-    )
+    written = [call.arguments[place] for place in call.written]
+    is_new = result is not None and not any(result is x for x in written)
     assert kelvor_xpu.memory_allocated() - allocated == (result.nbytes if is_new else 0)
     assert all(torch.equal(x, call.arguments[place]) for x, place in zip(before, call.read()))
 

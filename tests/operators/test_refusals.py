@@ -33,7 +33,6 @@ REFUSED["forward_new"] = [
     ({"weights": b(68)[::2]}, "^weights must be contiguous"),
     ({"input": z(64)}, "input must have 2 dimensions"),
     ({"qtype": 4}, "no function for qtype 4"),
-    ({"qtype": 9}, "no function for qtype 9"),
     ({"qtype": 22, "input": z(1, 256)}, "no function for qtype 22"),
     ({"qtype": -2}, "no function for qtype -2"),
     ({"qtype": 1 << 20}, "no function for qtype"),
@@ -94,6 +93,8 @@ REFUSED["mlp_forward_xpu"] = [
     (LONG, "\"mlp_forward_fp8_e5m2_xpu_t\" not implemented for 'Long'"),
 ]
 QKV_LONG = {"input": z(1, 64).long(), "qtype": 19}
+FAR_ROWS = {"key_cache": z(2).as_strided((1, 1, 1, 2), (2, 2, 1 << 62, 1)), "kv_length": 4}
+SHARED_HEADS = {"weight_v": b(4 * 34), "value_cache": z(1, 1, 4, 2).expand(1, 2, 4, 2)}
 CACHE = r"key_cache must be \[1, 1, rows, 2\] with a last stride of 1"
 REFUSED["forward_qkv"] = [
     ({"input": z(1, 64, device="cpu"), "weight_q": b(68)[::2]}, "^input must be a XPU tensor"),
@@ -113,10 +114,7 @@ REFUSED["forward_qkv"] = [
     ({"kv_length": -1}, "kv_length must not be negative"),
     ({"kv_length": 1 << 40}, "below 2147483648"),
     ({"kv_length": 4}, "key_cache must have storage for row 4, which ends after element 10 of it"),
-    (
-        {"key_cache": z(2).as_strided((1, 1, 1, 2), (2, 2, 1 << 62, 1)), "kv_length": 4},
-        "key_cache must have storage for row 4",
-    ),
+    (FAR_ROWS, "key_cache must have storage for row 4"),
     ({"weight_q": z(136)}, FLAT),
     ({"weight_q": b(0)}, "sizes must be positive"),
     ({"weight_k": b(3 * 34)}, "weight_k must hold whole heads of 2 rows, but .* are 3 rows"),
@@ -129,10 +127,7 @@ REFUSED["forward_qkv"] = [
     ({"key_cache": z(1, 4, 2)}, CACHE),
     ({"key_cache": z(1, 1, 2, 4).transpose(2, 3)}, CACHE),
     ({"value_cache": z(1, 1, 3, 2)}, "value_cache must have storage for row 3"),
-    (
-        {"weight_v": b(4 * 34), "value_cache": z(1, 1, 4, 2).expand(1, 2, 4, 2)},
-        "its heads must not overlap",
-    ),
+    (SHARED_HEADS, "its heads must not overlap"),
 ]
 REFUSED["fused_rms_norm"] = [
     ({"input": z(3, 64).int()}, "\"LayerNormKernelImpl\" not implemented for 'Int'"),
@@ -220,10 +215,7 @@ REFUSED["rwkv_linear_attention_v4"] = [
     ({"time_decay": z(1, 32)}, r"time_decay.dim\(\) == 1 && time_first.dim\(\) == 1"),
     ({"value": z(1, 32)}, r"key.dim\(\) == 3 && value.dim\(\) == 3"),
     ({"den_state": z(32)}, r"num_state.dim\(\) == 2 && den_state.dim\(\) == 2 && max_state.dim"),
-    (
-        lambda x: x[..., :16].clone(),
-        "hidden_size % GS == 0 is needed, a multiple of 32, but got 16",
-    ),
+    (lambda x: x[..., :16].clone(), "hidden_size % GS == 0 is needed, .* of 32, but got 16"),
     (HALVES, "^unsupported dtype$"),
     ({"value": z(1, 4, 32)}, r"value must have shape \[1, 3, 32\], but has \[1, 4, 32\]"),
     ({"max_state": z(1, 32).half()}, "max_state must have the element type of key, Float, but has"),
@@ -240,10 +232,7 @@ REFUSED["rwkv_time_shift"] = [
     ({"mix": z(3, 64)}, r"hidden.dim\(\) == 3 && shifted.dim\(\) == 3 && mix.dim\(\) == 3"),
     ({"mix": z(3, 1, 32)}, r"hidden.size\(2\) == shifted.size\(2\)"),
     ({"shifted": z(1, 2, 128)[..., ::2]}, r"shifted.is_contiguous\(\)"),
-    (
-        lambda x: x[..., :32].clone(),
-        "hidden_size % GS == 0 is needed, a multiple of 64, but got 32",
-    ),
+    (lambda x: x[..., :32].clone(), "hidden_size % GS == 0 is needed, .* of 64, but got 32"),
     ({"mix": z(3, 1, 64).half()}, "^unsupported dtype$"),
     ({"shifted": z(1, 2, 64).half()}, "shifted must have the element type of hidden, Float"),
     (lambda x: x.double(), "^unsupported dtype$"),
@@ -274,11 +263,6 @@ def test_refuses_and_submits_nothing(operator, changed, message):
     assert kelvor_xpu.submission_count() == count and kelvor_xpu.memory_allocated() == allocated
     call(*sample)
     assert kelvor_xpu.submission_count() == count + 1
-
-
-def test_wrong_numbers_of_arguments_are_type_errors():
-    with pytest.raises(TypeError):
-        tolvane.forward_new(z(1, 64), b(34), 2)
 
 
 @pytest.mark.parametrize(

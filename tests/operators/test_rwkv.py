@@ -18,9 +18,7 @@ def test_a_sequence_in_two_parts_is_the_whole(pair, cut):
     whole = [x.clone() for x in states]
     expected = tolvane.rwkv_linear_attention_v4(w, u, k, v, *whole)
     parts = [
-        tolvane.rwkv_linear_attention_v4(
-            w, u, k[:, part].contiguous(), v[:, part].contiguous(), *states
-        )
+        tolvane.rwkv_linear_attention_v4(w, u, *(x[:, part].contiguous() for x in (k, v)), *states)
         for part in halves
     ]
     assert torch.equal(torch.cat(parts, 1), expected)
@@ -57,7 +55,6 @@ def test_bmm_writes_the_beginning_of_a_larger_result():
     for shape in ((41,), (2, 3, 7), (5, 2, 6)):
         c = torch.full(shape, torch.nan, device="xpu")
         assert tolvane.bmm(a, b, c).data_ptr() == c.data_ptr()
-        assert torch.equal(
-            c.cpu().flatten()[:30], (a.cpu() @ b.cpu()).flatten()
-        )  # sums of few bits are exact
+        product = (a.cpu() @ b.cpu()).flatten()  # sums of few bits are exact
+        assert torch.equal(c.cpu().flatten()[:30], product)
         assert c.cpu().flatten()[30:].isnan().all()

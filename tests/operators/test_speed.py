@@ -55,9 +55,8 @@ def calls() -> dict[str, Callable[[], object]]:
         made[f"scores {t}"] = lambda q=query, k=keys: tolvane.query_key_fp8_matmul(q, k)
         attn, values = zeros(1, 8, 1, 512, dtype=t), zeros(1, 8, 128, 512)
         made[f"mixed {t}"] = lambda a=attn, v=values: tolvane.attn_value_fp8_matmul(a, v)
-        v4 = [
-            zeros(*s, dtype=t) for s in ((1024,), (1024,), *[(1, 16, 1024)] * 2, *[(1, 1024)] * 3)
-        ]
+        sizes = [(1024,)] * 2 + [(1, 16, 1024)] * 2 + [(1, 1024)] * 3
+        v4 = [zeros(*size, dtype=t) for size in sizes]
         made[f"rwkv {t}"] = lambda v4=v4: tolvane.rwkv_linear_attention_v4(*v4)
     return made
 

@@ -7,7 +7,6 @@
 #include <stdexcept>
 
 #include "device_frame.h"
-#include "formats/list.h"
 #include "python_gate.h"
 #include "sycl/checks.hpp"
 
@@ -69,17 +68,6 @@ TEST(DeviceMemory, AccessChecksKnowTensors) {
     EXPECT_THROW(sycl::host::check_access(memory, 101), std::out_of_range);
   }
   EXPECT_THROW(sycl::host::check_access(memory, 1), std::out_of_range);
-}
-
-TEST(Formats, BlockSizesOfTheCatalogue) {
-  using namespace tolvane;
-  const auto bytes = [](int qtype, std::int64_t elements) {
-    return elements / GGML_BLCK_SIZE[qtype] * static_cast<std::int64_t>(GGML_TYPE_SIZE[qtype]);
-  };
-  EXPECT_EQ(bytes(tolvane::q4_0::qtype, 2 * 128), 136);
-  EXPECT_EQ(bytes(tolvane::q8_0::qtype, 2 * 128), 272);
-  EXPECT_EQ(bytes(tolvane::nf3::qtype, 2 * 128), 104);
-  EXPECT_EQ(bytes(tolvane::q5_0::qtype, 2 * 128), 176);
 }
 
 TEST(PythonGate, TakesTheSameMinorVersionOnly) {

@@ -144,11 +144,6 @@ struct leaves_before_barrier {
   }
 };
 
-struct does_nothing {
-  template <class Item>
-  void operator()(const Item&) const {}
-};
-
 TEST(Launch, FaultsReachTheCallerAndTheQueueGoesOn) {
   sycl::queue queue;
   for (const int gang : {0, 1, 2}) {
@@ -172,24 +167,6 @@ TEST(Launch, RefusesRangesThatCannotRunAndRecordsNothing) {
   EXPECT_THROW(submit(100, 32), std::invalid_argument);
   EXPECT_THROW(submit(256, 128), std::invalid_argument);
   EXPECT_EQ(sycl::host::submission_count(), before);
-}
-
-TEST(Launch, LogShowsShapeWaitAndLabel) {
-  sycl::queue queue;
-  sycl::host::clear_submissions();
-  const auto waits = sycl::host::wait_count();
-  sycl::event plain = run(queue, 3, 32, does_nothing{});
-  sycl::host::record_label(plain.submission(), "a label");
-  run(queue, 2, 16, does_nothing{}).wait();
-  const auto log = sycl::host::submissions();
-  ASSERT_EQ(log.size(), 2u);
-  EXPECT_NE(log[0].kernel.find("does_nothing"), std::string::npos);
-  EXPECT_EQ(log[0].global[0], 96u);
-  EXPECT_EQ(log[0].local[0], 32u);
-  EXPECT_EQ(log[0].label, "a label");
-  EXPECT_FALSE(log[0].waited);
-  EXPECT_TRUE(log[1].waited);
-  EXPECT_EQ(sycl::host::wait_count(), waits + 1);
 }
 
 /// Several threads submit at once, and a forked child submits after its parent's pool has worked.

@@ -2,10 +2,25 @@
 
 from __future__ import annotations
 
+from typing import Any
+
 import numpy as np
+import quarn
+from torch import nn
 
 from packed import PACKED, from_bytes
 from super_block_reference import BLOCK_BYTES, decoded
+
+# Of small models of the transformers library, whose weights begin larger than usual.
+MODEL_SIZES: dict[str, Any] = {
+    "vocab_size": 192,
+    "hidden_size": 128,
+    "intermediate_size": 192,
+    "num_hidden_layers": 2,
+    "num_attention_heads": 4,
+    "initializer_range": 0.15,
+    "tie_word_embeddings": False,
+}
 
 
 def decode(packed: bytes, format: str, state_size: int) -> np.ndarray:
@@ -59,3 +74,11 @@ def naive_error(weight: np.ndarray, format: str) -> np.ndarray:
     steps = np.divide(wide - minimum, scale, out=np.zeros_like(wide), where=scale != 0)
     decoded = nearest(steps, format) * scale + minimum
     return ((decoded - wide) ** 2).sum(1)
+
+
+def take_packed_weights(dense: nn.Module, packed: nn.Module) -> None:
+    """Gives the linear layers of a model what the packed layers of the same names stand for."""
+    for name, layer in packed.named_modules():
+        if isinstance(layer, quarn.QuantLinear):
+            weight = quarn.unpack(layer.packed.cpu(), layer.format.name, layer.state_size)
+            dense.get_submodule(name).weight = nn.Parameter(weight)

@@ -7,6 +7,7 @@ import torch
 
 pytest.importorskip("tolvane")
 
+import kelvor_xpu  # noqa: E402
 import rwkv_steps  # noqa: E402
 from fp8_attention import with_fp8_cache  # noqa: E402
 from model import Cache, Config, Decoder  # noqa: E402
@@ -35,7 +36,11 @@ def test_decoding_through_the_cache() -> None:
         assert (actual - expected).norm() < 2e-2 * expected.norm()
 
     bytes_caches = model.new_cache(2)
+    kelvor_xpu.clear_submissions()
     prompt = model(tokens[:, :9].to("xpu"), bytes_caches).cpu()
+    kernels = [record.kernel for record in kelvor_xpu.submissions()]
+    assert sum("fused_norm_kernel1" in kernel for kernel in kernels) == 2 * 2 + 1
+    assert sum("rotary" in kernel for kernel in kernels) == 2
     torch.testing.assert_close(prompt, dense(tokens[:, :9]), atol=1e-4, rtol=1e-4)
     step = model(tokens[:, 9:10].to("xpu"), bytes_caches).cpu()
     plain = dense(tokens[:, :10])[:, -1:]

@@ -12,7 +12,7 @@ import quarn
 from convert import convert
 from all_formats import FORMATS, Row
 from generate import generate
-from model import Config, Decoder, rotate
+from model import Config, Decoder
 from packed_models import bytes_of, with_packed_linears
 from plot_formats import plot
 from train import load, save
@@ -39,45 +39,8 @@ def test_cached_steps_equal_full_forward() -> None:
     chunks = tokens.split([1, 5, 1, SMALL.context - 7], dim=1)
     stepwise = torch.cat([model(chunk, caches) for chunk in chunks], dim=1)
     torch.testing.assert_close(stepwise, full, atol=2e-5, rtol=1e-5)
-    changed = tokens.clone()
-    changed[:, 10] ^= 1
-    assert torch.equal(model(changed)[:, :10], full[:, :10])
-    assert not torch.allclose(model(changed)[:, -1], full[:, -1])
     with pytest.raises(ValueError, match="25 positions exceed the context of 24"):
         model(tokens[:, :1], caches)
-
-
-@torch.no_grad()
-def test_operators_on_xpu_give_the_logits_of_the_cpu() -> None:
-    """Norms and rotary positions go through the module there: one launch each, with and without a past."""
-    kelvor_xpu = pytest.importorskip("kelvor_xpu")
-    model = small_decoder()
-    tokens = torch.randint(256, (2, SMALL.context))
-    expected = model(tokens)
-    model = model.to("xpu")
-    caches = model.new_cache(batch=2)
-    kelvor_xpu.clear_submissions()
-    parts = [model(chunk.to("xpu"), caches).cpu() for chunk in tokens.split([9, 1, 14], dim=1)]
-    torch.testing.assert_close(torch.cat(parts, dim=1), expected, atol=2e-5, rtol=1e-5)
-    kernels = [record.kernel for record in kelvor_xpu.submissions()]
-    assert sum("fused_norm_kernel1" in kernel for kernel in kernels) == 3 * (2 * SMALL.layers + 1)
-    assert sum("rotary" in kernel for kernel in kernels) == 3 * SMALL.layers
-
-
-@torch.no_grad()
-def test_rotary_scores_depend_on_distance_only() -> None:
-    """Turned queries and keys score alike wherever they stand at the same distance."""
-    model = small_decoder()
-    cosines, sines = model.cosines, model.sines
-    query, key = torch.randn(32), torch.randn(32)
-    scores = (
-        rotate(query.expand(24, 32), cosines, sines)
-        @ rotate(key.expand(24, 32), cosines, sines).t()
-    )
-    for distance in range(-5, 6):
-        diagonal = scores.diagonal(distance)
-        torch.testing.assert_close(diagonal, diagonal[:1].expand_as(diagonal), atol=1e-4, rtol=0)
-    assert scores[0].std() > 0.1
 
 
 def test_greedy_generation_equals_repeated_forward() -> None:
@@ -89,12 +52,9 @@ def test_greedy_generation_equals_repeated_forward() -> None:
     assert list(generate(model, b"Anna was", 10, temperature=0)) == tokens[8:]
     drawn = [list(generate(model, b"Anna was", 10, seed=seed)) for seed in (1, 1, 2)]
     assert drawn[0] == drawn[1] != drawn[2]
-    with pytest.raises(ValueError, match="context of 24"):
-        next(generate(model, b"Anna was", 17))
-    with pytest.raises(ValueError, match="empty"):
-        next(generate(model, b"", 1))
-    with pytest.raises(ValueError, match="not 0"):
-        next(generate(model, b"Anna", 0))
+    for prompt, count, message in ((b"Anna", 21, "of 24"), (b"", 1, "empty"), (b"A", 0, "not 0")):
+        with pytest.raises(ValueError, match=message):
+            next(generate(model, prompt, count))
 
 
 def test_checkpoint_round_trip(tmp_path) -> None:

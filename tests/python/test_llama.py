@@ -18,22 +18,13 @@ from torch import nn
 import quarn
 from quarn import kv_cache, llama
 from quarn.command import main
+from reference import MODEL_SIZES, take_packed_weights
 
 transformers = pytest.importorskip("transformers")
 pytest.importorskip("tolvane")
 from quarn.fp8_cache import decode_fp8, encode_fp8  # noqa: E402  they need tolvane
 
-SIZES: dict[str, Any] = {
-    "vocab_size": 192,
-    "hidden_size": 128,
-    "intermediate_size": 192,
-    "num_hidden_layers": 2,
-    "num_attention_heads": 4,
-    "num_key_value_heads": 2,
-    "initializer_range": 0.15,
-    "max_position_embeddings": 160,
-    "tie_word_embeddings": False,
-}
+SIZES = MODEL_SIZES | {"num_key_value_heads": 2, "max_position_embeddings": 160}
 LLAMA3 = {
     "rope_type": "llama3",
     "rope_theta": 500000.0,
@@ -79,11 +70,7 @@ def checkpoints(tmp_path_factory) -> dict[str, Path]:
 def reference(folder: Path, model: nn.Module) -> nn.Module:
     """The library's own model in float, with what the packed weights stand for."""
     own = transformers.AutoModelForCausalLM.from_pretrained(folder, dtype=torch.float32).eval()
-    for name, module in model.named_modules():
-        if isinstance(module, quarn.QuantLinear):
-            packed = module.packed.cpu()
-            weight = quarn.unpack(packed, module.format.name, module.state_size)
-            own.get_submodule(name).weight = nn.Parameter(weight)
+    take_packed_weights(own, model)
     return own
 
 
@@ -148,9 +135,8 @@ def test_cache_of_bytes(checkpoints, format: str) -> None:
     expected = torch.cat([on_cpu(part, expected_cache) for part in parts])
     # Where keys differ in their last bits, a few are rounded to the neighbouring byte.
     assert (actual - expected).abs().max() <= 0.01 * (expected.max() - expected.min())
-    unrounded = torch.cat(
-        [on_cpu(part, plain) for plain in [on_cpu.new_cache(64)] for part in parts]
-    )
+    plain = on_cpu.new_cache(64)
+    unrounded = torch.cat([on_cpu(part, plain) for part in parts])
     assert (actual - expected).norm() < 0.1 * (unrounded - expected).norm()
     with pytest.raises(ValueError, match="heads of 128, not of 32"):
         other = quarn.from_pretrained(checkpoints["grouped"], progress=False)

@@ -34,25 +34,33 @@ def expected_output(module: quarn.QuantMLP, x: torch.Tensor) -> np.ndarray:
     return (g / (1 + np.exp(-g)) * u @ down.T).reshape(x.shape)
 
 
-@pytest.mark.parametrize("name", NAMES)
-def test_cpu_forward(name: str) -> None:
-    module = quarn.QuantMLP.from_float(small_mlp(), name)
-    x = torch.randn(2, 3, 128)
-    np.testing.assert_allclose(module(x).detach(), expected_output(module, x), atol=1e-5)
+def runs(device: str, dtype: torch.dtype, module: nn.Module, x: torch.Tensor) -> torch.Tensor:
+    """What the module gives on the device, in its type and on the CPU."""
+    if device == "xpu":
+        pytest.importorskip("tolvane")
+    actual = module.to(device)(x.to(device)).detach()
+    assert actual.device.type == device and actual.dtype == dtype
+    return actual.cpu()
 
 
-@pytest.mark.parametrize("dtype", [torch.float32, torch.float64, torch.float16, torch.bfloat16])
+def assert_close(actual: torch.Tensor, expected: np.ndarray) -> None:
+    """To some units of the type, next to the largest value."""
+    tolerance = {torch.float16: 6e-3, torch.bfloat16: 4e-2}.get(actual.dtype, 1e-5)
+    bound = tolerance * np.abs(expected).max(initial=0)
+    np.testing.assert_allclose(actual.double(), expected, rtol=0, atol=bound)
+
+
+FLOAT_TYPES = [torch.float32, torch.float16, torch.bfloat16]
+PLACES = [("cpu", torch.float32), *(("xpu", dtype) for dtype in FLOAT_TYPES)]
+
+
+@pytest.mark.parametrize(("device", "dtype"), [*PLACES, ("xpu", torch.float64)])
 @pytest.mark.parametrize("name", NAMES)
-def test_xpu_forward(name: str, dtype: torch.dtype) -> None:
-    pytest.importorskip("tolvane")
+def test_mlp(name: str, device: str, dtype: torch.dtype) -> None:
     module = quarn.QuantMLP.from_float(small_mlp(), name).to(dtype)
     x = torch.randn(2, 3, 128).to(dtype)
     expected = expected_output(module, x)
-    actual = module.to("xpu")(x.to("xpu"))
-    assert actual.device.type == "xpu" and actual.dtype == dtype and actual.shape == x.shape
-    tolerance = {torch.float16: 4e-3, torch.bfloat16: 3e-2}.get(dtype, 1e-5)
-    error = np.abs(actual.detach().cpu().double().numpy() - expected).max()
-    assert error <= tolerance * np.abs(expected).max()
+    assert_close(runs(device, dtype, module, x), expected)
 
 
 def test_state_dict_survives_saving_and_types() -> None:
@@ -98,34 +106,26 @@ def expected_linear(module: quarn.QuantLinear, x: torch.Tensor) -> np.ndarray:
     return x.double().numpy() @ weight.T + bias
 
 
-@pytest.mark.parametrize("bias", [True, False])
+@pytest.mark.parametrize(("device", "dtype"), PLACES)
 @pytest.mark.parametrize("name", LINEAR_NAMES)
-def test_linear_on_cpu(name: str, bias: bool) -> None:
-    dense = nn.Linear(256, 96, bias)
-    module = quarn.QuantLinear.from_float(dense, name)
-    for x in (torch.randn(2, 3, 256), torch.randn(256), torch.randn(0, 256)):
-        actual = module(x).detach()
-        np.testing.assert_allclose(actual, expected_linear(module, x), atol=3e-6)
-    x = torch.randn(50, 256)
+def test_linear(name: str, device: str, dtype: torch.dtype) -> None:
+    """Of several rows, where the weights enter as they are, on the CPU also of one."""
+    inputs = [torch.randn(4, 3, 256).transpose(0, 1), torch.randn(0, 256)]
+    if device == "cpu":
+        inputs.append(torch.randn(256))
+    for bias in (True, False):
+        module = small_linear(name, bias, state=256).to(dtype)
+        for x in inputs:
+            expected = expected_linear(module.cpu(), x.to(dtype))
+            assert_close(runs(device, dtype, module, x.to(dtype)), expected)
+
+
+@pytest.mark.parametrize("name", LINEAR_NAMES)
+def test_linear_is_near_the_dense_layer(name: str) -> None:
+    dense, x = nn.Linear(256, 96), torch.randn(50, 256)
     bound = {"iq2_xxs": 0.37, "q2_k": 0.27}.get(name, 0.2)
-    assert (module(x) - dense(x)).norm() < bound * dense(x).norm()
-
-
-@pytest.mark.parametrize("dtype", [torch.float32, torch.float16, torch.bfloat16])
-@pytest.mark.parametrize("name", LINEAR_NAMES)
-def test_linear_on_xpu(name: str, dtype: torch.dtype) -> None:
-    """Of several rows; the weights then enter as they are."""
-    tolvane = pytest.importorskip("tolvane")
-    if not hasattr(tolvane, "forward_new"):
-        pytest.skip("this build of tolvane has no forward_new")
-    module = small_linear(name, state=256).to(dtype)
-    x = torch.randn(4, 3, 256).to(dtype)
-    expected = expected_linear(module, x)
-    actual = module.to("xpu")(x.transpose(0, 1).to("xpu")).transpose(0, 1)
-    assert actual.device.type == "xpu" and actual.dtype == dtype and actual.shape == (4, 3, 96)
-    tolerance = {torch.float16: 6e-3, torch.bfloat16: 4e-2}.get(dtype, 1e-5)
-    error = np.abs(actual.detach().cpu().double().numpy() - expected).max()
-    assert error <= tolerance * np.abs(expected).max()
+    difference = quarn.QuantLinear.from_float(dense, name)(x) - dense(x)
+    assert difference.norm() < bound * dense(x).norm()
 
 
 def test_linear_on_xpu_names_the_missing_operator(monkeypatch: pytest.MonkeyPatch) -> None:
@@ -175,28 +175,22 @@ INDICES = [torch.tensor([[5]]), torch.tensor([[0, 9, 3], [3, 3, 0]]), torch.tens
 INDICES += [torch.zeros(0, 4, dtype=torch.int64), torch.arange(8).view(2, 2, 2).transpose(0, 2)]
 
 
-def test_embedding_on_cpu() -> None:
-    dense, module, table = small_embedding()
+@pytest.mark.parametrize("device", ["cpu", "xpu"])
+def test_embedding(device: str) -> None:
+    _, module, table = small_embedding()
     for indices in INDICES:
-        expected = table.astype(np.float32)[indices.numpy()]
-        np.testing.assert_array_equal(module(indices), expected.reshape(*indices.shape, 512))
+        expected = table.astype(np.float32)[indices.numpy()].reshape(*indices.shape, 512)
+        np.testing.assert_array_equal(runs(device, torch.float32, module, indices), expected)
+
+
+def test_embedding_is_near_the_dense_table() -> None:
+    dense, module, _ = small_embedding()
     indices = torch.arange(10)
     assert (module(indices) - dense(indices)).norm() < 0.27 * dense(indices).norm()
     assert (module(torch.tensor([0])) == 0).all()
     half = quarn.QuantEmbedding.from_float(dense.half())
     assert half(indices).dtype == torch.half and half.float()(indices).dtype == torch.float32
     assert list(module.state_dict()) == ["packed"]
-
-
-def test_embedding_on_xpu() -> None:
-    pytest.importorskip("tolvane")
-    _, module, table = small_embedding()
-    module = module.to("xpu")
-    for indices in INDICES:
-        expected = table.astype(np.float32)[indices.numpy()].reshape(*indices.shape, 512)
-        actual = module(indices.to("xpu"))
-        assert actual.device.type == "xpu"
-        np.testing.assert_array_equal(actual.cpu(), expected)
 
 
 def test_refused_embeddings() -> None:
@@ -240,9 +234,8 @@ def test_importance_is_the_mean_square_of_each_column() -> None:
     into_last = torch.cat([model.again(model.first(row)) for row in rows])
     both = torch.cat([*rows, *(model.first(row) for row in rows)])
     for name, inputs in (("first.0", both), ("last", into_last)):
-        torch.testing.assert_close(
-            importance[name], inputs.detach().double().square().mean(0).float()
-        )
+        mean_squares = inputs.detach().double().square().mean(0).float()
+        torch.testing.assert_close(importance[name], mean_squares)
     assert not any(module._forward_pre_hooks for module in model.modules())
     doubled = quarn.collect_importance(model, samples, lambda m, s: m.last(torch.ones(1, 256)))
     assert list(doubled) == ["last"] and (doubled["last"] == 1).all()

@@ -9,7 +9,7 @@ from hypothesis import given, settings
 from hypothesis import strategies as st
 
 import quarn
-from packed import PACKED, minifloat_values, random_weight
+from packed import PACKED, random_weight
 from reference import codes_and_scales, decode, levels, naive_error, nearest
 from super_block_reference import BLOCK_BYTES, random_records
 
@@ -19,32 +19,6 @@ NAMES = sorted(PACKED)
 
 def as_bytes(packed: torch.Tensor) -> bytes:
     return packed.numpy().tobytes()
-
-
-def test_q4_0_bytes_by_hand() -> None:
-    """Two rows of two blocks; one block has weights -8 * 0.5, 7 * 0.5 and 3 * 0.5."""
-    weight = torch.zeros(2, 128)
-    weight[0, 64 + 0] = -4.0  # block 1: code 0 in the low nibble of byte 0
-    weight[0, 64 + 32] = 3.5  # code 15 in the high nibble of byte 0
-    weight[0, 64 + 33] = 1.5  # code 11 in the high nibble of byte 1
-    packed = as_bytes(quarn.pack(weight, "q4_0"))
-    block = bytes([0xF0, 0xB8] + [0x88] * 30)
-    assert packed[:128] == b"\x88" * 32 + block + b"\x88" * 64
-    assert packed[128:] == b"\0\0" + b"\x00\x38" + b"\0\0" * 2  # 0.5 as a half is 0x3800
-
-
-def test_fp8_e5m2_bytes_by_hand() -> None:
-    """The second of three rows holds powers of two and a subnormal relative to its largest."""
-    weight = torch.zeros(3, 64)
-    weight[1, :5] = torch.tensor([8.0, -12.0, 0.5, 8 * 2.0**-16, -10.0])
-    packed = as_bytes(quarn.pack(weight, "fp8_e5m2"))
-    block = packed[64:128]
-    scale = np.frombuffer(packed[192:], np.float32)
-    assert packed[:64] + packed[128:192] == bytes(128)
-    assert scale[0] == scale[2] == 0
-    # Under scale 8 the codes are 1, -1.5, 2^-4, 2^-16 and -1.25.
-    assert block == bytes([0x3C, 0xBE, 0x2C, 0x01, 0xBD]) + bytes(59)
-    assert scale[1] == 8
 
 
 HALF_2, FLOAT_2 = "0040", "00000040"  # 2.0, in the order of memory
@@ -137,16 +111,6 @@ def test_representable_weights_survive(name: str) -> None:
     np.testing.assert_allclose(decoded, weight, rtol=3e-7)
 
 
-def test_fp8_e4m3_keeps_representable_weights() -> None:
-    """Of the codes that are normal under the scale that makes the largest weight 15."""
-    values = minifloat_values(4, 3)
-    values = values[(np.abs(values) >= 0.5) | (values == 0)]
-    weight = np.random.default_rng(0).choice(values, (16, 128))
-    weight[:, ::64] = 480
-    packed = quarn.pack(torch.from_numpy(weight * 0.75), "fp8_e4m3")
-    np.testing.assert_allclose(decode(as_bytes(packed), "fp8_e4m3", 128), weight * 0.75, rtol=3e-7)
-
-
 @pytest.mark.parametrize("name", NAMES)
 @settings(deadline=None, max_examples=60)
 @given(
@@ -184,17 +148,6 @@ def test_search_gains_on_normal_weights(name: str, share: float) -> None:
     assert ((decoded - weight) ** 2).sum() < share * naive_error(weight, name).sum()
 
 
-@pytest.mark.parametrize("peak", [-8, -7, -5, -1, 1, 3, 6, 7])
-def test_q4_0_keeps_representable_weights(peak: int) -> None:
-    """Blocks whose largest code is anything, not only the end of the code range."""
-    generator = np.random.default_rng(abs(peak))
-    codes = generator.integers(-abs(peak) + 1, abs(peak), (8, 64))
-    codes[:, 5] = peak
-    scales = generator.uniform(1e-3, 2, (8, 1)).astype(np.float16).astype(np.float32)
-    weight = torch.from_numpy((codes * scales).astype(np.float32))
-    assert torch.equal(quarn.unpack(quarn.pack(weight, "q4_0"), "q4_0", 64), weight)
-
-
 @pytest.mark.parametrize("name", NAMES)
 def test_codes_are_nearest_under_the_stored_scale(name: str) -> None:
     """Of weights over many powers of two, and of a few equal ones, in a number of blocks that fills no register."""
@@ -227,19 +180,23 @@ def test_fp8_e5m2_linear_takes_the_nearest_value() -> None:
     np.testing.assert_array_equal(error, np.abs(nearest(x, "fp8_e5m2_linear") - x))
 
 
-@pytest.mark.parametrize("name", NAMES)
+@pytest.mark.parametrize("name", EVERY_NAME)
 def test_extreme_weights(name: str) -> None:
     """Zeros, tiny weights and a wide range in one block give finite bytes of small error."""
-    weight = torch.zeros(4, 64)
+    elements = quarn.FORMATS[name].block_elements
+    weight = torch.zeros(4, elements)
     weight[1] = 1e-30
     weight[2, 3] = 1e-6
-    weight[3] = torch.logspace(-20, 4, 64)
-    decoded = quarn.unpack(quarn.pack(weight, name), name, 64)
+    weight[3] = torch.logspace(-20, 4, elements)
+    decoded = quarn.unpack(quarn.pack(weight, name), name, elements)
     smallest = 2.0**-17 if name == "fp8_e5m2_linear" else 0
     assert (decoded[0] == smallest).all()
     largest = weight.abs().amax(1)
-    coarse = 0.25 if name in ("nf3", "fp4", "nf4") else 0.1
-    assert ((decoded - weight).abs().amax(1) <= coarse * largest + smallest + 2.0**-25).all()
+    if name in BLOCK_BYTES:
+        coarse, tiny = 0.3, 2.0**-20
+    else:
+        coarse, tiny = 0.25 if name in ("nf3", "fp4", "nf4") else 0.1, 2.0**-25
+    assert ((decoded - weight).abs().amax(1) <= coarse * largest + smallest + tiny).all()
 
 
 @pytest.mark.parametrize("name", EVERY_NAME)
@@ -266,27 +223,23 @@ def test_large_weights_pack_like_their_rows(name: str) -> None:
 
 
 def test_refused_input() -> None:
-    weight = torch.ones(2, 64)
-    with pytest.raises(ValueError, match="unknown format 'q9'; known are q4_0, q4_1,"):
-        quarn.pack(weight, "q9")
-    with pytest.raises(ValueError, match="multiple of 64 for q4_0, but is 65"):
-        quarn.pack(torch.ones(2, 65), "q4_0")
-    with pytest.raises(ValueError, match=r"shape \[2, 1, 64\]"):
-        quarn.pack(torch.ones(2, 1, 64), "q4_0")
-    with pytest.raises(TypeError, match="torch.int32"):
-        quarn.pack(weight.int(), "q4_0")
+    importance = torch.ones(256)
+    for error, message, *arguments in (
+        (ValueError, "unknown format 'q9'; known are q4_0, q4_1,", torch.ones(2, 64), "q9"),
+        (ValueError, "multiple of 64 for q4_0, but is 65", torch.ones(2, 65), "q4_0"),
+        (ValueError, r"shape \[2, 1, 64\]", torch.ones(2, 1, 64), "q4_0"),
+        (TypeError, "torch.int32", torch.ones(2, 64).int(), "q4_0"),
+        (ValueError, "multiple of 256 for q2_k, but is 320", torch.ones(2, 320), "q2_k"),
+        (ValueError, "importance; iq2_xxs, q2_k do", torch.ones(2, 256), "q4_0", importance),
+        (ValueError, r"shape \[512\], .* \[256\]", torch.ones(2, 512), "q2_k", importance),
+    ):
+        with pytest.raises(error, match=message):
+            quarn.pack(*arguments)
     for bad in (float("nan"), float("inf"), 1e300):
         weight = torch.ones(2, 64, dtype=torch.float64)
         weight[1, 63] = bad
         with pytest.raises(ValueError, match="finite"):
             quarn.pack(weight, "fp8_e5m2")
-    importance = torch.ones(256)
-    with pytest.raises(ValueError, match="multiple of 256 for q2_k, but is 320"):
-        quarn.pack(torch.ones(2, 320), "q2_k")
-    with pytest.raises(ValueError, match="q4_0 takes no importance; iq2_xxs, q2_k do"):
-        quarn.pack(torch.ones(2, 256), "q4_0", importance)
-    with pytest.raises(ValueError, match=r"shape \[512\], .* \[256\]"):
-        quarn.pack(torch.ones(2, 512), "q2_k", importance)
     for bad in (float("nan"), -1.0):
         importance[7] = bad
         with pytest.raises(ValueError, match="finite and not negative"):

@@ -8,24 +8,19 @@ from torch import nn
 
 import quarn
 from quarn import rwkv
+from reference import MODEL_SIZES, take_packed_weights
 
 transformers = pytest.importorskip("transformers")
 pytest.importorskip("tolvane")
-
-SIZES = {
-    "vocab_size": 192,
-    "hidden_size": 128,
-    "num_hidden_layers": 3,
-    "intermediate_size": 192,
-    "tie_word_embeddings": False,
-}
 
 
 @pytest.fixture(scope="module")
 def folder(tmp_path_factory):
     """A small random model, whose weights begin larger than the library lets them."""
     torch.manual_seed(2)
-    own = transformers.RwkvForCausalLM(transformers.RwkvConfig(**SIZES))
+    own = transformers.RwkvForCausalLM(
+        transformers.RwkvConfig(**MODEL_SIZES | {"num_hidden_layers": 3})
+    )
     for name, parameter in own.named_parameters():
         if "mix" in name:
             nn.init.uniform_(parameter)
@@ -48,10 +43,7 @@ def test_logits_tokens_and_states_of_the_library(folder, tmp_path, monkeypatch, 
         quarn.save_pretrained(model, tmp_path)
         model = quarn.from_pretrained(tmp_path)
     own = transformers.RwkvForCausalLM.from_pretrained(folder).eval()
-    for name, module in model.named_modules():
-        if isinstance(module, quarn.QuantLinear):
-            weight = quarn.unpack(module.packed.cpu(), module.format.name, module.state_size)
-            own.get_submodule(name).weight = nn.Parameter(weight)
+    take_packed_weights(own, model)
     prompt = torch.randint(0, 192, (21,), generator=torch.Generator().manual_seed(3))
     tokens = list(quarn.generate(model, prompt.tolist(), 64))
     everything = torch.cat([prompt, torch.tensor(tokens)])
@@ -64,11 +56,7 @@ def test_logits_tokens_and_states_of_the_library(folder, tmp_path, monkeypatch, 
         state = model.new_cache()
         actual = torch.cat([model(part, state) for part in parts]).cpu()
         assert (actual - expected).abs().max() <= 1e-4 * (expected.max() - expected.min())
-        kept = (
-            *(state.feed_forward_inputs, state.attention_inputs),
-            *(state.numerators, state.denominators, state.exponents),
-        )
-        for ours, theirs in zip(kept, result.state, strict=True):
-            torch.testing.assert_close(
-                torch.stack(ours, -1).cpu(), theirs.float(), rtol=1e-4, atol=1e-5
-            )
+        kept = [state.feed_forward_inputs, state.attention_inputs]
+        kept += [state.numerators, state.denominators, state.exponents]
+        actual = [torch.stack(parts, -1).cpu() for parts in kept]
+        torch.testing.assert_close(actual, [*result.state], rtol=1e-4, atol=1e-5, check_dtype=False)

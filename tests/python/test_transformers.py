@@ -12,34 +12,23 @@ import torch
 from torch import nn
 
 import quarn
+from reference import MODEL_SIZES, take_packed_weights
 
 transformers = pytest.importorskip("transformers")
 pytest.importorskip("tolvane")
 
-SIZES = {
-    "vocab_size": 192,
-    "hidden_size": 128,
-    "intermediate_size": 192,
-    "num_hidden_layers": 2,
-    "num_attention_heads": 4,
-    "initializer_range": 0.15,
-    "tie_word_embeddings": False,
-}
 NO_TOKENS: dict[str, Any] = {"bos_token_id": None, "eos_token_id": None, "pad_token_id": 0}
+GROUPED: dict[str, Any] = {**MODEL_SIZES, **NO_TOKENS, "num_key_value_heads": 2}
 DECODERS = {
-    "llama": lambda: transformers.LlamaForCausalLM(
-        transformers.LlamaConfig(**SIZES, **NO_TOKENS, num_key_value_heads=2)
-    ),
-    "qwen2": lambda: transformers.Qwen2ForCausalLM(
-        transformers.Qwen2Config(**SIZES, **NO_TOKENS, num_key_value_heads=2)
-    ),
+    "llama": lambda: transformers.LlamaForCausalLM(transformers.LlamaConfig(**GROUPED)),
+    "qwen2": lambda: transformers.Qwen2ForCausalLM(transformers.Qwen2Config(**GROUPED)),
     "gpt_neox": lambda: transformers.GPTNeoXForCausalLM(
-        transformers.GPTNeoXConfig(**SIZES, **NO_TOKENS)
+        transformers.GPTNeoXConfig(**MODEL_SIZES, **NO_TOKENS)
     ),
 }
 MODELS = {
     **DECODERS,
-    "bert": lambda: transformers.BertForMaskedLM(transformers.BertConfig(**SIZES)),
+    "bert": lambda: transformers.BertForMaskedLM(transformers.BertConfig(**MODEL_SIZES)),
 }
 FORMATS = ("q4_0", "q8_0", "nf4", "q5_1", "fp8_e4m3")
 """Formats that the linear layers of a model take in turn."""
@@ -56,9 +45,7 @@ def made(name: str) -> nn.Module:
 
 def prompt() -> dict[str, torch.Tensor]:
     """Two rows of tokens, the second padded on the left."""
-    tokens = torch.randint(
-        1, SIZES["vocab_size"], (2, 7), generator=torch.Generator().manual_seed(3)
-    )
+    tokens = torch.randint(1, 192, (2, 7), generator=torch.Generator().manual_seed(3))
     mask = torch.ones_like(tokens)
     mask[1, :3] = 0
     return {"input_ids": tokens * mask, "attention_mask": mask}
@@ -68,11 +55,8 @@ def packed_and_dense(model: nn.Module) -> tuple[nn.Module, nn.Module]:
     """Copies of the model whose linear layers are packed, and have the packed weights' values."""
     dense, formats = copy.deepcopy(model), itertools.cycle(FORMATS)
     packed = quarn.quantize_(copy.deepcopy(model), lambda *layer: next(formats), progress=False)
-    layers = {n: m for n, m in packed.named_modules() if isinstance(m, quarn.QuantLinear)}
-    assert len(layers) >= 9
-    for name, layer in layers.items():
-        weight = quarn.unpack(layer.packed, layer.format.name, layer.state_size, torch.float32)
-        dense.get_submodule(name).weight = nn.Parameter(weight)
+    assert not any(isinstance(module, nn.Linear) for module in packed.modules())
+    take_packed_weights(dense, packed)
     return packed, dense
 
 
@@ -93,14 +77,9 @@ def assert_same(there: nn.Module, here: nn.Module, name: str) -> None:
         assert torch.equal(there.generate(**on_device, **how).cpu(), tokens)
 
 
+@pytest.mark.parametrize("packs", [False, True], ids=["dense", "packed"])
 @pytest.mark.parametrize("name", MODELS)
-def test_dense_model_gives_the_cpus_results(name: str) -> None:
+def test_model_gives_the_results_of_its_weights(name: str, packs: bool) -> None:
     model = made(name)
-    assert_same(copy.deepcopy(model).to("xpu"), model, name)
-
-
-@pytest.mark.parametrize("name", MODELS)
-def test_packed_model_gives_the_results_of_its_weights(name: str) -> None:
-    packed, dense = packed_and_dense(made(name))
-    assert not any(isinstance(module, nn.Linear) for module in packed.modules())
-    assert_same(packed.to("xpu"), dense, name)
+    there, here = packed_and_dense(model) if packs else (copy.deepcopy(model), model)
+    assert_same(there.to("xpu"), here, name)
