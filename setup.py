@@ -23,9 +23,7 @@ class CMakeBuild(build_ext):
 
     def run(self) -> None:
         if self.inplace or self.editable_mode:
-            raise SystemExit(
-                "tolvane: no editable installation: in the sources, use scripts/python"
-            )
+            raise SystemExit("tolvane: no editable installation: in the sources, use scripts/python")
         for tool in ("cmake", "ninja", "c++"):
             if shutil.which(tool) is None:
                 raise SystemExit(

@@ -43,9 +43,7 @@ def rotated(weight: Weight, count: int, rotate: bool) -> list[list[Weight]]:
     return [[[part.clone() for part in weight] for _ in range(count)] for _ in range(groups)]
 
 
-def by_type(
-    x: Tensor, outputs: int, count: int, rotate: bool, layer: Layer
-) -> dict[str, dict[str, Call]]:
+def by_type(x: Tensor, outputs: int, count: int, rotate: bool, layer: Layer) -> dict[str, dict[str, Call]]:
     """For each of our types: the dense layer in that type and in float, and that on 4 bits.
 
     The latter is in bfloat16, for which alone PyTorch has a fast kernel.
@@ -57,16 +55,11 @@ def by_type(
 
     inputs = x.shape[-1]
     weight = torch.randn(outputs, inputs)
-    calls = {
-        name: call(x.to(dtype), [weight.to(dtype)], dense_product) for name, dtype in TYPES.items()
-    }
+    calls = {name: call(x.to(dtype), [weight.to(dtype)], dense_product) for name, dtype in TYPES.items()}
     if inputs % GROUP == 0 and outputs % 16 == 0:  # as its kernel wants them
         few = four_bit_weight(outputs, inputs, torch.bfloat16)
         calls["4 bits"] = call(x.to(torch.bfloat16), few, four_bit_product)
-    return {
-        own: {name: calls[name] for name in (own, "float", "4 bits") if name in calls}
-        for own in TYPES_AND_DOUBLE
-    }
+    return {own: {name: calls[name] for name in (own, "float", "4 bits") if name in calls} for own in TYPES_AND_DOUBLE}
 
 
 def linear_peers(x: Tensor, outputs: int) -> dict[str, dict[str, Call]]:

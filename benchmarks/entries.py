@@ -33,9 +33,7 @@ def on_xpu(weights: Weights) -> Weights:
 
 def mlp_call(row: Tensor, packed: Weights, state: int, hidden: int, qtype: int) -> Call:
     """The operator on the copy that the number of the call picks."""
-    return lambda number: tolvane.mlp_forward_xpu(
-        row, *packed[number % len(packed)], 1, state, hidden, qtype
-    )
+    return lambda number: tolvane.mlp_forward_xpu(row, *packed[number % len(packed)], 1, state, hidden, qtype)
 
 
 def mlp_cases(name: str, state: int, hidden: int, rotate: bool = True) -> Iterator[Case]:
@@ -74,16 +72,10 @@ def qkv(quick: bool) -> Iterator[Case]:
             cache = torch.zeros(2, 1, 8, 2 * position, head_dim, dtype=dtype, device="xpu")
             keys, values = cache[:, :, :, :position]
             last = (entry.qtype, position, head_dim)
-            ours: Call = (
-                lambda number, row=row, keys=keys, values=values, groups=groups, last=last: (
-                    tolvane.forward_qkv(
-                        row, *groups[number % len(groups)], ids, keys, values, *last
-                    )[0]
-                )
+            ours: Call = lambda number, row=row, keys=keys, values=values, groups=groups, last=last: (
+                tolvane.forward_qkv(row, *groups[number % len(groups)], ids, keys, values, *last)[0]
             )
-            yield Case(
-                "qkv", f"{state} x {sum(sizes)}", kind, format, bytes_read, ours, peers[kind]
-            )
+            yield Case("qkv", f"{state} x {sum(sizes)}", kind, format, bytes_read, ours, peers[kind])
 
 
 def call(quick: bool) -> Iterator[Case]:
@@ -172,18 +164,8 @@ def overhead(quick: bool) -> Iterator[Case]:
 
         return run
 
-    yield Case(
-        "overhead", "100 x 16", "float", "dense", 100 * 16 * 4, adds(x.to("xpu")), {"cpu": adds(x)}
-    )
+    yield Case("overhead", "100 x 16", "float", "dense", 100 * 16 * 4, adds(x.to("xpu")), {"cpu": adds(x)})
 
 
-ENTRIES: list[Callable[[bool], Iterator[Case]]] = [
-    call,
-    mlp,
-    qkv,
-    forward,
-    dequant,
-    linear,
-    overhead,
-]
+ENTRIES: list[Callable[[bool], Iterator[Case]]] = [call, mlp, qkv, forward, dequant, linear, overhead]
 ENTRIES += row_entries.ENTRIES + sequence_entries.ENTRIES + super_block_entries.ENTRIES

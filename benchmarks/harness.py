@@ -125,10 +125,7 @@ def measure(case: Case, seconds: float, bandwidth: float) -> Result:
         spread(times[""]),
         read,
         read / ours,
-        [
-            Peer(name, median(times[name]), spread(times[name]), median(times[name]) / ours)
-            for name in case.peers
-        ],
+        [Peer(name, median(times[name]), spread(times[name]), median(times[name]) / ours) for name in case.peers],
     )
 
 

@@ -27,12 +27,8 @@ def norm(quick: bool) -> Iterator[Case]:
             layer: Call = lambda _, x=x, weight=weight, bias=bias: tolvane.fused_layer_norm(
                 x, weight.shape, weight, bias, 1e-5
             )
-            rms: Call = lambda _, x=x, weight=weight: tolvane.fused_rms_norm(
-                x, weight.shape, weight, None, 1e-5
-            )
-            yield Case(
-                "layer norm", f"{rows} x {n}", kind, "dense", size, layer, {"cpu": dense_layer}
-            )
+            rms: Call = lambda _, x=x, weight=weight: tolvane.fused_rms_norm(x, weight.shape, weight, None, 1e-5)
+            yield Case("layer norm", f"{rows} x {n}", kind, "dense", size, layer, {"cpu": dense_layer})
             yield Case("rms norm", f"{rows} x {n}", kind, "dense", size, rms, {"cpu": dense_rms})
 
 
@@ -55,15 +51,10 @@ def rotary(quick: bool) -> Iterator[Case]:
             out = torch.empty_like(xq), torch.empty_like(xk)
             on_xpu = [table.to("xpu") for table in tables]
             size = 2 * q.numel() * q.element_size()
-            peer: Call = lambda _, q=q, k=k, tables=tables: (
-                composed_rotary(q, *tables),
-                composed_rotary(k, *tables),
-            )
-            ours: Call = lambda _, a=(xq, xk, xp, *out): (
-                tolvane.apply_rotary_embedding_half_q_and_k(*a)
-            )
-            cached: Call = lambda _, a=(xq, xk, *on_xpu, *out): (
-                tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(*a)
+            peer: Call = lambda _, q=q, k=k, tables=tables: (composed_rotary(q, *tables), composed_rotary(k, *tables))
+            ours: Call = lambda _, a=(xq, xk, xp, *out): tolvane.apply_rotary_embedding_half_q_and_k(*a)
+            cached: Call = lambda _, a=(xq, xk, *on_xpu, *out): tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(
+                *a
             )
             yield Case("rotary", f"{tokens} x 128", kind, "positions", size, ours, {"cpu": peer})
             yield Case("rotary", f"{tokens} x 128", kind, "tables", size, cached, {"cpu": peer})

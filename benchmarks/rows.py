@@ -68,9 +68,7 @@ def measure(quick: bool) -> Times:
         packed[name] = copies, quarn.FORMATS[name].qtype
     for kind, dtype in TYPES.items():
         weight = torch.randn(SIZE, SIZE).to(dtype).to("xpu")
-        dense = [
-            weight.clone() for _ in range(copies_needed(weight.numel() * weight.element_size()))
-        ]
+        dense = [weight.clone() for _ in range(copies_needed(weight.numel() * weight.element_size()))]
         for rows in (1, 8) if quick else ROWS:
             x = torch.randn(rows, SIZE).to(dtype).to("xpu")
             runs = {"dense": dense_call(x, dense)}
@@ -86,21 +84,13 @@ def draw(path: Path, by_class: dict[str, Times]) -> None:
     from matplotlib import pyplot
 
     shape = len(by_class), len(TYPES)
-    figure, plots = pyplot.subplots(
-        *shape, figsize=(13, 3.4 * len(by_class)), sharex=True, sharey=True, squeeze=False
-    )
+    figure, plots = pyplot.subplots(*shape, figsize=(13, 3.4 * len(by_class)), sharex=True, sharey=True, squeeze=False)
     for line, (title, times) in zip(plots, by_class.items()):
         for axes, (kind, formats) in zip(line, times.items()):
             for name, points in formats.items():
                 rows = [int(r) for r in points]
                 style = "k--" if name == "dense" else "o-"
-                axes.loglog(
-                    rows,
-                    [best / r for r, best in zip(rows, points.values())],
-                    style,
-                    label=name,
-                    markersize=3,
-                )
+                axes.loglog(rows, [best / r for r, best in zip(rows, points.values())], style, label=name, markersize=3)
             axes.set_title(f"{title}, {kind}")
             axes.set_xticks(ROWS, [str(r) for r in ROWS], minor=False)
             axes.grid(alpha=0.3)
@@ -125,11 +115,7 @@ def main() -> None:
     for device, title in CLASSES.items():
         command = [sys.executable, __file__, "--here", *(["--quick"] if arguments.quick else [])]
         done = subprocess.run(
-            command,
-            env={**os.environ, "KELVOR_XPU_DEVICE_NAME": device},
-            stdout=subprocess.PIPE,
-            text=True,
-            check=True,
+            command, env={**os.environ, "KELVOR_XPU_DEVICE_NAME": device}, stdout=subprocess.PIPE, text=True, check=True
         )
         by_class[title] = json.loads(done.stdout)
         for kind, formats in by_class[title].items():

@@ -71,9 +71,7 @@ def rwkv(quick: bool) -> Iterator[Case]:
     for kind, dtype in TYPES.items():
         x = [tensor.to("xpu", dtype) for tensor in inputs]
         ours: Call = lambda _, x=x: tolvane.rwkv_linear_attention_v4(*x)
-        yield Case(
-            "rwkv v4", f"{tokens} x {channels}", kind, "dense", size_of(*x), ours, {"loops": peer}
-        )
+        yield Case("rwkv v4", f"{tokens} x {channels}", kind, "dense", size_of(*x), ours, {"loops": peer})
 
     inputs = [torch.rand(heads, 64), torch.randn(heads, 64)]
     inputs += torch.randn(3, 1, heads, tokens, 64).unbind()
@@ -82,9 +80,7 @@ def rwkv(quick: bool) -> Iterator[Case]:
     for order in ("columns", "rows"):
         peer = plain_call(f"plain_rwkv_v5_{order}", [*inputs, out], (1, heads, tokens))
         ours = lambda _: tolvane.rwkv_linear_attention_v5(*y)
-        yield Case(
-            "rwkv v5", f"{tokens} x {heads}", "float", order, size_of(*y), ours, {"loops": peer}
-        )
+        yield Case("rwkv v5", f"{tokens} x {heads}", "float", order, size_of(*y), ours, {"loops": peer})
 
 
 def time_shift(quick: bool) -> Iterator[Case]:

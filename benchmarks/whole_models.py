@@ -177,17 +177,13 @@ def main() -> None:
         if options.child in OURS:
             result = run_ours(options.folder / options.child, options.tokens, options.prompt)
         else:
-            result = run_peer(
-                options.folder / "dense", options.child, options.tokens, options.prompt
-            )
+            result = run_peer(options.folder / "dense", options.child, options.tokens, options.prompt)
         print(json.dumps(result | {"memory": memory()}))
         return
     folder = options.folder / f"{options.layers}-layers"
     prepared(folder, options.variants, options.layers)
     print(f"{options.layers} layers; {torch.get_num_threads()} threads; torch {torch.__version__}")
-    print(
-        "tokens/s: median (highest) of single tokens; MB at most, after the prompt and at the end"
-    )
+    print("tokens/s: median (highest) of single tokens; MB at most, after the prompt and at the end")
     after = "  ".join(f"after {past:<9}" for past in PASTS)
     print(f"{'':8} {after}  {f'of {options.prompt}':>8}  load, s        MB        MB")
     results = {}

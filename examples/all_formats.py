@@ -13,12 +13,7 @@ import corpus
 import quarn
 from generate import generate
 from model import Decoder
-from packed_models import (
-    bytes_of,
-    sample_importance,
-    with_packed_linears,
-    with_packed_mlps,
-)
+from packed_models import bytes_of, sample_importance, with_packed_linears, with_packed_mlps
 from train import as_tokens, perplexity
 
 HELD_OUT_BYTES = 4097

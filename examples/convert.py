@@ -55,10 +55,7 @@ def tensors(model: Decoder) -> dict[str, Tensor]:
             "self_attn.o_proj.weight": names["attention.out.weight"],
             "post_attention_layernorm.weight": names["mlp_norm.weight"],
         }
-        own |= {
-            f"mlp.{part}_proj.weight": names[f"mlp.{part}.weight"]
-            for part in ("gate", "up", "down")
-        }
+        own |= {f"mlp.{part}_proj.weight": names[f"mlp.{part}.weight"] for part in ("gate", "up", "down")}
         projections = names["attention.qkv.weight"].chunk(3)
         own |= {f"self_attn.{part}_proj.weight": w for part, w in zip("qkv", projections)}
         found |= {f"model.layers.{number}.{name}": weight for name, weight in own.items()}
@@ -71,22 +68,13 @@ def tokenizer() -> dict[str, Any]:
     others = [byte for byte in range(256) if byte not in plain]
     letters = {byte: chr(byte) for byte in plain}  # as byte-level tokenizers write bytes
     letters |= {byte: chr(256 + place) for place, byte in enumerate(others)}
-    level = {
-        "type": "ByteLevel",
-        "add_prefix_space": False,
-        "trim_offsets": True,
-        "use_regex": False,
-    }
+    level = {"type": "ByteLevel", "add_prefix_space": False, "trim_offsets": True, "use_regex": False}
     return {
         "version": "1.0",
         "added_tokens": [],
         "pre_tokenizer": level,
         "decoder": level,
-        "model": {
-            "type": "BPE",
-            "vocab": {letters[byte]: byte for byte in range(256)},
-            "merges": [],
-        },
+        "model": {"type": "BPE", "vocab": {letters[byte]: byte for byte in range(256)}, "merges": []},
     }
 
 

@@ -118,8 +118,7 @@ def story(choose: Chooser) -> str:
     answers = [
         f'"No," said {friend.name}, "but two pairs of eyes are better than one."',
         f'"I have not seen it," said {friend.name}, "but I will look for it with you."',
-        f'{friend.name} put down {friend.possessive} work at once. "Let us look together," '
-        f"{friend.subject} said.",
+        f'{friend.name} put down {friend.possessive} work at once. "Let us look together," {friend.subject} said.',
     ]
     searches = [
         f"{hero.name} and {friend.name} looked in every house in {place}.",
@@ -133,8 +132,7 @@ def story(choose: Chooser) -> str:
     endings = [
         f'"Thank you, {friend.name}," said {hero.name}, and they were friends from that day on.',
         f"{hero.name} gave {friend.name} a supper of bread and soup, and they laughed until late.",
-        f"From that day on, {hero.name} the {trade} never let the {thing.one} out of "
-        f"{hero.possessive} sight.",
+        f"From that day on, {hero.name} the {trade} never let the {thing.one} out of {hero.possessive} sight.",
     ]
     middle = [WEATHER[choose.one(sorted(WEATHER))]] if choose.number(0, 1) else []
     parts = [choose.one(openings), choose.one(losses), *middle, choose.one(questions)]
@@ -157,10 +155,8 @@ def almanac(choose: Chooser) -> str:
         f"{NUMBERS[sold]}, and {NUMBERS[total - sold]} were left for {seller.name}.",
     ]
     notes = [
-        f"There were {NUMBERS[count]} {thing.many} for sale, and {buyer.name} looked at all "
-        f"{NUMBERS[count]} of them.",
-        f"{buyer.name} paid {NUMBERS[count]} coins, and {seller.name} counted all "
-        f"{NUMBERS[count]} of them twice.",
+        f"There were {NUMBERS[count]} {thing.many} for sale, and {buyer.name} looked at all {NUMBERS[count]} of them.",
+        f"{buyer.name} paid {NUMBERS[count]} coins, and {seller.name} counted all {NUMBERS[count]} of them twice.",
     ]
     heading = f"{month} {choose.number(1, 28)}, {place}."
     return " ".join([heading, WEATHER[MONTHS[month]], choose.one(trades), choose.one(notes)])

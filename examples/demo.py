@@ -95,12 +95,8 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--prompt", default="In Green Hollow there lived a", help="text to go on")
     parser.add_argument("--tokens", type=int, default=200, help="bytes to generate")
-    parser.add_argument(
-        "--format", choices=all_formats.FORMATS, default="q4_0", help="whose text is shown"
-    )
-    parser.add_argument(
-        "--dtype", choices=DTYPES, default="float", help="element type of the packed layers"
-    )
+    parser.add_argument("--format", choices=all_formats.FORMATS, default="q4_0", help="whose text is shown")
+    parser.add_argument("--dtype", choices=DTYPES, default="float", help="element type of the packed layers")
     parser.add_argument("--skip-speed", action="store_true", help="leave the large MLP out")
     arguments = parser.parse_args()
     try:

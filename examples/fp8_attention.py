@@ -19,9 +19,7 @@ from train import load
 class FP8Attention(Attention):
     """Several new positions attend to each other in plain PyTorch; one attends to the cache."""
 
-    def forward(
-        self, x: Tensor, cosines: Tensor, sines: Tensor, cache: Cache | FP8Cache | None
-    ) -> Tensor:
+    def forward(self, x: Tensor, cosines: Tensor, sines: Tensor, cache: Cache | FP8Cache | None) -> Tensor:
         if not isinstance(cache, FP8Cache):
             return super().forward(x, cosines, sines, cache)
         batch, positions, width = x.shape

@@ -33,9 +33,7 @@ def check_request(model: Decoder, prompt: bytes, count: int) -> None:
 
 
 @torch.no_grad()
-def generate(
-    model: Decoder, prompt: bytes, count: int, temperature: float = 0.6, seed: int = 0
-) -> Iterator[int]:
+def generate(model: Decoder, prompt: bytes, count: int, temperature: float = 0.6, seed: int = 0) -> Iterator[int]:
     """Yields `count` bytes that continue `prompt`, each as soon as it is known."""
     check_request(model, prompt, count)
     device = model.embedding.weight.device

@@ -74,9 +74,7 @@ class Cache:
         """Stores the new positions and returns all stored so far."""
         end = self.length + keys.shape[2]
         if end > self.keys.shape[2]:
-            raise ValueError(
-                f"the cache holds {self.keys.shape[2]} positions, but {end} are needed"
-            )
+            raise ValueError(f"the cache holds {self.keys.shape[2]} positions, but {end} are needed")
         self.keys[:, :, self.length : end] = keys
         self.values[:, :, self.length : end] = values
         self.length = end
@@ -98,9 +96,7 @@ def rotate(x: Tensor, cosines: Tensor, sines: Tensor) -> Tensor:
     return x * cosines + torch.cat([-high, low], dim=-1) * sines
 
 
-def rotate_both(
-    queries: Tensor, keys: Tensor, cosines: Tensor, sines: Tensor
-) -> tuple[Tensor, Tensor]:
+def rotate_both(queries: Tensor, keys: Tensor, cosines: Tensor, sines: Tensor) -> tuple[Tensor, Tensor]:
     """`rotate` of both, [batch, heads, positions, head_dim]; in one call of an operator on `xpu`."""
     if not by_operators(queries):
         return rotate(queries, cosines, sines), rotate(keys, cosines, sines)
@@ -183,9 +179,7 @@ class Decoder(nn.Module):
         """An empty cache for each layer, of the model's element type and on its device."""
         config, weight = self.config, self.embedding.weight
         shape = (batch, config.heads, config.context, config.head_dim)
-        return [
-            Cache(weight.new_zeros(shape), weight.new_zeros(shape)) for _ in range(config.layers)
-        ]
+        return [Cache(weight.new_zeros(shape), weight.new_zeros(shape)) for _ in range(config.layers)]
 
     def forward(self, tokens: Tensor, caches: list[Cache] | None = None) -> Tensor:
         """tokens: [batch, positions] of int64; returns [batch, positions, vocabulary].

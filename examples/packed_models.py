@@ -12,12 +12,7 @@ import corpus
 import quarn
 from model import Decoder, Layer
 
-DTYPES = {
-    "float": torch.float32,
-    "half": torch.float16,
-    "bfloat16": torch.bfloat16,
-    "double": torch.float64,
-}
+DTYPES = {"float": torch.float32, "half": torch.float16, "bfloat16": torch.bfloat16, "double": torch.float64}
 
 
 SAMPLES = 64
@@ -45,10 +40,7 @@ def with_packed_mlps(model: Decoder, format: str, dtype: torch.dtype) -> Decoder
 
 
 def with_packed_linears(
-    model: Decoder,
-    format: str,
-    dtype: torch.dtype,
-    importance: Mapping[str, Tensor] | None = None,
+    model: Decoder, format: str, dtype: torch.dtype, importance: Mapping[str, Tensor] | None = None
 ) -> Decoder:
     """A copy whose linear layers all have packed weights and compute in `dtype`.
 

@@ -68,10 +68,7 @@ def load_share(folder: Path, format: str, rank: int, count: int) -> Llama:
     if whole.output_bias or whole.mlp_bias:
         raise ValueError("biases of the layers that are summed would count once per process")
     own = dataclasses.replace(
-        whole,
-        heads=whole.heads // count,
-        kv_heads=whole.kv_heads // count,
-        hidden=whole.hidden // count,
+        whole, heads=whole.heads // count, kv_heads=whole.kv_heads // count, hidden=whole.hidden // count
     )
     model = Llama(own)
     source = Source(Share(folder, rank, count), model.tied)
@@ -114,9 +111,7 @@ def main() -> None:
             alone = whole(everything, whole.new_cache(len(everything)))
             same = list(quarn.generate(whole, prompt, arguments.tokens)) == tokens
             difference = float((shared - alone).abs().max() / alone.abs().max())
-            print(
-                f"one process: {'the same' if same else 'OTHER'} tokens, logits off by {difference:.1e}"
-            )
+            print(f"one process: {'the same' if same else 'OTHER'} tokens, logits off by {difference:.1e}")
     dist.barrier()
     dist.destroy_process_group()
 

@@ -64,9 +64,7 @@ def apply_rotary_embedding_half_q_and_k(
     q_out, k_out: written; of the sizes of q and k, and possibly q and k themselves.
     """
 
-def apply_rotary_embedding_half_q_or_k(
-    x: Tensor, position_ids: Tensor, x_out: Tensor, backward: bool, /
-) -> None:
+def apply_rotary_embedding_half_q_or_k(x: Tensor, position_ids: Tensor, x_out: Tensor, backward: bool, /) -> None:
     """The same for one tensor. With backward the angles are negative, which undoes it."""
 
 def apply_rotary_embedding_half_q_and_k_cache_freq(
@@ -86,12 +84,7 @@ def bmm(A: Tensor, B: Tensor, C: Tensor, /) -> Tensor:
     """
 
 def fused_rms_norm(
-    input: Tensor,
-    normalized_shape: Tuple[int, ...],
-    weight: Optional[Tensor],
-    bias: Optional[Tensor],
-    eps: float,
-    /,
+    input: Tensor, normalized_shape: Tuple[int, ...], weight: Optional[Tensor], bias: Optional[Tensor], eps: float, /
 ) -> Tensor:
     """input / sqrt(mean(input**2) + eps) * weight + bias over the last len(normalized_shape) dimensions.
 
@@ -102,12 +95,7 @@ def fused_rms_norm(
     """
 
 def fused_layer_norm(
-    input: Tensor,
-    normalized_shape: Tuple[int, ...],
-    weight: Optional[Tensor],
-    bias: Optional[Tensor],
-    eps: float,
-    /,
+    input: Tensor, normalized_shape: Tuple[int, ...], weight: Optional[Tensor], bias: Optional[Tensor], eps: float, /
 ) -> Tensor:
     """(input - mean) / sqrt(variance + eps) * weight + bias, as fused_rms_norm otherwise.
 
@@ -168,13 +156,7 @@ def rwkv_linear_attention_v4(
     """
 
 def rwkv_linear_attention_v5(
-    time_decay: Tensor,
-    time_first: Tensor,
-    receptance: Tensor,
-    key: Tensor,
-    value: Tensor,
-    state: Tensor,
-    /,
+    time_decay: Tensor, time_first: Tensor, receptance: Tensor, key: Tensor, value: Tensor, state: Tensor, /
 ) -> Tensor:
     """The recurrent attention of RWKV version 5 over a sequence, in float. Updates state in place.
 

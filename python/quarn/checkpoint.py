@@ -45,9 +45,7 @@ def packed_weights(files: TensorFiles) -> dict[str, PackedWeight]:
 
 def metadata_of(packed: dict[str, PackedWeight]) -> dict[str, str]:
     """The file's metadata for these weights."""
-    listed = {
-        name: {"format": p.format, "shape": [p.rows, p.columns]} for name, p in packed.items()
-    }
+    listed = {name: {"format": p.format, "shape": [p.rows, p.columns]} for name, p in packed.items()}
     return {"format": "pt", METADATA: json.dumps(listed)}
 
 
@@ -149,9 +147,7 @@ def _packed_module(
     return QuantLinear(packed, rows, columns, chosen, None)
 
 
-def _chosen(
-    format: Choice | None, embeddings: bool, name: str, module: nn.Linear | nn.Embedding
-) -> str | None:
+def _chosen(format: Choice | None, embeddings: bool, name: str, module: nn.Linear | nn.Embedding) -> str | None:
     """The full name of the format that a layer is to be packed in."""
     if isinstance(module, nn.Embedding):
         return "q2_k" if embeddings else None
@@ -167,12 +163,7 @@ def _pack(name: str, weight: Tensor, format: str, bar: ProgressBar) -> Tensor:
 
 
 def pack_checkpoint(
-    model: nn.Module,
-    source: Source,
-    format: Choice,
-    embeddings: bool,
-    path: Path,
-    progress: bool,
+    model: nn.Module, source: Source, format: Choice, embeddings: bool, path: Path, progress: bool
 ) -> None:
     """Packs a checkpoint into the file `path`, weight by weight, without ever holding the model.
 
@@ -213,9 +204,7 @@ def pack_checkpoint(
     bar.finish()
 
 
-def _packer(
-    name: str, source: Source, found: str, format: str, bar: ProgressBar
-) -> Callable[[], Tensor]:
+def _packer(name: str, source: Source, found: str, format: str, bar: ProgressBar) -> Callable[[], Tensor]:
     def make() -> Tensor:
         bar.label = name
         packed = _pack(name, source.files[found], format, bar)

@@ -18,12 +18,7 @@ from .generation import generate, perplexity
 from .pretrained import from_pretrained, pack_pretrained
 from .progress import ProgressBar
 
-DTYPES = {
-    "float": torch.float32,
-    "half": torch.float16,
-    "bfloat16": torch.bfloat16,
-    "double": torch.float64,
-}
+DTYPES = {"float": torch.float32, "half": torch.float16, "bfloat16": torch.bfloat16, "double": torch.float64}
 
 
 def main(arguments: Sequence[str] | None = None) -> int:
@@ -116,13 +111,7 @@ def _loaded(options: argparse.Namespace) -> tuple[Any, Any]:
     if not path.exists():
         raise FileNotFoundError(f"{options.model} has no tokenizer.json")
     start = time.monotonic()
-    model = from_pretrained(
-        options.model,
-        _choice(options),
-        options.embeddings,
-        options.device,
-        DTYPES[options.dtype],
-    )
+    model = from_pretrained(options.model, _choice(options), options.embeddings, options.device, DTYPES[options.dtype])
     print(f"loaded in {time.monotonic() - start:.1f} s", file=sys.stderr)
     return model, Tokenizer.from_file(str(path))
 

@@ -32,9 +32,7 @@ def _layer_step(layer: Any, model: Llama) -> Step:
     attention = _attention(layer.self_attn, model.config.plain_rotary)
     output, mlp = _linear(layer.self_attn.o_proj), _mlp(layer.mlp)
 
-    def step(
-        x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache
-    ) -> Tensor:
+    def step(x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache) -> Tensor:
         x = output(attention(first(x), at, position, tables, cache)).add_(x)
         return mlp(second(x)).add_(x)
 
@@ -60,10 +58,7 @@ def _linear(layer: nn.Module) -> Rows:
 
 
 def _are_fused(*layers: Any) -> bool:
-    return all(
-        isinstance(layer, QuantLinear) and layer.format.name == FUSED and layer.bias is None
-        for layer in layers
-    )
+    return all(isinstance(layer, QuantLinear) and layer.format.name == FUSED and layer.bias is None for layer in layers)
 
 
 def _mlp(mlp: Any) -> Rows:
@@ -91,9 +86,7 @@ def _attention(
         operator, weights = tolvane.forward_qkv, tuple(layer.packed for layer in layers)
         qtype = layers[0].format.qtype
 
-        def fused(
-            x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache
-        ) -> Tensor:
+        def fused(x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache) -> Tensor:
             if isinstance(cache, LayerCache):
                 query, cache.keys, cache.values = operator(
                     x, *weights, at, cache.keys, cache.values, qtype, position, head_dim
@@ -110,9 +103,7 @@ def _attention(
     )
     q_proj, k_proj, v_proj = (_linear(layer) for layer in layers)
 
-    def apart(
-        x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache
-    ) -> Tensor:
+    def apart(x: Tensor, at: Tensor, position: int, tables: Tables | None, cache: AnyLayerCache) -> Tensor:
         query = q_proj(x).view(1, heads, 1, head_dim)
         key, value = cache.begin(1)
         new_key = k_proj(x).view(1, kv_heads, 1, head_dim)

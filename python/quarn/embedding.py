@@ -23,11 +23,7 @@ class QuantEmbedding(nn.Module):
     like: Tensor
 
     def __init__(
-        self,
-        packed: Tensor,
-        num_embeddings: int,
-        embedding_dim: int,
-        dtype: torch.dtype = torch.float32,
+        self, packed: Tensor, num_embeddings: int, embedding_dim: int, dtype: torch.dtype = torch.float32
     ) -> None:
         """packed: flat uint8, as `pack` returns; embedding_dim: a multiple of 256."""
         super().__init__()
@@ -46,10 +42,7 @@ class QuantEmbedding(nn.Module):
 
     @classmethod
     def from_float(
-        cls,
-        embedding: nn.Embedding,
-        importance: Tensor | None = None,
-        progress: Callable[[int], None] | None = None,
+        cls, embedding: nn.Embedding, importance: Tensor | None = None, progress: Callable[[int], None] | None = None
     ) -> QuantEmbedding:
         """Packs a dense embedding on the CPU, as `pack` does; it must not renormalize its rows."""
         if embedding.max_norm is not None:
@@ -66,9 +59,7 @@ class QuantEmbedding(nn.Module):
         if indices.device.type == "xpu":
             import tolvane  # only where there is an xpu device, which tolvane itself registers
 
-            rows = tolvane.dequantize_rows(
-                flat.contiguous(), self.packed, self.format.qtype, self.embedding_dim
-            )
+            rows = tolvane.dequantize_rows(flat.contiguous(), self.packed, self.format.qtype, self.embedding_dim)
         else:
             outside = flat[(flat < 0) | (flat >= self.num_embeddings)]
             if outside.numel():

@@ -64,9 +64,7 @@ FORMATS: dict[str, Format] = {
         Format("fp8_e4m3", 15, 64, 64, 4, decoders.fp8_e4m3),
         Format("fp4", 16, 64, 32, 2, decoders.fp4, 6 * HALF_MAX, BY_SCALE),
         Format("fp8_e5m2", 19, 64, 64, 4, decoders.fp8_e5m2),
-        Format(
-            "fp8_e5m2_linear", 19, 64, 64, 4, decoders.fp8_e5m2_linear, 65536, "it has no scale"
-        ),
+        Format("fp8_e5m2_linear", 19, 64, 64, 4, decoders.fp8_e5m2_linear, 65536, "it has no scale"),
         Format("iq2_xxs", 21, 256, 66, 0, decoders.iq2_xxs, 166 * HALF_MAX, BY_SCALE, True),
         Format("q2_k", 23, 256, 84, 0, decoders.q2_k, 15 * HALF_MAX, BY_MINIMUM, True),
     )

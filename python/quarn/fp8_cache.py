@@ -47,9 +47,7 @@ class FP8Cache:
     `length` positions are filled.
     """
 
-    def __init__(
-        self, batch: int, kv_heads: int, capacity: int, device: torch.device | str = "xpu"
-    ) -> None:
+    def __init__(self, batch: int, kv_heads: int, capacity: int, device: torch.device | str = "xpu") -> None:
         def empty(*shape: int) -> Tensor:
             return torch.empty(shape, dtype=torch.uint8, device=device)
 
@@ -74,8 +72,7 @@ class FP8Cache:
             fits = x.dim() == 4 and (*x.shape[:2], x.shape[3]) == (batch, kv_heads, HEAD_DIM)
             if not fits or x.shape != keys.shape:
                 raise ValueError(
-                    f"{name} must have shape [{batch}, {kv_heads}, positions, {HEAD_DIM}], "
-                    f"but have {list(x.shape)}"
+                    f"{name} must have shape [{batch}, {kv_heads}, positions, {HEAD_DIM}], but have {list(x.shape)}"
                 )
         end = self.length + keys.shape[2]
         if end > self.capacity:

@@ -9,9 +9,7 @@ from torch import Tensor
 from torch.nn import functional as F
 
 
-def choose_token(
-    logits: Tensor, temperature: float, top_p: float, generator: torch.Generator
-) -> int:
+def choose_token(logits: Tensor, temperature: float, top_p: float, generator: torch.Generator) -> int:
     """A token drawn from softmax(logits / temperature), from the likeliest ones that have top_p of the chances together;
     the likeliest one at temperature 0."""
     logits = logits.float().cpu()
@@ -46,9 +44,7 @@ def generate(
         raise ValueError(f"at least 1 token must be asked for, not {count}")
     needed = len(prompt) + count
     if needed > model.config.context:
-        raise ValueError(
-            f"prompt and text must fit the context of {model.config.context} tokens, but are {needed}"
-        )
+        raise ValueError(f"prompt and text must fit the context of {model.config.context} tokens, but are {needed}")
     generator = torch.Generator().manual_seed(seed)
     cache = model.new_cache(needed, fp8=True) if fp8 else model.new_cache(needed)
     tokens = torch.tensor(prompt)
@@ -61,9 +57,7 @@ def generate(
         tokens = torch.tensor([token])
 
 
-def perplexity(
-    model: Any, tokens: Sequence[int], window: int, done: Callable[[int], None] = lambda n: None
-) -> float:
+def perplexity(model: Any, tokens: Sequence[int], window: int, done: Callable[[int], None] = lambda n: None) -> float:
     """exp of the mean negative log likelihood of each token after those before it in its window of `window` tokens.
 
     `done` is called with the number of tokens that were read since its last call.

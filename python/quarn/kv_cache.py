@@ -12,9 +12,7 @@ from torch.nn import functional as F
 class LayerCache:
     """One layer's, in the model's type: [1, kv_heads, capacity, head_dim]. `keys` and `values` are the filled rows."""
 
-    def __init__(
-        self, kv_heads: int, capacity: int, head_dim: int, device: torch.device, dtype: torch.dtype
-    ) -> None:
+    def __init__(self, kv_heads: int, capacity: int, head_dim: int, device: torch.device, dtype: torch.dtype) -> None:
         shape = (1, kv_heads, capacity, head_dim)
         self.all_keys = torch.empty(shape, device=device, dtype=dtype)
         self.all_values = torch.empty(shape, device=device, dtype=dtype)
@@ -44,9 +42,7 @@ class LayerCache:
 class Fp8LayerCache:
     """One layer's in bytes, for heads of 128 elements, on `xpu`."""
 
-    def __init__(
-        self, kv_heads: int, capacity: int, device: torch.device, dtype: torch.dtype
-    ) -> None:
+    def __init__(self, kv_heads: int, capacity: int, device: torch.device, dtype: torch.dtype) -> None:
         from .fp8_cache import HEAD_DIM, FP8Cache  # with tolvane, which needs the device
 
         self._bytes = FP8Cache(1, kv_heads, capacity, device)
@@ -94,9 +90,7 @@ class Cache:
     def check_room(self, count: int) -> None:
         """ValueError where `count` more positions do not fit."""
         if self.length + count > self.capacity:
-            raise ValueError(
-                f"the cache holds {self.capacity} positions, but {self.length + count} are needed"
-            )
+            raise ValueError(f"the cache holds {self.capacity} positions, but {self.length + count} are needed")
 
     def cut(self, length: int) -> None:
         """Forgets all positions from `length` on."""

@@ -67,9 +67,7 @@ class Attention(nn.Module):
         past, mask = all_keys.shape[2] - len(x), None
         if past:
             mask = torch.ones(len(x), past + len(x), dtype=torch.bool, device=x.device).tril(past)
-        mixed = F.scaled_dot_product_attention(
-            turned, all_keys, all_values, mask, is_causal=not past, enable_gqa=True
-        )
+        mixed = F.scaled_dot_product_attention(turned, all_keys, all_values, mask, is_causal=not past, enable_gqa=True)
         return self.o_proj(mixed[0].transpose(0, 1).reshape(len(x), -1))
 
 

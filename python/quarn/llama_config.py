@@ -97,8 +97,4 @@ def _llama3(frequencies: Tensor, rotary: dict[str, Any]) -> Tensor:
     return frequencies * (kept + (1 - kept) / factor)
 
 
-_FREQUENCIES = {
-    "default": lambda frequencies, rotary: frequencies,
-    "linear": _linear,
-    "llama3": _llama3,
-}
+_FREQUENCIES = {"default": lambda frequencies, rotary: frequencies, "linear": _linear, "llama3": _llama3}

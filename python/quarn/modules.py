@@ -53,10 +53,7 @@ class QuantMLP(nn.Module):
     def forward(self, x: Tensor) -> Tensor:
         """x: [..., state_size], of the type of down; returns the same shape."""
         if x.device.type != "xpu":
-            gate, up = (
-                unpack(packed, self.format.name, self.state_size, x.dtype)
-                for packed in (self.gate, self.up)
-            )
+            gate, up = (unpack(packed, self.format.name, self.state_size, x.dtype) for packed in (self.gate, self.up))
             return self.down(F.silu(F.linear(x, gate)) * F.linear(x, up))
         rows = x.reshape(-1, self.state_size).contiguous()
         hidden = [self._operator(row) for row in rows.split(1)]
@@ -87,9 +84,7 @@ class QuantLinear(nn.Module):
     packed: Tensor
     bias: Tensor | None
 
-    def __init__(
-        self, packed: Tensor, output_size: int, state_size: int, format: str, bias: Tensor | None
-    ) -> None:
+    def __init__(self, packed: Tensor, output_size: int, state_size: int, format: str, bias: Tensor | None) -> None:
         """packed: flat uint8, as `pack` returns; bias: [output_size] of the type of the input."""
         super().__init__()
         self.output_size, self.state_size = output_size, state_size
@@ -157,9 +152,7 @@ def _forward_new() -> Callable[[Tensor, Tensor, int, int], Tensor]:
     return tolvane.forward_new
 
 
-def _check_packed(
-    name: str, packed: Tensor, output_size: int, state_size: int, format: Format
-) -> None:
+def _check_packed(name: str, packed: Tensor, output_size: int, state_size: int, format: Format) -> None:
     needed = format.packed_bytes(output_size, state_size)
     if packed.dtype != torch.uint8 or packed.shape != (needed,):
         raise ValueError(

@@ -28,13 +28,9 @@ class Job(ctypes.Structure):
 @lru_cache(maxsize=None)
 def library() -> ctypes.CDLL:
     """The library, found like a module on Python's path; ImportError where that fails."""
-    found = importlib.util.find_spec("quarn_native") or importlib.util.find_spec(
-        "quarn.quarn_native"
-    )
+    found = importlib.util.find_spec("quarn_native") or importlib.util.find_spec("quarn.quarn_native")
     if found is None or found.origin is None:
-        raise ImportError(
-            "quarn_native.so is not on Python's path; build first, with build/python on PYTHONPATH"
-        )
+        raise ImportError("quarn_native.so is not on Python's path; build first, with build/python on PYTHONPATH")
     loaded = ctypes.CDLL(found.origin)
     if not loaded.quarn_supported():
         raise ImportError("quarn packs on CPUs with AVX2, FMA and BMI2 (x86-64-v3) only")
@@ -58,12 +54,7 @@ def largest(weight: Tensor) -> float:
 
 
 def encode(
-    format: str,
-    weight: Tensor,
-    block_elements: int,
-    importance: Tensor | None,
-    values: Tensor,
-    scales: Tensor,
+    format: str, weight: Tensor, block_elements: int, importance: Tensor | None, values: Tensor, scales: Tensor
 ) -> None:
     """Packs rows of finite weights into views of the value zone and the scale zone.
 

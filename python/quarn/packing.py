@@ -21,10 +21,7 @@ LEAST_IMPORTANCE = 1e-6
 
 
 def pack(
-    weight: Tensor,
-    format: str,
-    importance: Tensor | None = None,
-    progress: Callable[[int], None] | None = None,
+    weight: Tensor, format: str, importance: Tensor | None = None, progress: Callable[[int], None] | None = None
 ) -> Tensor:
     """Packs a dense weight with the rounding that gives the least squared error found.
 
@@ -53,9 +50,7 @@ def pack(
     return packed
 
 
-def unpack(
-    packed: Tensor, format: str, state_size: int, dtype: torch.dtype = torch.float32
-) -> Tensor:
+def unpack(packed: Tensor, format: str, state_size: int, dtype: torch.dtype = torch.float32) -> Tensor:
     """The dense weight [output_size, state_size] that a packed tensor stands for.
 
     packed: flat uint8 tensor of a whole number of rows, as `pack` returns. The values are
@@ -83,9 +78,7 @@ def _check_weight(weight: Tensor, entry: Format) -> None:
     if not weight.is_floating_point():
         raise TypeError(f"weight must have a floating-point type, but has {weight.dtype}")
     if weight.dim() != 2:
-        raise ValueError(
-            f"weight must be [output_size, state_size], but has shape {list(weight.shape)}"
-        )
+        raise ValueError(f"weight must be [output_size, state_size], but has shape {list(weight.shape)}")
     if weight.device.type != "cpu":
         raise ValueError(f"weight must be on the CPU, but is on {weight.device}")
     _check_state_size(weight.shape[1], entry)
@@ -108,8 +101,7 @@ def _factors(importance: Tensor, state_size: int, entry: Format) -> Tensor:
         raise ValueError(f"{entry.name} takes no importance; {known} do")
     if importance.shape != (state_size,):
         raise ValueError(
-            f"importance must have shape [{state_size}], one number per column, but has "
-            f"{list(importance.shape)}"
+            f"importance must have shape [{state_size}], one number per column, but has {list(importance.shape)}"
         )
     wide = importance.detach().cpu().double()
     if not wide.isfinite().all() or (wide < 0).any():
@@ -137,6 +129,5 @@ def _check_packed(packed: Tensor, entry: Format, state_size: int) -> None:
 def _check_state_size(state_size: int, entry: Format) -> None:
     if state_size <= 0 or state_size % entry.block_elements:
         raise ValueError(
-            f"state_size must be a positive multiple of {entry.block_elements} for {entry.name}, "
-            f"but is {state_size}"
+            f"state_size must be a positive multiple of {entry.block_elements} for {entry.name}, but is {state_size}"
         )

@@ -8,14 +8,7 @@ from typing import Any
 import torch
 from torch import Tensor
 
-from .checkpoint import (
-    Source,
-    copy_beside,
-    load_model,
-    pack_checkpoint,
-    read_config,
-    save_model,
-)
+from .checkpoint import Source, copy_beside, load_model, pack_checkpoint, read_config, save_model
 from .choice import Choice
 from .llama import Llama
 from .rwkv import Rwkv
@@ -71,11 +64,7 @@ def save_pretrained(model: Any, folder: str | Path) -> None:
 
 
 def pack_pretrained(
-    folder: str | Path,
-    target: str | Path,
-    format: Choice,
-    embeddings: bool = False,
-    progress: bool = True,
+    folder: str | Path, target: str | Path, format: Choice, embeddings: bool = False, progress: bool = True
 ) -> None:
     """Packs a checkpoint into another folder, weight by weight: no more memory is taken than the largest one needs."""
     model, source = _opened(folder)

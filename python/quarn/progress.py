@@ -15,9 +15,7 @@ class ProgressBar:
     It counts to `total` `things`, in millions where `in_millions`.
     """
 
-    def __init__(
-        self, total: int, shown: bool, things: str = "weights", in_millions: bool = True
-    ) -> None:
+    def __init__(self, total: int, shown: bool, things: str = "weights", in_millions: bool = True) -> None:
         self.total, self.done, self.label = total, 0, ""
         self.things, self.in_millions = things, in_millions
         self.start, self.drawn = time.monotonic(), 0.0

@@ -13,11 +13,7 @@ def rotate(x: Tensor, sines: Tensor, cosines: Tensor) -> Tensor:
 
 
 def rotate_into(
-    queries: Tensor,
-    keys: Tensor,
-    tables: tuple[Tensor, Tensor],
-    turned_queries: Tensor,
-    turned_keys: Tensor,
+    queries: Tensor, keys: Tensor, tables: tuple[Tensor, Tensor], turned_queries: Tensor, turned_keys: Tensor
 ) -> None:
     """`rotate` of both, [1, heads, positions, head_dim], into the last two; by the operator on `xpu`.
 
@@ -26,9 +22,7 @@ def rotate_into(
     if queries.device.type == "xpu":
         import tolvane  # only where there is an xpu device, which tolvane itself registers
 
-        tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(
-            queries, keys, *tables, turned_queries, turned_keys
-        )
+        tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(queries, keys, *tables, turned_queries, turned_keys)
     else:
         turned_queries.copy_(rotate(queries, *tables))
         turned_keys.copy_(rotate(keys, *tables))

@@ -33,9 +33,7 @@ class RwkvConfig:
         width = config["hidden_size"]
         attention = config.get("attention_hidden_size") or width
         if width % 64 or attention % 32:
-            raise ValueError(
-                f"RWKV needs widths of whole 64 channels, but has {width}, {attention}"
-            )
+            raise ValueError(f"RWKV needs widths of whole 64 channels, but has {width}, {attention}")
         return cls(
             vocabulary=config["vocab_size"],
             width=width,
@@ -112,9 +110,7 @@ class Attention(nn.Module):
         mixes, decay = self._prepared
         key, value, receptance = _mixed(x, state.attention_inputs[layer], mixes)
         states = state.numerators[layer], state.denominators[layer], state.exponents[layer]
-        attended = tolvane.rwkv_linear_attention_v4(
-            decay, self.time_first, self.key(key), self.value(value), *states
-        )
+        attended = tolvane.rwkv_linear_attention_v4(decay, self.time_first, self.key(key), self.value(value), *states)
         return self.output(self.receptance(receptance).sigmoid_().mul_(attended))
 
 

@@ -92,9 +92,7 @@ class TensorFiles:
         place = self._places[name]
         if place.bytes == 0:
             return torch.empty(place.shape, dtype=place.dtype)
-        data = torch.frombuffer(
-            place.map, dtype=torch.uint8, count=place.bytes, offset=place.offset
-        )
+        data = torch.frombuffer(place.map, dtype=torch.uint8, count=place.bytes, offset=place.offset)
         if place.offset % place.dtype.itemsize:
             data = data.clone()
         return data.view(place.dtype).view(place.shape)

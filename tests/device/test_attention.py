@@ -25,9 +25,7 @@ MASKS = {
 }
 
 
-def forward_and_gradients(
-    device: str, dtype: torch.dtype, grouped: bool, **options: Any
-) -> list[torch.Tensor]:
+def forward_and_gradients(device: str, dtype: torch.dtype, grouped: bool, **options: Any) -> list[torch.Tensor]:
     torch.manual_seed(3)
     query = torch.randn(2, 4, 5, 8)
     key, value = torch.randn(2, 2, 2 if grouped else 4, 7, 8).unbind()
@@ -70,10 +68,7 @@ def test_few_rows_see_all_keys(sizes: tuple[int, ...], dtype: torch.dtype) -> No
     queries, cache, transposed = (x.to("xpu") for x in (query, keys, values))
     with torch.no_grad():
         got = attention(queries, cache[:, :, 3:-2], transposed.transpose(1, 2), enable_gqa=True)
-    shared = [
-        x.double().repeat_interleave(heads // key_heads, 1)
-        for x in (keys[:, :, 3:-2], values.transpose(1, 2))
-    ]
+    shared = [x.double().repeat_interleave(heads // key_heads, 1) for x in (keys[:, :, 3:-2], values.transpose(1, 2))]
     weights = (query.double() @ shared[0].transpose(2, 3) * depth**-0.5).softmax(-1)
     expected = (weights @ shared[1]).to(dtype)
     tolerances = {} if dtype.itemsize > 2 else {"atol": 8e-3, "rtol": 8e-3}

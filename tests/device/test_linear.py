@@ -19,9 +19,7 @@ SHAPES = [
 ]
 
 
-def assert_accurate(
-    actual: torch.Tensor, exact: torch.Tensor, magnitude: torch.Tensor, dtype: torch.dtype
-) -> None:
+def assert_accurate(actual: torch.Tensor, exact: torch.Tensor, magnitude: torch.Tensor, dtype: torch.dtype) -> None:
     """Half a unit in the last place for the one rounding, and the sums' own error in float."""
     assert actual.dtype == dtype and actual.device.type == "xpu" and actual.shape == exact.shape
     tiny = 2.0**-25 if dtype is torch.half else 0.0
@@ -31,9 +29,7 @@ def assert_accurate(
 
 @pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16, torch.float], ids=str)
 @pytest.mark.parametrize("shape", SHAPES, ids=str)
-def test_products_are_exact_sums_rounded_once(
-    shape: tuple[int, int, int], dtype: torch.dtype
-) -> None:
+def test_products_are_exact_sums_rounded_once(shape: tuple[int, int, int], dtype: torch.dtype) -> None:
     rows, depth, columns = shape
     torch.manual_seed(rows + depth + columns)
     x = torch.randn(rows, depth).to(dtype)

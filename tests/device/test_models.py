@@ -64,9 +64,7 @@ def losses(model: nn.Module, optimiser: Optimiser, device: str, steps: int = 4) 
 
 @pytest.mark.parametrize("optimiser", OPTIMISERS)
 @pytest.mark.parametrize("make", MODELS.values(), ids=MODELS.keys())
-def test_training_gives_the_cpus_losses(
-    make: Callable[[], nn.Module], optimiser: Optimiser
-) -> None:
+def test_training_gives_the_cpus_losses(make: Callable[[], nn.Module], optimiser: Optimiser) -> None:
     torch.manual_seed(1)
     model = make()
     expected = losses(model, optimiser, "cpu")
@@ -91,11 +89,7 @@ def test_reduced_models_stay_close_to_float(name: str, dtype: torch.dtype) -> No
 @pytest.mark.parametrize("kind", [nn.LSTM, nn.GRU, nn.RNN])
 def test_recurrent_layers_give_the_cpus_states_and_gradients(kind: type[nn.RNNBase]) -> None:
     lengths = [5, 3]
-    for options in (
-        {"batch_first": True},
-        {"bidirectional": True},
-        {"num_layers": 2, "bias": False},
-    ):
+    for options in ({"batch_first": True}, {"bidirectional": True}, {"num_layers": 2, "bias": False}):
         layer = kind(8, 6, **options)
         x = torch.randn(2, 5, 8)
         outputs = []
@@ -171,9 +165,7 @@ def test_compiled_models_give_what_they_give_otherwise(backend: str) -> None:
     with warns if backend == "inductor" else contextlib.nullcontext():
         y = compiled(x)
     assert torch.equal(y, model(x))
-    gradients, expected = (
-        torch.autograd.grad(out.sum(), list(model.parameters())) for out in (y, model(x))
-    )
+    gradients, expected = (torch.autograd.grad(out.sum(), list(model.parameters())) for out in (y, model(x)))
     torch.testing.assert_close(gradients, expected)
 
 

@@ -66,9 +66,7 @@ def call_on_xpu(op: Any, arguments: Any) -> Any:
 
 def assert_same(actual: Any, expected: Any, op: Any = None) -> None:
     if op is not None and op.name in NO_VALUES:
-        made, wanted = (
-            [(t.shape, t.stride(), t.dtype) for t in tensors(x)] for x in (actual, expected)
-        )
+        made, wanted = ([(t.shape, t.stride(), t.dtype) for t in tensors(x)] for x in (actual, expected))
         assert made == wanted
         return
     on_cpu = map_tensors(actual, lambda t: t.cpu())

@@ -16,19 +16,11 @@ import torch
 import kelvor_xpu
 
 
-def run(
-    code: str, imports: str = "import torch, kelvor_xpu", **variables: str
-) -> subprocess.CompletedProcess[str]:
+def run(code: str, imports: str = "import torch, kelvor_xpu", **variables: str) -> subprocess.CompletedProcess[str]:
     """Runs ``code`` in a fresh interpreter with the given environment variables."""
     environment = {**os.environ, **variables}
     program = imports + "\n" + textwrap.dedent(code)
-    return subprocess.run(
-        [sys.executable, "-c", program],
-        env=environment,
-        capture_output=True,
-        text=True,
-        timeout=240,
-    )
+    return subprocess.run([sys.executable, "-c", program], env=environment, capture_output=True, text=True, timeout=240)
 
 
 def output(code: str, imports: str = "import torch, kelvor_xpu", **variables: str) -> str:
@@ -130,9 +122,7 @@ def test_exit_with_live_tensors_and_a_sleeping_thread() -> None:
 
 def test_a_second_copy_of_the_library_changes_nothing(tmp_path: Path) -> None:
     package = Path(kelvor_xpu.__file__).parent
-    library = next(
-        path for place in (package, package.parent) for path in place.glob("libkelvor-xpu.so")
-    )
+    library = next(path for place in (package, package.parent) for path in place.glob("libkelvor-xpu.so"))
     copy = shutil.copy(library, tmp_path / "libother-xpu.so")
     code = f"""
         import ctypes

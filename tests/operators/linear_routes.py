@@ -85,10 +85,7 @@ def observations() -> dict[str, np.ndarray]:
     for i, (call, _) in enumerate(CALLS):
         with mock.patch.dict(os.environ, call[4]):
             route, shapes = observed(*call[:4])
-        results[f"route{i}"], results[f"shapes{i}"] = (
-            np.array(route),
-            np.array(shapes).reshape(-1, 3),
-        )
+        results[f"route{i}"], results[f"shapes{i}"] = (np.array(route), np.array(shapes).reshape(-1, 3))
     weight = torch.from_numpy(random_weight(FORMATS["q4_0"], OUTPUT, STATE, 1).bytes).to("xpu")
     x = torch.from_numpy(np.random.default_rng(2).standard_normal((ROWS, STATE))).to("xpu")
     for size in TILE_SIZES:

@@ -28,9 +28,7 @@ def _sum_tile(inputs: np.ndarray, t: Arithmetic, by_byte: bool) -> np.ndarray:
     return total
 
 
-def dot_rows(
-    x: np.ndarray, weight: Weight, t: Arithmetic, group: int, by_byte: bool = False
-) -> np.ndarray:
+def dot_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int, by_byte: bool = False) -> np.ndarray:
     """The rows of `weight` times x as a work-group of `group` work-items sums them: each takes every group-th tile,
     adds up a tile's products in order, scales that sum into its accumulator; then the tree. A multiply and the add
     after it round once."""

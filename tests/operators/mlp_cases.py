@@ -72,10 +72,7 @@ class Mlp(SummingCase):
         # Within gamma(n) * sum |x w| of the exact sums, n being the longest chain of roundings, in any order.
         tile = pair[0].format.order.shape[1]
         n = 2 * tile + self.state // tile // group + 10
-        (g, dg), (u, du) = (
-            (w @ x, 2 * n * t.unit * (np.abs(w) @ np.abs(x)))
-            for w in (w.elements()[0] for w in pair)
-        )
+        (g, dg), (u, du) = ((w @ x, 2 * n * t.unit * (np.abs(w) @ np.abs(x))) for w in (w.elements()[0] for w in pair))
         silu = g / (1 + np.exp(-g))
         # |silu'| < 1.1; the last steps add a few roundings of float, or of T where that is coarser.
         tolerance = 1.1 * dg * np.abs(u) + (np.abs(silu) + 1.1 * dg) * du

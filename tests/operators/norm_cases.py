@@ -25,13 +25,7 @@ def eps_in_kernel(eps: float, t: arithmetic.Arithmetic) -> float:
 
 @np.errstate(all="ignore")
 def check_norm(
-    result: np.ndarray,
-    x: np.ndarray,
-    weight: Array,
-    bias: Array,
-    rms: bool,
-    type: str,
-    eps: float = 1e-5,
+    result: np.ndarray, x: np.ndarray, weight: Array, bias: Array, rms: bool, type: str, eps: float = 1e-5
 ) -> None:
     """x: [rows, n] of values of the type. The one-pass variance loses what its two terms, which are larger, lose."""
     t = arithmetic.ALL[type]
@@ -74,9 +68,7 @@ class Norm(Case):
         random = np.random.default_rng(self.n)
         made = [random.standard_normal(s) * 2 + 0.5 for s in ((self.rows, self.n), self.n, self.n)]
         used = (True, self.weight, self.bias)
-        return [
-            torch.from_numpy(x).to("xpu", self.dtype) if u else None for x, u in zip(made, used)
-        ]
+        return [torch.from_numpy(x).to("xpu", self.dtype) if u else None for x, u in zip(made, used)]
 
     def run(self) -> dict[str, torch.Tensor]:
         x, *rest = self.tensors()

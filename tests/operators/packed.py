@@ -105,15 +105,10 @@ FORMATS = {
     "nf3": Format(11, 24, _words(_NF3), _three_bits, np.arange(64).reshape(4, 16)),
     "fp8_e4m3": Format(15, 64, minifloat_values(4, 3), _bytes, _EIGHTS, np.float32),
     "fp4": Format(16, 32, np.concatenate([_FP4, -_FP4]), _nibbles, _PAIRS),
-    "fp8_e5m2": Format(
-        19, 64, _upper_half_bytes(0x80), _bytes, _EIGHTS, np.float32, reads_scale=False
-    ),
+    "fp8_e5m2": Format(19, 64, _upper_half_bytes(0x80), _bytes, _EIGHTS, np.float32, reads_scale=False),
 }
 # As the fused operators read it: with the scale, and without the lower byte.
-FUSED = {
-    "q4_0": FORMATS["q4_0"],
-    "fp8_e5m2": Format(19, 64, _upper_half_bytes(0), _bytes, _EIGHTS, np.float32),
-}
+FUSED = {"q4_0": FORMATS["q4_0"], "fp8_e5m2": Format(19, 64, _upper_half_bytes(0), _bytes, _EIGHTS, np.float32)}
 # By the names that packing knows.
 PACKED = {**FORMATS, "fp8_e5m2": FUSED["fp8_e5m2"], "fp8_e5m2_linear": FORMATS["fp8_e5m2"]}
 BLOCK_BYTES = {form.qtype: form.block_bytes for form in FORMATS.values()}

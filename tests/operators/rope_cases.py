@@ -48,11 +48,7 @@ def turns_at(positions: np.ndarray, size: int) -> tuple[np.ndarray, np.ndarray, 
 
 
 def check_positions(
-    result: torch.Tensor | np.ndarray,
-    x: torch.Tensor,
-    positions: torch.Tensor,
-    type: str,
-    backward: bool = False,
+    result: torch.Tensor | np.ndarray, x: torch.Tensor, positions: torch.Tensor, type: str, backward: bool = False
 ) -> None:
     """x [B, H, S, size] by its tokens' positions [B, S]."""
     result = result if isinstance(result, np.ndarray) else numbers(result)

@@ -58,32 +58,18 @@ def sample_calls() -> dict[str, Call]:
             ((64, 3), (32, 1)),
             (5, 6),
         ),
-        "dequant": Call(
-            [x, q4_0, 2], "quarn_xpu_dequant", ((128,), (32,)), unread=(0,), waits=True
-        ),
-        "apply_rotary_embedding_half_q_and_k": Call(
-            [q, k, positions, out(q), out(k)], rotary, written=(3, 4)
-        ),
-        "apply_rotary_embedding_half_q_or_k": Call(
-            [q, positions, out(q), False], rotary, written=(2,)
-        ),
+        "dequant": Call([x, q4_0, 2], "quarn_xpu_dequant", ((128,), (32,)), unread=(0,), waits=True),
+        "apply_rotary_embedding_half_q_and_k": Call([q, k, positions, out(q), out(k)], rotary, written=(3, 4)),
+        "apply_rotary_embedding_half_q_or_k": Call([q, positions, out(q), False], rotary, written=(2,)),
         "apply_rotary_embedding_half_q_and_k_cache_freq": Call(
             [q, k, table, table + 1, out(q), out(k)], rotary, written=(4, 5)
         ),
-        "bmm": Call(
-            [numbers(2, 3, 4), numbers(2, 4, 5), product], "quarn_bmm", ((2, 3, 5), None), (2,)
-        ),
+        "bmm": Call([numbers(2, 3, 4), numbers(2, 4, 5), product], "quarn_bmm", ((2, 3, 5), None), (2,)),
         "fused_rms_norm": Call([rows, (64,), row, row + 1, 1e-5], "fused_rms_norm", norm),
         "fused_layer_norm": Call([rows, (64,), row, row + 1, 1e-5], "fast_layer_norm", norm),
-        "mlp_forward_xpu": Call(
-            [x, q4_0, q4_0.flip(0), 1, 64, 4, 2], "mlp_forward", ((64,), (32,))
-        ),
-        "query_key_fp8_matmul": Call(
-            [numbers(1, 2, 1, 128), code(1, 1, 33, 128)], launch=((1, 2, 64), (1, 1, 32))
-        ),
-        "attn_value_fp8_matmul": Call(
-            [numbers(1, 2, 1, 5), code(1, 1, 12, 5)], launch=((1, 2, 96), (1, 1, 32))
-        ),
+        "mlp_forward_xpu": Call([x, q4_0, q4_0.flip(0), 1, 64, 4, 2], "mlp_forward", ((64,), (32,))),
+        "query_key_fp8_matmul": Call([numbers(1, 2, 1, 128), code(1, 1, 33, 128)], launch=((1, 2, 64), (1, 1, 32))),
+        "attn_value_fp8_matmul": Call([numbers(1, 2, 1, 5), code(1, 1, 12, 5)], launch=((1, 2, 96), (1, 1, 32))),
         "rwkv_linear_attention_v4": Call(
             [numbers(32), numbers(32), *numbers(2, 1, 3, 32), *(numbers(1, 32) for _ in range(3))],
             launch=((1, 32), (1, 32)),
@@ -94,9 +80,7 @@ def sample_calls() -> dict[str, Call]:
             launch=((1, 2, 64), (1, 1, 32)),
             written=(5,),
         ),
-        "rwkv_time_shift": Call(
-            [*numbers(2, 1, 2, 64), numbers(3, 1, 64)], launch=((1, 2, 64), (1, 1, 64))
-        ),
+        "rwkv_time_shift": Call([*numbers(2, 1, 2, 64), numbers(3, 1, 64)], launch=((1, 2, 64), (1, 1, 64))),
         "dequantize_rows": Call(
             [torch.tensor([[2, 0]]).to("xpu"), code(3 * 84), 23, 256],
             "quarn_dequantize_rows",

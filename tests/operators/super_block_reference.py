@@ -36,9 +36,7 @@ _SEVEN = np.arange(128)[:, None] >> np.arange(7) & 1
 SIGNS = 1 - 2 * np.concatenate([_SEVEN, _SEVEN.sum(1, keepdims=True) % 2], axis=1)
 
 
-def random_records(
-    form: str, rows: int, state: int, seed: int, any_scales: bool = False
-) -> np.ndarray:
+def random_records(form: str, rows: int, state: int, seed: int, any_scales: bool = False) -> np.ndarray:
     """Random bytes [rows, blocks, bytes of a block]; scales of 0.02 or so, of either sign, or any at all."""
     random = np.random.default_rng(seed)
     records = random.integers(0, 256, (rows, state // 256, BLOCK_BYTES[form]), dtype=np.uint8)
@@ -93,12 +91,8 @@ def quantized(x: np.ndarray) -> tuple[np.ndarray, np.ndarray]:
     for mask in (16, 8, 4, 2, 1):
         amax = np.fmax(amax, amax[:, np.arange(32) ^ mask])
     step = amax * np.uint32(0x3C010204).view(np.float32)
-    quotient = (x / step.astype(x.dtype if x.dtype == np.float64 else np.float32)).astype(
-        np.float32
-    )
-    magnitude = np.where(
-        np.isnan(quotient), 0, np.minimum(np.abs(quotient), np.float32(127))
-    ).astype(np.float64)
+    quotient = (x / step.astype(x.dtype if x.dtype == np.float64 else np.float32)).astype(np.float32)
+    magnitude = np.where(np.isnan(quotient), 0, np.minimum(np.abs(quotient), np.float32(127))).astype(np.float64)
     q = np.where(quotient < 0, -1, 1) * np.floor(magnitude + 0.5)
     return q.astype(np.int64), step[:, 0].astype(np.float16).astype(np.float32)
 
@@ -145,9 +139,7 @@ def one_row(form: str, x: np.ndarray, records: np.ndarray, t: Arithmetic) -> np.
     """[rows] of T: activations x (float64 where T is, else float32) times records [rows, blocks, bytes]. Work-items of
     a block side by side, 32 in a group, then a tree in T."""
     q, d8 = quantized(x)
-    dots = (_dots_q2_k if form == "q2_k" else _dots_iq2_xxs)(
-        records, q.reshape(-1, 8, 32), d8.reshape(-1, 8)
-    )
+    dots = (_dots_q2_k if form == "q2_k" else _dots_iq2_xxs)(records, q.reshape(-1, 8, 32), d8.reshape(-1, 8))
     together = 32 // dots.shape[-1]
     acc = np.zeros((len(records), together, dots.shape[-1]), np.float32)
     for i in range(dots.shape[1]):

@@ -73,10 +73,7 @@ class Engine(Case):
                 sums = np.float32(sums + x[:, block, tile] @ w[:, block, tile].T)
             split = block // per_split
             partial[split] = np.float32(np.float64(sums) * d[:, block] + partial[split])
-            sizes = (
-                np.abs(x[:, block].reshape(self.rows, 64))
-                @ np.abs(w[:, block].reshape(self.output, 64)).T
-            )
+            sizes = np.abs(x[:, block].reshape(self.rows, 64)) @ np.abs(w[:, block].reshape(self.output, 64)).T
             magnitude[split] += sizes * np.abs(d[:, block])
         expected = summed(partial, t)
         if self.format in ("q4_0", "q8_0"):

@@ -39,11 +39,7 @@ LARGE_CASES = [
 
 def of(case, results: dict[str, np.ndarray]) -> dict[str, np.ndarray]:
     """A case's part of a process's results."""
-    found = {
-        name[len(case.name) + 1 :]: x
-        for name, x in results.items()
-        if name.startswith(case.name + " ")
-    }
+    found = {name[len(case.name) + 1 :]: x for name, x in results.items() if name.startswith(case.name + " ")}
     assert found or isinstance(case, SuperBlockExpansion)
     return found
 

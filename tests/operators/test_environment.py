@@ -64,9 +64,7 @@ print(torch.equal(y, tolvane.forward_new(x, weight, 2, 0)), len(y.unique()))
 
 
 # In groups of 64 on Summit.
-@pytest.mark.parametrize(
-    "code, expected", [(DEVICE_OF_THE_IMPORT, "[32, 1024]"), (WITHOUT_NEW_THREADS, "True 1")]
-)
+@pytest.mark.parametrize("code, expected", [(DEVICE_OF_THE_IMPORT, "[32, 1024]"), (WITHOUT_NEW_THREADS, "True 1")])
 def test_the_device_is_that_of_the_import_and_needs_no_new_threads(in_python, code, expected):
     done = in_python(code, KELVOR_XPU_THREADS="4")
     assert (done.returncode, done.stdout.strip()) == (0, expected), done.stderr[-2000:]

@@ -34,9 +34,7 @@ def test_rounds_to_the_nearest_byte(dtype):
     assert extreme.tolist() == [0x7B, 0xFB, 0x7F]
 
 
-@pytest.mark.parametrize(
-    "dtype, tolerance", [(torch.float32, 1e-5), (torch.float16, 2e-2), (torch.bfloat16, 8e-2)]
-)
+@pytest.mark.parametrize("dtype, tolerance", [(torch.float32, 1e-5), (torch.float16, 2e-2), (torch.bfloat16, 8e-2)])
 def test_attention_through_the_cache(dtype, tolerance):
     """Filled in three parts and attended to after each, against plain attention on the rounded keys and values."""
     torch.manual_seed(2)

@@ -68,20 +68,13 @@ def test_slices_give_what_the_whole_expansion_gives(results, size):
     seen = results("routes", KELVOR_XPU_DEVICE_NAME="Vela(TM)")
     step = int(size.removesuffix("-rows"))
     if step <= 0:
-        assert (
-            str(seen[f"tiled{size}"])
-            == f'TILE_SIZE must be a positive number of weight rows, but it is "{size}"'
-        )
+        assert str(seen[f"tiled{size}"]) == f'TILE_SIZE must be a positive number of weight rows, but it is "{size}"'
         return
     # The same elements, which the BLAS may sum in another order for another shape.
     assert_allclose(seen[f"tiled{size}"], seen["dense"], atol=1e-12)
     # The output, one slice, and the slice's product with what the multiplication needs besides.
     step = min(step, routes.OUTPUT)
-    assert (
-        0
-        < seen[f"peak{size}"]
-        <= 8 * (routes.ROWS * routes.OUTPUT + step * routes.STATE + 3 * routes.ROWS * step)
-    )
+    assert 0 < seen[f"peak{size}"] <= 8 * (routes.ROWS * routes.OUTPUT + step * routes.STATE + 3 * routes.ROWS * step)
 
 
 @pytest.mark.parametrize("rows, output", [(21, 33), (64, 1900), (65, 33)])
@@ -152,14 +145,10 @@ def test_a_gradient_on_every_route(form):
         (gradient,) = torch.autograd.grad((y * factor).sum(), x)
         with torch.no_grad():
             assert not tolvane.forward_new(x, weight, qtype, 0).requires_grad
-        ahead, behind = (
-            tolvane.forward_new(x.detach() + s * direction, weight, qtype, 0) for s in (0.5, -0.5)
-        )
+        ahead, behind = (tolvane.forward_new(x.detach() + s * direction, weight, qtype, 0) for s in (0.5, -0.5))
         difference = ((ahead - behind) * factor).sum().item()
         terms = (gradient * direction).abs().sum().item()
-        assert abs((gradient * direction).sum().item() - difference) <= 2.0**-23 * max(terms, 1), (
-            rows
-        )
+        assert abs((gradient * direction).sum().item() - difference) <= 2.0**-23 * max(terms, 1), rows
 
 
 def test_an_adapter_before_a_packed_weight_learns():

@@ -127,9 +127,7 @@ def test_compiled_functions_that_write(backend: str) -> None:
     # Copies of the caches, as aot_eager makes them, end with their views.
     projected = tolvane.forward_qkv if backend == "eager" else torch.ops.tolvane.forward_qkv
 
-    def all_three(
-        q: Any, k: Any, ids: Any, q_out: Any, k_out: Any, a: Any, b: Any, c: Any, *x: Any
-    ):  # type: ignore[no-untyped-def]
+    def all_three(q: Any, k: Any, ids: Any, q_out: Any, k_out: Any, a: Any, b: Any, c: Any, *x: Any):  # type: ignore[no-untyped-def]
         tolvane.apply_rotary_embedding_half_q_and_k(q, k, ids, q_out, k_out)
         return q_out + k_out.sum(), *projected(*x), tolvane.bmm(a, b, c)
 

@@ -75,8 +75,7 @@ def test_every_layout_of_inputs_and_outputs_and_in_place(type, size, source):
 
 
 @pytest.mark.parametrize(
-    "shape",
-    [(1, 1, 4, 8), (2, 1, 4, 8), (1, 3, 1, 8), (2, 3, 4, 8), (1, 1, 8), (1, 8), (1, 1, 1, 8)],
+    "shape", [(1, 1, 4, 8), (2, 1, 4, 8), (1, 3, 1, 8), (2, 3, 4, 8), (1, 1, 8), (1, 8), (1, 1, 1, 8)]
 )
 def test_tables_of_all_broadcasts_and_ranks(shape):
     random = np.random.default_rng(3)

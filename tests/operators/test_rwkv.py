@@ -18,8 +18,7 @@ def test_a_sequence_in_two_parts_is_the_whole(pair, cut):
     whole = [x.clone() for x in states]
     expected = tolvane.rwkv_linear_attention_v4(w, u, k, v, *whole)
     parts = [
-        tolvane.rwkv_linear_attention_v4(w, u, *(x[:, part].contiguous() for x in (k, v)), *states)
-        for part in halves
+        tolvane.rwkv_linear_attention_v4(w, u, *(x[:, part].contiguous() for x in (k, v)), *states) for part in halves
     ]
     assert torch.equal(torch.cat(parts, 1), expected)
     assert all(torch.equal(a, b) for a, b in zip(states, whole))
@@ -28,8 +27,7 @@ def test_a_sequence_in_two_parts_is_the_whole(pair, cut):
     split = state.clone()
     expected = tolvane.rwkv_linear_attention_v5(w, u, r, k, v, state)
     parts = [  # slices along the tokens are no copies: their strides are the whole's
-        tolvane.rwkv_linear_attention_v5(w, u, *(x[:, :, part] for x in (r, k, v)), split)
-        for part in halves
+        tolvane.rwkv_linear_attention_v5(w, u, *(x[:, :, part] for x in (r, k, v)), split) for part in halves
     ]
     assert torch.equal(torch.cat(parts, 1), expected) and torch.equal(split, state)
 

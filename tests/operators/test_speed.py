@@ -40,14 +40,12 @@ def calls() -> dict[str, Callable[[], object]]:
         for name, (w, q) in packed.items():
             made[f"{name} {t}"] = lambda x=x, w=w, q=q: tolvane.forward_new(x, w, q, 0)
         for name, form in FUSED.items():
-            made[f"mlp {name} {t}"] = lambda x=x, w=weight(form), q=form.qtype: (
-                tolvane.mlp_forward_xpu(x, w, w, 1, 1024, 256, q)
+            made[f"mlp {name} {t}"] = lambda x=x, w=weight(form), q=form.qtype: tolvane.mlp_forward_xpu(
+                x, w, w, 1, 1024, 256, q
             )
             kv = zeros(1, 1, 2, 128, dtype=t)
-            made[f"qkv {name} {t}"] = lambda x=x, w=weight(form), q=form.qtype, kv=kv[:, :, :1]: (
-                tolvane.forward_qkv(
-                    x, w, w[: w.numel() // 2], w[: w.numel() // 2], ID, kv, kv, q, 0, 128
-                )
+            made[f"qkv {name} {t}"] = lambda x=x, w=weight(form), q=form.qtype, kv=kv[:, :, :1]: tolvane.forward_qkv(
+                x, w, w[: w.numel() // 2], w[: w.numel() // 2], ID, kv, kv, q, 0, 128
             )
         wide, scale = x.expand(2, 1024).contiguous(), x[0]
         made[f"norm {t}"] = lambda x=wide, w=scale: tolvane.fused_layer_norm(x, (1024,), w, w, 1e-5)
@@ -78,9 +76,7 @@ def test_vectors_pay(in_python):
         pytest.skip("nothing to compare with")
     for _ in range(2):
         ours, scalar = (
-            json.loads(
-                in_python("test_speed.py", KELVOR_XPU_THREADS="1", KELVOR_XPU_TARGET=target).stdout
-            )
+            json.loads(in_python("test_speed.py", KELVOR_XPU_THREADS="1", KELVOR_XPU_TARGET=target).stdout)
             for target in (kelvor_xpu.target(), "scalar")
         )
         slow = {name: scalar[name] / ours[name] for name in ours if scalar[name] < 4 * ours[name]}

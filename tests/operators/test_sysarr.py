@@ -12,11 +12,7 @@ SUMMIT, VELA_A = DEVICE_NAMES[:2]
 
 
 def environment(name: str, target: str) -> dict[str, str]:
-    return {
-        "KELVOR_XPU_DEVICE_NAME": name,
-        "KELVOR_XPU_TARGET": target,
-        "KELVOR_XPU_GUARD_PAGES": "1",
-    }
+    return {"KELVOR_XPU_DEVICE_NAME": name, "KELVOR_XPU_TARGET": target, "KELVOR_XPU_GUARD_PAGES": "1"}
 
 
 @pytest.mark.parametrize("target", TARGETS)
@@ -24,8 +20,7 @@ def test_against_numpy_beside_unmapped_pages(results, target):
     """With columns in groups of 16 and of 8; all the same to the bit, and on all targets."""
     subjects = {SUMMIT: ("engine",), VELA_A: ("engine", "engine of many rows")}
     ours, widest = (
-        {name: results(*subjects[name], **environment(name, own)) for name in subjects}
-        for own in (target, TARGETS[-1])
+        {name: results(*subjects[name], **environment(name, own)) for name in subjects} for own in (target, TARGETS[-1])
     )
     for case in CASES:
         case.check(of(case, ours[SUMMIT]))
@@ -49,7 +44,5 @@ tolvane.forward_new(torch.ones(2, 64, device="xpu").double(), weight[: 16 * 34],
 """
     for name in (SUMMIT, VELA_A):
         done = in_python(code, KELVOR_XPU_DEVICE_NAME=name)
-        assert done.stdout == (
-            "forward_new: state_size % QK == 0 is needed, but got state_size 100 and QK 64 0\n"
-        )
+        assert done.stdout == ("forward_new: state_size % QK == 0 is needed, but got state_size 100 and QK 64 0\n")
         assert (done.returncode, done.stderr) == (2, "unsupported dtype\n")

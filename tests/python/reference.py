@@ -35,11 +35,7 @@ def codes_and_scales(packed: bytes, format: str) -> tuple[np.ndarray, np.ndarray
     """The codes [blocks, 64], and each block's scales in double, 1 where they are not read."""
     form = PACKED[format]
     weight = from_bytes(packed, form, 64)
-    scales = (
-        weight.scales[:, 0].astype(np.float64)
-        if form.reads_scale
-        else np.ones((len(weight.scales), 1))
-    )
+    scales = weight.scales[:, 0].astype(np.float64) if form.reads_scale else np.ones((len(weight.scales), 1))
     return form.codes(weight.values[:, 0]), scales
 
 

@@ -52,9 +52,7 @@ HAND_WORKED = [
 
 
 @pytest.mark.parametrize(("name", "values", "scales", "expected"), HAND_WORKED)
-def test_bytes_by_hand(
-    name: str, values: dict[int, int], scales: str, expected: dict[int, float]
-) -> None:
+def test_bytes_by_hand(name: str, values: dict[int, int], scales: str, expected: dict[int, float]) -> None:
     """The second of three blocks; the others are bytes 0, and so is all that is not given."""
     entry = quarn.FORMATS[name]
     raw = bytearray(3 * entry.block_bytes)
@@ -114,9 +112,7 @@ def test_representable_weights_survive(name: str) -> None:
 @pytest.mark.parametrize("name", NAMES)
 @settings(deadline=None, max_examples=60)
 @given(
-    st.integers(0, 2**32 - 1),
-    st.floats(1e-3, 1e2),
-    st.sampled_from(["normal", "heavy", "one-sided", "sparse", "flat"]),
+    st.integers(0, 2**32 - 1), st.floats(1e-3, 1e2), st.sampled_from(["normal", "heavy", "one-sided", "sparse", "flat"])
 )
 def test_error_is_never_above_naive_rounding(name: str, seed: int, size: float, shape: str) -> None:
     generator = np.random.default_rng(seed)

@@ -18,9 +18,7 @@ pytest.importorskip("tolvane")
 def folder(tmp_path_factory):
     """A small random model, whose weights begin larger than the library lets them."""
     torch.manual_seed(2)
-    own = transformers.RwkvForCausalLM(
-        transformers.RwkvConfig(**MODEL_SIZES | {"num_hidden_layers": 3})
-    )
+    own = transformers.RwkvForCausalLM(transformers.RwkvConfig(**MODEL_SIZES | {"num_hidden_layers": 3}))
     for name, parameter in own.named_parameters():
         if "mix" in name:
             nn.init.uniform_(parameter)
@@ -33,9 +31,7 @@ def folder(tmp_path_factory):
     return path
 
 
-@pytest.mark.parametrize(
-    "format", [None, "q4_0", {"key": "q8_0", "head": "nf4", "default": "q4_0"}]
-)
+@pytest.mark.parametrize("format", [None, "q4_0", {"key": "q8_0", "head": "nf4", "default": "q4_0"}])
 def test_logits_tokens_and_states_of_the_library(folder, tmp_path, monkeypatch, format) -> None:
     monkeypatch.setattr(rwkv, "PROMPT_ROWS", 8)
     model = quarn.from_pretrained(folder, format, progress=False)

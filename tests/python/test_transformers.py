@@ -22,14 +22,9 @@ GROUPED: dict[str, Any] = {**MODEL_SIZES, **NO_TOKENS, "num_key_value_heads": 2}
 DECODERS = {
     "llama": lambda: transformers.LlamaForCausalLM(transformers.LlamaConfig(**GROUPED)),
     "qwen2": lambda: transformers.Qwen2ForCausalLM(transformers.Qwen2Config(**GROUPED)),
-    "gpt_neox": lambda: transformers.GPTNeoXForCausalLM(
-        transformers.GPTNeoXConfig(**MODEL_SIZES, **NO_TOKENS)
-    ),
+    "gpt_neox": lambda: transformers.GPTNeoXForCausalLM(transformers.GPTNeoXConfig(**MODEL_SIZES, **NO_TOKENS)),
 }
-MODELS = {
-    **DECODERS,
-    "bert": lambda: transformers.BertForMaskedLM(transformers.BertConfig(**MODEL_SIZES)),
-}
+MODELS = {**DECODERS, "bert": lambda: transformers.BertForMaskedLM(transformers.BertConfig(**MODEL_SIZES))}
 FORMATS = ("q4_0", "q8_0", "nf4", "q5_1", "fp8_e4m3")
 """Formats that the linear layers of a model take in turn."""
 

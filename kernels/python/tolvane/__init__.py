@@ -9,14 +9,11 @@ import kelvor_xpu  # noqa: F401  loads torch, and refuses one that the modules w
 
 def _load() -> None:
     finder = importlib.machinery.FileFinder(
-        __path__[0],
-        (importlib.machinery.ExtensionFileLoader, importlib.machinery.EXTENSION_SUFFIXES),
+        __path__[0], (importlib.machinery.ExtensionFileLoader, importlib.machinery.EXTENSION_SUFFIXES)
     )
     found = finder.find_spec("tolvane")
     if found is None or found.loader is None:
-        raise ImportError(
-            f"the extension module is missing in {__path__[0]}: install tolvane again"
-        )
+        raise ImportError(f"the extension module is missing in {__path__[0]}: install tolvane again")
     # `import tolvane` gives what stands in sys.modules at its end: the extension itself, and nothing around it.
     module = importlib.util.module_from_spec(found)
     sys.modules["tolvane"] = module
