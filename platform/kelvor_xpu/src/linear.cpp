@@ -32,7 +32,7 @@ bool dense_rows(const at::Tensor& matrix) {
 /// that one has no wider registers than they have.
 bool outruns_cpu(c10::ScalarType type, int64_t rows) {
   static const bool same_registers = !__builtin_cpu_supports("avx512f");
-  if (type == at::kFloat) return same_registers && rows > 1 && rows <= 64;
+  if (type == at::kFloat) return same_registers && rows > 1 && rows <= 24;
   return (type == at::kHalf || (type == at::kBFloat16 && !cpu_multiplies_bfloat16())) && rows <= most_rows;
 }
 
