@@ -2,7 +2,7 @@
 // Matrix products of a few rows of activations with a large matrix of weights in half, bfloat16 or float. The
 // weights are read from memory once, and widened to float in registers; sums are in float.
 //
-// linear_kernels.cpp is the one file of the library that is compiled for AVX2, FMA and F16C. Nothing with
+// linear_kernels.cpp, like attention_kernels.cpp, is compiled for AVX2, FMA and F16C. Nothing with
 // inline functions that other files also use may be included here, since the linker might then pick the AVX2
 // copy for all.
 
