@@ -11,8 +11,9 @@ from pathlib import Path
 from torch import Tensor
 
 from generate import generate
-from model import Attention, Cache, Config, Decoder, rotate
+from model import Attention, Cache, Config, Decoder
 from quarn.fp8_cache import FP8Cache
+from quarn.rotary import rotate
 from train import load
 
 
@@ -26,10 +27,10 @@ class FP8Attention(Attention):
         if positions > 1 and cache.length > 0:
             raise ValueError("several positions can only come first, into an empty cache")
         heads = self.qkv(x).view(batch, positions, 3, self.heads, -1).permute(2, 0, 3, 1, 4)
-        cache.append(rotate(heads[1], cosines, sines), heads[2])
+        cache.append(rotate(heads[1], sines, cosines), heads[2])
         if positions > 1:
             return super().forward(x, cosines, sines, None)
-        mixed = cache.attend(rotate(heads[0], cosines, sines))
+        mixed = cache.attend(rotate(heads[0], sines, cosines))
         return self.out(mixed.transpose(1, 2).reshape(batch, positions, width))
 
 

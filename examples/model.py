@@ -8,6 +8,8 @@ import torch
 from torch import Tensor, nn
 from torch.nn import functional as F
 
+from quarn.rotary import rotate, rotate_into
+
 
 @dataclass(frozen=True)
 class Config:
@@ -90,21 +92,12 @@ def rotary_tables(config: Config) -> tuple[Tensor, Tensor]:
     return angles.cos(), angles.sin()
 
 
-def rotate(x: Tensor, cosines: Tensor, sines: Tensor) -> Tensor:
-    """Turns each pair (x[i], x[i + head_dim / 2]) by its angle. x: [..., positions, head_dim]."""
-    low, high = x.chunk(2, dim=-1)
-    return x * cosines + torch.cat([-high, low], dim=-1) * sines
-
-
 def rotate_both(queries: Tensor, keys: Tensor, cosines: Tensor, sines: Tensor) -> tuple[Tensor, Tensor]:
-    """`rotate` of both, [batch, heads, positions, head_dim]; in one call of an operator on `xpu`."""
+    """Both turned by their positions' angles, [batch, heads, positions, head_dim]."""
     if not by_operators(queries):
-        return rotate(queries, cosines, sines), rotate(keys, cosines, sines)
-    import tolvane
-
+        return rotate(queries, sines, cosines), rotate(keys, sines, cosines)
     turned = torch.empty_like(queries), torch.empty_like(keys)
-    tables = sines[None, None], cosines[None, None]
-    tolvane.apply_rotary_embedding_half_q_and_k_cache_freq(queries, keys, *tables, *turned)
+    rotate_into(queries, keys, (sines[None, None], cosines[None, None]), *turned)
     return turned
 
 

@@ -1,30 +1,11 @@
 #include "attention_kernels.hpp"
 
-#include "spmd/memory.hpp"
-#include "spmd/movement.hpp"
+#include "wide_elements.hpp"
 
 namespace kelvor_xpu {
 namespace {
 
-using spmd::bfloat16, spmd::half;
 using std::int64_t;
-
-constexpr int lanes = spmd::native_lanes<float>;
-using floats = spmd::lanes<float, lanes>;
-
-/// The next values widened; the `left` that there still are and zeros, where these are fewer than lanes.
-template <class T>
-[[gnu::always_inline]] inline floats widened(const T* from, int64_t left) {
-  const auto wide = [](const auto& x) [[gnu::always_inline]] {
-    if constexpr (std::same_as<T, float>) {
-      return x;
-    } else {
-      return x.w;
-    }
-  };
-  if (left >= lanes) return wide(spmd::load<lanes>(from));
-  return wide(spmd::load<lanes>(from, spmd::first_lanes{static_cast<int>(left)}));
-}
 
 /// e^x for x up to 0, to a few units in the last place; what is below the smallest normal float becomes that.
 [[gnu::always_inline]] inline floats exponential(const floats& exponent) {
@@ -164,13 +145,7 @@ void merge(const float* partial, int64_t pieces, int64_t stride, int64_t value_d
     alignas(64) float values[lanes];
     spmd::store(values, sum / total);
     for (int l = 0; l < lanes && l < left; ++l) {
-      const float value = values[l];
-      // Rounding to bfloat16 has no case for NaN.
-      if constexpr (std::same_as<T, float>) {
-        out[column + l] = value;
-      } else {
-        out[column + l] = value == value ? T(value) : T::from_bits(0x7fff);
-      }
+      out[column + l] = narrowed<T>(values[l]);
     }
   }
 }
@@ -179,18 +154,6 @@ template <class T>
 void scaled(const T* from, int64_t depth, int64_t padded_depth, float scale, float* to) {
   for (int64_t k = 0; k < padded_depth; k += lanes)
     spmd::store(to + k, widened(from + k, depth - k) * floats(scale));
-}
-
-template <class Body>
-void with_type(ElementType type, const Body& body) {
-  switch (type) {
-    case ElementType::single:
-      return body(float());
-    case ElementType::half:
-      return body(half());
-    case ElementType::bfloat16:
-      return body(bfloat16());
-  }
 }
 
 }  // namespace

@@ -7,9 +7,9 @@
 
 #include <cstdint>
 
-namespace kelvor_xpu {
+#include "element_type.hpp"
 
-enum class ElementType { single, half, bfloat16 };
+namespace kelvor_xpu {
 
 constexpr std::int64_t attention_rows = 32;   ///< query rows at most
 constexpr std::int64_t attention_keys = 256;  ///< keys of a piece at most

@@ -61,16 +61,16 @@ void check_types(const at::Tensor& rows, const at::Tensor& weights) {
               weights.scalar_type());
 }
 
-LinearType linear_type(c10::ScalarType type) {
-  return type == at::kHalf       ? LinearType::half
-         : type == at::kBFloat16 ? LinearType::bfloat16
-                                 : LinearType::single;
+ElementType element_type(c10::ScalarType type) {
+  return type == at::kHalf       ? ElementType::half
+         : type == at::kBFloat16 ? ElementType::bfloat16
+                                 : ElementType::single;
 }
 
 /// Computes the call's sums; what it adds to them is set already.
 void run(LinearCall call, const at::Tensor& rows, const at::Tensor& weights, at::Tensor& out) {
   settings();  // the number of threads
-  call.type = linear_type(out.scalar_type());
+  call.type = element_type(out.scalar_type());
   call.rows = rows.size(0);
   call.depth = rows.size(1);
   call.padded_depth = padded(call.depth);

@@ -1,16 +1,11 @@
 #include "linear_kernels.hpp"
 
-#include "spmd/memory.hpp"
-#include "spmd/movement.hpp"
+#include "wide_elements.hpp"
 
 namespace kelvor_xpu {
 namespace {
 
-using spmd::bfloat16, spmd::half;
 using std::int64_t;
-
-constexpr int lanes = spmd::native_lanes<float>;
-using floats = spmd::lanes<float, lanes>;
 
 /// Rows of activations and weights, and values of each, that stay in the first-level cache together: 16 KB of
 /// activations and 3 KB of weights.
@@ -22,14 +17,6 @@ constexpr int tile_columns = 3;
 template <class T>
 const T* row_of(const LinearCall& call, int64_t column) {
   return static_cast<const T*>(call.weight) + column * call.weight_stride;
-}
-
-/// The next values of a row widened; the `left` that it still has and zeros, where these are fewer than
-/// lanes.
-template <class T>
-floats widened(const T* from, int64_t left) {
-  if (left >= lanes) return spmd::convert<float>(spmd::load<lanes>(from));
-  return spmd::convert<float>(spmd::load<lanes>(from, spmd::first_lanes{static_cast<int>(left)}));
 }
 
 template <class T>
@@ -44,13 +31,7 @@ void write(const LinearCall& call, int64_t row, int64_t column, const floats& su
     const auto* addend = static_cast<const T*>(call.addend);
     value += call.beta * float(addend[row * call.addend_row_stride + column * call.addend_column_stride]);
   }
-  T& out = static_cast<T*>(call.out)[row * call.out_stride + column];
-  if constexpr (spmd::reduced<T>) {
-    // Rounding to bfloat16 has no case for NaN.
-    out = value == value ? T(value) : T::from_bits(0x7fff);
-  } else {
-    out = value;
-  }
+  static_cast<T*>(call.out)[row * call.out_stride + column] = narrowed<T>(value);
 }
 
 /// One to three rows: bound by memory, so that each weight is widened where it is used. `columns` rows of
@@ -174,25 +155,11 @@ void linear_columns_of(const LinearCall& call, int64_t begin, int64_t end) {
 }  // namespace
 
 void linear_columns(const LinearCall& call, int64_t begin, int64_t end) {
-  switch (call.type) {
-    case LinearType::half:
-      return linear_columns_of<half>(call, begin, end);
-    case LinearType::bfloat16:
-      return linear_columns_of<bfloat16>(call, begin, end);
-    case LinearType::single:
-      return linear_columns_of<float>(call, begin, end);
-  }
+  with_type(call.type, [&]<class T>(T) { linear_columns_of<T>(call, begin, end); });
 }
 
-void widen_padded(LinearType type, const void* from, int64_t count, float* to) {
-  switch (type) {
-    case LinearType::half:
-      return widen_row(static_cast<const half*>(from), count, to);
-    case LinearType::bfloat16:
-      return widen_row(static_cast<const bfloat16*>(from), count, to);
-    case LinearType::single:
-      return widen_row(static_cast<const float*>(from), count, to);
-  }
+void widen_padded(ElementType type, const void* from, int64_t count, float* to) {
+  with_type(type, [&]<class T>(T) { widen_row(static_cast<const T*>(from), count, to); });
 }
 
 }  // namespace kelvor_xpu

@@ -8,13 +8,13 @@
 
 #include <cstdint>
 
-namespace kelvor_xpu {
+#include "element_type.hpp"
 
-enum class LinearType { half, bfloat16, single };
+namespace kelvor_xpu {
 
 /// out[r][c] = alpha * sum over k of x[r][k] * weight[c][k] + beta * addend[r][c]
 struct LinearCall {
-  LinearType type;
+  ElementType type;
   const float* x;  ///< rows of `padded_depth` values, zero from `depth` on
   std::int64_t padded_depth;
   const void* weight;
@@ -42,6 +42,6 @@ constexpr std::int64_t padded(std::int64_t depth) {
 void linear_columns(const LinearCall& call, std::int64_t begin, std::int64_t end);
 
 /// Writes `count` widened values, and zeros up to padded(count).
-void widen_padded(LinearType type, const void* from, std::int64_t count, float* to);
+void widen_padded(ElementType type, const void* from, std::int64_t count, float* to);
 
 }  // namespace kelvor_xpu
