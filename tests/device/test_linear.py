@@ -1,4 +1,4 @@
-"""The device's own matrix products against sums in double precision."""
+"""The device's own matrix products in half and bfloat16 against sums in double precision."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from torch.nn.functional import linear
 
 import kelvor_xpu  # noqa: F401
 
-RESOLUTION = {torch.half: 2.0**-11, torch.bfloat16: 2.0**-8, torch.float: 2.0**-24}
+RESOLUTION = {torch.half: 2.0**-11, torch.bfloat16: 2.0**-8}
 """Rows around the kernels' tiles, sizes around their vectors and blocks: (rows, depth, columns)."""
 SHAPES = [
     *((rows, 40, 13) for rows in (1, 2, 3, 4, 5, 16, 17, 19, 64)),
@@ -27,7 +27,7 @@ def assert_accurate(actual: torch.Tensor, exact: torch.Tensor, magnitude: torch.
     assert ((actual.cpu().double() - exact).abs() <= bound).all()
 
 
-@pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16, torch.float], ids=str)
+@pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16], ids=str)
 @pytest.mark.parametrize("shape", SHAPES, ids=str)
 def test_products_are_exact_sums_rounded_once(shape: tuple[int, int, int], dtype: torch.dtype) -> None:
     rows, depth, columns = shape
@@ -50,7 +50,7 @@ def test_products_are_exact_sums_rounded_once(shape: tuple[int, int, int], dtype
     assert_accurate(there[0].t().contiguous().t() @ there[1].t(), exact, magnitude, dtype)
 
 
-@pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16, torch.float], ids=str)
+@pytest.mark.parametrize("dtype", [torch.half, torch.bfloat16], ids=str)
 def test_strides_special_values_and_outputs(dtype: torch.dtype) -> None:
     torch.manual_seed(3)
     wide = torch.randn(20, 64).to(dtype)

@@ -28,11 +28,9 @@ bool dense_rows(const at::Tensor& matrix) {
   return matrix.stride(1) == 1 && (matrix.stride(0) >= matrix.size(1) || matrix.size(0) == 1);
 }
 
-/// Whether the streaming kernels are faster than the CPU's operator. In float they are for a few rows, where
-/// that one has no wider registers than they have.
+/// Whether the streaming kernels are faster than the CPU's operator. In float, users compare with the CPU's
+/// sums.
 bool outruns_cpu(c10::ScalarType type, int64_t rows) {
-  static const bool same_registers = !__builtin_cpu_supports("avx512f");
-  if (type == at::kFloat) return same_registers && rows > 1 && rows <= 24;
   return (type == at::kHalf || (type == at::kBFloat16 && !cpu_multiplies_bfloat16())) && rows <= most_rows;
 }
 
@@ -61,16 +59,10 @@ void check_types(const at::Tensor& rows, const at::Tensor& weights) {
               weights.scalar_type());
 }
 
-ElementType element_type(c10::ScalarType type) {
-  return type == at::kHalf       ? ElementType::half
-         : type == at::kBFloat16 ? ElementType::bfloat16
-                                 : ElementType::single;
-}
-
 /// Computes the call's sums; what it adds to them is set already.
 void run(LinearCall call, const at::Tensor& rows, const at::Tensor& weights, at::Tensor& out) {
   settings();  // the number of threads
-  call.type = element_type(out.scalar_type());
+  call.type = out.scalar_type() == at::kHalf ? ElementType::half : ElementType::bfloat16;
   call.rows = rows.size(0);
   call.depth = rows.size(1);
   call.padded_depth = padded(call.depth);

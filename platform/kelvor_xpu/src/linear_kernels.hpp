@@ -1,5 +1,5 @@
 #pragma once
-// Matrix products of a few rows of activations with a large matrix of weights in half, bfloat16 or float. The
+// Matrix products of a few rows of activations with a large matrix of weights in half or bfloat16. The
 // weights are read from memory once, and widened to float in registers; sums are in float.
 //
 // linear_kernels.cpp, like attention_kernels.cpp, is compiled for AVX2, FMA and F16C. Nothing with
