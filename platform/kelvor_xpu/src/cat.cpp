@@ -9,6 +9,7 @@
 #include "alias.hpp"
 #include "allocator.hpp"
 #include "fallback.hpp"
+#include "pointwise.hpp"
 
 namespace kelvor_xpu {
 namespace {
@@ -21,10 +22,6 @@ bool joins(const at::Tensor& tensor, const at::Tensor& first, int64_t dim) {
     if (i != dim && tensor.size(i) != first.size(i)) return false;
   }
   return true;
-}
-
-bool is_float(c10::ScalarType type) {
-  return type == at::kFloat || type == at::kHalf || type == at::kBFloat16 || type == at::kDouble;
 }
 
 at::Tensor cat(const at::ITensorListRef& list, int64_t dim) {

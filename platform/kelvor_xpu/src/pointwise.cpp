@@ -21,10 +21,6 @@ namespace {
 
 constexpr c10::DispatchKeySet xpu_keys(c10::DispatchKey::XPU);
 
-bool is_float(c10::ScalarType type) {
-  return type == at::kFloat || type == at::kHalf || type == at::kBFloat16 || type == at::kDouble;
-}
-
 /// A number of Python's as a tensor of `type`; none for complex ones.
 std::optional<at::Tensor> number(const at::Tensor& tensor, c10::ScalarType type) {
   if (tensor.scalar_type() == type) return tensor;
