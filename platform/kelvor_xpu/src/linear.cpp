@@ -74,10 +74,7 @@ void run(LinearCall call, const at::Tensor& rows, const at::Tensor& weights, at:
   const at::Tensor dense = dense_rows(rows) ? rows : rows.contiguous();
   const c10::DataPtr wide = scratch_allocator()->allocate(call.rows * call.padded_depth * sizeof(float));
   auto* x = static_cast<float*>(wide.get());
-  for (int64_t r = 0; r < call.rows; ++r) {
-    const auto* row = static_cast<const char*>(dense.data_ptr()) + r * dense.stride(0) * dense.element_size();
-    widen_padded(call.type, row, call.depth, x + r * call.padded_depth);
-  }
+  lay_out(call, dense.data_ptr(), dense.stride(0), x);
   call.x = x;
 
   const int64_t columns = out.size(1);

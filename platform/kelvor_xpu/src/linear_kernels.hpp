@@ -15,7 +15,7 @@ namespace kelvor_xpu {
 /// out[r][c] = alpha * sum over k of x[r][k] * weight[c][k] + beta * addend[r][c]
 struct LinearCall {
   ElementType type;
-  const float* x;  ///< rows of `padded_depth` values, zero from `depth` on
+  const float* x;  ///< as lay_out writes it: rows * padded_depth values
   std::int64_t padded_depth;
   const void* weight;
   std::int64_t weight_stride;
@@ -31,17 +31,20 @@ struct LinearCall {
 };
 
 /// Columns of `out` that are computed together; pieces of work should be multiples of it.
-constexpr std::int64_t linear_columns_at_once = 12;
+constexpr std::int64_t linear_columns_at_once = 64;
 
 /// `depth` rounded up to what the kernels read at once.
 constexpr std::int64_t padded(std::int64_t depth) {
   return (depth + 7) / 8 * 8;
 }
 
+/// Rows up to which the weights are multiplied as they stream by.
+constexpr std::int64_t most_streamed_rows = 16;
+
 /// Computes the columns [begin, end) of all rows.
 void linear_columns(const LinearCall& call, std::int64_t begin, std::int64_t end);
 
-/// Writes `count` widened values, and zeros up to padded(count).
-void widen_padded(ElementType type, const void* from, std::int64_t count, float* to);
+/// Lays out the call's rows of activations, `stride` elements apart, for linear_columns.
+void lay_out(const LinearCall& call, const void* from, std::int64_t stride, float* to);
 
 }  // namespace kelvor_xpu

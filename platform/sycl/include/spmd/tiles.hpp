@@ -22,11 +22,12 @@ inline constexpr int partial_sums = Rows > 6   ? 1
 
 /// sums[r] += x[0][r] * w(0) + … + x[Depth - 1][r] * w(Depth - 1), where x is a matrix of `Stride` floats a
 /// row and w(k), with k as std::integral_constant, gives a register. With partial sums, product k goes to sum
-/// k % partial_sums; these are added up in order, and their sum to `sums`. Costs w(k) once, and per row and k
-/// a load and a multiply-add. Eight rows of one register each are as many as the narrower target can hold.
-template <int Depth, std::size_t Rows, int N, class Weights>
+/// k % Parts; these are added up in order, and their sum to `sums`. Costs w(k) once, and per row and k
+/// a load and a multiply-add. Eight rows of one register each, or six of two, are as many as the narrower
+/// target can hold.
+template <int Depth, int Parts, std::size_t Rows, int N, class Weights>
 [[gnu::always_inline]] inline void add_products(row_tile<Rows, N>& sums, const float* x, const Weights& w) {
-  constexpr int parts = partial_sums<Rows>, rows = Rows;
+  constexpr int parts = Parts, rows = Rows;
   std::array<lanes<float, N>, rows * parts> sum;
   unrolled<rows * parts>([&](auto i) { sum[i] = parts == 1 ? sums[i % rows] : lanes<float, N>(0.0f); });
   unrolled<Depth>([&](auto k) [[gnu::always_inline]] {

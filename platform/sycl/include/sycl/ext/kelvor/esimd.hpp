@@ -86,7 +86,7 @@ inline constexpr int dpas_depth = 16;
 /// b(k) gives element k of all columns, with k as std::integral_constant.
 template <class T, std::size_t Rows, int N, class Columns>
 [[gnu::always_inline]] inline void dpas(spmd::row_tile<Rows, N>& sums, const float* a, const Columns& b) {
-  spmd::add_products<dpas_depth>(sums, a, [&](auto k) [[gnu::always_inline]] {
+  spmd::add_products<dpas_depth, spmd::partial_sums<Rows>>(sums, a, [&](auto k) [[gnu::always_inline]] {
     const simd<T, N> column = b(k);
     return column.w;
   });
