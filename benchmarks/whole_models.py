@@ -104,6 +104,7 @@ def run_ours(folder: Path, tokens: int, prompt: int) -> dict[str, Any]:
         result["memory with prompt"] = memory()
     token = torch.tensor([5])
     for past in PASTS:
+        cache = None  # before there is a longer one
         cache = model.new_cache(past + tokens + 1)
         for layer in cache.layers:
             layer.all_keys.normal_()

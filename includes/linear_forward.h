@@ -2,16 +2,14 @@
 // What a launcher of the quantized linear layer does: choose among one row, a few rows and the dense
 // expansion.
 
-#include <ATen/TensorIndexing.h>
 #include <ATen/core/Tensor.h>
 #include <ATen/ops/empty.h>
-#include <ATen/ops/linear.h>
-#include <ATen/ops/mm.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <type_traits>
 
+#include "dense_product.h"
 #include "device_frame.h"
 #include "dispatch.h"
 #include "linear_kernels.h"
@@ -74,53 +72,37 @@ template <class Format>
 at::Tensor multiplied_in_integers(const at::Tensor& input, const at::Tensor& weight, std::int64_t state_size,
                                   std::int64_t output_size);
 
-/// Bytes of an expansion that are still in a cache when they are multiplied, and the most rows for which that
-/// counts: the product of more rows is the slower for each slice.
-inline constexpr std::int64_t slice_bytes = std::int64_t{4} << 20;
-inline constexpr std::int64_t sliced_rows = 64;
+/// Whether rows of the format can be expanded by themselves.
+template <class Format>
+inline constexpr bool expands_rows = !requires {
+  Format::flat_elements;
+}
+&&!requires {
+  Format::expansion_items;
+};
 
-/// The dense route: expands the weight and multiplies by it, where rows can be expanded by themselves in
-/// slices that stay in the cache. Where there are no rows or no outputs, it only passes the checks of an
-/// expansion.
+/// The dense route: expands the weight and multiplies by it, `step` rows of the weight at a time, or as many
+/// as stay in the cache. Where there are no rows or no outputs, it only passes the checks of an expansion.
 template <class Format>
 at::Tensor multiplied_by_dense(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
-                               std::int64_t state_size, std::int64_t output_size) {
-  const std::int64_t rows = batch_size == 0 ? 0 : output_size;
-  std::int64_t step = rows;
-  if constexpr (
-      !requires { Format::flat_elements; } && !requires { Format::expansion_items; }) {
-    if (batch_size <= sliced_rows)
-      step = std::min(rows,
-                      std::max<std::int64_t>(
-                          1, slice_bytes / (state_size * static_cast<std::int64_t>(input.element_size()))));
-  }
-  const at::Tensor dense = expanded_rows<Format>(input, weight, state_size, output_size, 0, step);
-  if (dense.numel() == 0) return empty_for(input, weight, batch_size, output_size);
-  if (step == rows) return at::linear(input, dense);
+                               std::int64_t state_size, std::int64_t output_size, std::int64_t step = 0) {
   at::Tensor output = empty_for(input, weight, batch_size, output_size);
-  for (std::int64_t start = 0; start < rows; start += step) {
-    const std::int64_t count = std::min(step, rows - start);
-    at::Tensor columns = output.narrow(1, start, count);
-    at::mm_out(
-        columns, input,
-        (start == 0 ? dense : expanded_rows<Format>(input, weight, state_size, output_size, start, count))
-            .t());
+  if (output.numel() == 0) {
+    expanded_rows<Format>(input, weight, state_size, output_size, 0, 0);
+    return output;
   }
-  return output;
-}
-
-/// The same in slices of the weight's rows, which holds one slice at a time.
-template <class Format>
-at::Tensor multiplied_by_slices(const at::Tensor& input, const at::Tensor& weight, std::int64_t batch_size,
-                                std::int64_t state_size, std::int64_t output_size, const tiling& tiles) {
-  check_slices(tiles);
-  at::Tensor output = empty_for(input, weight, batch_size, output_size);
-  const auto step = static_cast<std::int64_t>(std::min<unsigned long long>(tiles.size, output_size));
-  for (std::int64_t start = 0; start < output_size; start += step) {
-    const std::int64_t rows = std::min(step, output_size - start);
-    const at::Tensor slice = expanded_rows<Format>(input, weight, state_size, output_size, start, rows);
-    using at::indexing::Slice;
-    output.index_put_({Slice(), Slice(start, start + rows)}, at::linear(input, slice));
+  if (step == 0) step = expands_rows<Format> ? dense_product::rows_at_once(input) : output_size;
+  const auto slice = [&](std::int64_t start) {
+    return expanded_rows<Format>(input, weight, state_size, output_size, start,
+                                 std::min(step, output_size - start));
+  };
+  at::Tensor dense = slice(0);  // refuses what cannot be expanded, before anything else is submitted
+  const dense_product product(input);
+  product.multiply(dense, output, 0);
+  for (std::int64_t start = step; start < output_size; start += step) {
+    dense.reset();  // its memory serves the next one
+    dense = slice(start);
+    product.multiply(dense, output, start);
   }
   return output;
 }
@@ -149,7 +131,9 @@ at::Tensor xpu_forward_new(const at::Tensor& input, const at::Tensor& weight, st
       });
     }
     if (Format::sliced_expansion && type == gpu_vela && output_size > tiles.threshold && size_hint > 128) {
-      return multiplied_by_slices<Format>(input, weight, batch_size, state_size, output_size, tiles);
+      check_slices(tiles);
+      const auto step = static_cast<std::int64_t>(std::min<unsigned long long>(tiles.size, output_size));
+      return multiplied_by_dense<Format>(input, weight, batch_size, state_size, output_size, step);
     }
   }
   return multiplied_by_dense<Format>(input, weight, batch_size, state_size, output_size);

@@ -18,8 +18,15 @@ from .llama_config import LlamaConfig
 from .rotary import rotate_into
 from .unloaded import Embedding, Linear, parameter
 
-PROMPT_ROWS = 512
-"""Tokens of a prompt that are taken at a time: enough to pay for expanding the weights."""
+PROMPT_ROWS = 256
+"""Tokens of a prompt that are taken at a time: enough to pay for expanding the weights, few enough for the memory that
+the MLP takes."""
+
+
+def give_back(device: torch.device) -> None:
+    """Free memory, to the system: a new sequence has caches of its own sizes, and single tokens need little."""
+    if device.type == "xpu":
+        torch.xpu.empty_cache()
 
 
 class Norm(nn.Module):
@@ -162,6 +169,7 @@ class Llama(nn.Module):
         capacity = capacity or config.context
         if fp8 and config.head_dim != 128:
             raise ValueError(f"a cache of bytes takes heads of 128, not of {config.head_dim}")
+        give_back(self.device)
 
         def layer() -> AnyLayerCache:
             if fp8:
@@ -191,7 +199,12 @@ class Llama(nn.Module):
             cache.length += len(part)
             if not last:
                 results.append(self.lm_head(self.model.norm(x)))
-        return self.lm_head(self.model.norm(x[-1:])) if last else torch.cat(results)
+        if not last:
+            return torch.cat(results)
+        logits = self.lm_head(self.model.norm(x[-1:]))
+        del x, tables
+        give_back(self.device)
+        return logits
 
     def embed(self, tokens: Tensor) -> Tensor:
         """The tokens' rows of the embedding, [rows, width], on the device and in the type of the model."""

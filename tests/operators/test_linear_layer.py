@@ -37,7 +37,7 @@ def test_routes_shapes_and_forms(results, name):
     observed = results(KELVOR_XPU_DEVICE_NAME=name, KELVOR_XPU_GUARD_PAGES="1")
     group, outputs = (64 if device_class == 0 else 32), (8 if device_class == 5 else 2)
     for i, (call, expected) in enumerate(routes.CALLS):
-        qtype, input_rows, output, _, environment = call
+        qtype, _, output, _, environment = call
         route, shapes = str(observed[f"route{i}"]), observed[f"shapes{i}"].tolist()
         tiled = expected[device_class] == "t"
         assert route == (routes.DENSE if tiled else routes.LETTERS[expected[device_class]]), call
@@ -54,9 +54,8 @@ def test_routes_shapes_and_forms(results, name):
                 size, rows = 256, [-(-output * 64 // (4 if qtype == 11 else 2) // 256)]
             else:
                 size = (32 if qtype in (8, 15, 19) else 16) * (1 if device_class == 0 else 2)
-                # What is expanded at a time for up to 64 rows stays in a cache.
+                # What is expanded at a time stays in a cache.
                 step = int(environment.get("TILE_SIZE", 4096)) if tiled else (4 << 20) // (64 * 4)
-                step = output if input_rows > 64 and not tiled else step
                 rows = [min(step, output - i) for i in range(0, output, step)]
             waits = qtype != 7 and not (qtype == 2 and device_class == 0)
             assert shapes == [[groups, size, int(waits)] for groups in rows], call

@@ -1,12 +1,16 @@
 #include "allocator.hpp"
 
 #include <c10/util/Exception.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <fstream>
 #include <limits>
@@ -22,6 +26,7 @@ namespace {
 
 constexpr std::size_t alignment = 64;
 constexpr std::size_t huge_page = std::size_t{2} << 20;
+constexpr std::size_t smallest_mapping = std::size_t{1} << 20;
 /// Free memory below this is always kept; above, up to the highest number of live bytes. What exceeds that is
 /// returned from the block that has been free for longest.
 constexpr std::size_t small_cache = std::size_t{256} << 20;
@@ -148,15 +153,27 @@ class Pool {
   void unlock() { lock_.unlock(); }
 
  private:
+  /// Large blocks come from the system and not from malloc, which keeps much of what is freed. Weights are
+  /// streamed: with pages of 4 KB, address translation would cost a good part of the bandwidth.
   static void* fresh(std::size_t size) {
-    if (size < 2 * huge_page) return std::aligned_alloc(alignment, size);
-    void* memory = std::aligned_alloc(huge_page, size);
-    // Weights are streamed; with pages of 4 KB, address translation costs a good part of the bandwidth.
-    if (memory != nullptr) madvise(memory, size, MADV_HUGEPAGE);
+    if (size < smallest_mapping) return std::aligned_alloc(alignment, size);
+    const std::size_t margin = size < 2 * huge_page ? 0 : huge_page;
+    void* const mapped =
+        mmap(nullptr, size + margin, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) return nullptr;
+    if (margin == 0) return mapped;
+    auto* const begin = static_cast<std::byte*>(mapped);
+    std::byte* const memory = begin + (margin - reinterpret_cast<std::uintptr_t>(mapped) % margin) % margin;
+    if (memory > begin) munmap(begin, static_cast<std::size_t>(memory - begin));
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+    std::byte* const end = memory + (size + page - 1) / page * page;
+    if (end < begin + size + margin) munmap(end, static_cast<std::size_t>(begin + size + margin - end));
+    madvise(memory, size, MADV_HUGEPAGE);
     return memory;
   }
   static void destroy(Block* block) {
-    std::free(block->memory);
+    block->size < smallest_mapping ? std::free(block->memory)
+                                   : static_cast<void>(munmap(block->memory, block->size));
     delete block;
   }
   Block* take_oldest() {
@@ -290,6 +307,7 @@ std::size_t uncounted_bytes(const c10::Storage& storage) {
 
 void DeviceAllocator::emptyCache(c10::MempoolId_t) {
   pool().release_free();
+  malloc_trim(0);  // what the CPU's operators took on the way is malloc's
 }
 
 c10::CachingDeviceAllocator::DeviceStats DeviceAllocator::getDeviceStats(c10::DeviceIndex) {

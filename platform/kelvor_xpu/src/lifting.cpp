@@ -8,6 +8,7 @@
 
 #include <optional>
 #include <string_view>
+#include <sycl/cpu.hpp>
 #include <utility>
 #include <vector>
 
@@ -194,8 +195,7 @@ class Backup {
 }  // namespace
 
 bool cpu_multiplies_bfloat16() {
-  static const bool has_instructions = __builtin_cpu_supports("avx512bf16");
-  return has_instructions && at::globalContext().userEnabledMkldnn();
+  return sycl::host::multiplies_bfloat16() && at::globalContext().userEnabledMkldnn();
 }
 
 void call_cpu(const c10::OperatorHandle& op, const OperatorTraits& traits, Stack* stack) {

@@ -15,7 +15,8 @@
 namespace kelvor_xpu {
 namespace {
 
-constexpr int64_t most_rows = 256;
+/// Rows that are widened together: as many floats as the depth, for each.
+constexpr int64_t rows_at_once = 1024;
 /// Multiply-adds that are worth a thread's attention.
 constexpr int64_t smallest_piece = int64_t{1} << 17;
 
@@ -28,17 +29,16 @@ bool dense_rows(const at::Tensor& matrix) {
   return matrix.stride(1) == 1 && (matrix.stride(0) >= matrix.size(1) || matrix.size(0) == 1);
 }
 
-/// Whether the streaming kernels are faster than the CPU's operator. In float, users compare with the CPU's
-/// sums.
-bool outruns_cpu(c10::ScalarType type, int64_t rows) {
-  return (type == at::kHalf || (type == at::kBFloat16 && !cpu_multiplies_bfloat16())) && rows <= most_rows;
+/// Whether our kernels are faster than the CPU's operator. In float, users compare with the CPU's sums.
+bool outruns_cpu(c10::ScalarType type) {
+  return type == at::kHalf || (type == at::kBFloat16 && !cpu_multiplies_bfloat16());
 }
 
-/// Whether the streaming kernels can do out = rows @ weights. All else, errors included, is for the CPU's
+/// Whether our kernels can do out = rows @ weights. All else, errors included, is for the CPU's
 /// operator.
 bool streams(const at::Tensor& rows, const at::Tensor& weights, const at::Tensor& out) {
   const c10::ScalarType type = rows.scalar_type();
-  if (rows.dim() != 2 || !outruns_cpu(type, rows.size(0))) return false;
+  if (rows.dim() != 2 || !outruns_cpu(type)) return false;
   if (!is_matrix(rows, type) || !is_matrix(weights, type) || !is_matrix(out, type)) {
     return false;
   }
@@ -63,27 +63,32 @@ void check_types(const at::Tensor& rows, const at::Tensor& weights) {
 void run(LinearCall call, const at::Tensor& rows, const at::Tensor& weights, at::Tensor& out) {
   settings();  // the number of threads
   call.type = out.scalar_type() == at::kHalf ? ElementType::half : ElementType::bfloat16;
-  call.rows = rows.size(0);
   call.depth = rows.size(1);
   call.padded_depth = padded(call.depth);
   call.weight = weights.data_ptr();
   call.weight_stride = weights.stride(1);
-  call.out = out.data_ptr();
   call.out_stride = out.stride(0);
 
   const at::Tensor dense = dense_rows(rows) ? rows : rows.contiguous();
-  const c10::DataPtr wide = scratch_allocator()->allocate(call.rows * call.padded_depth * sizeof(float));
-  auto* x = static_cast<float*>(wide.get());
-  lay_out(call, dense.data_ptr(), dense.stride(0), x);
-  call.x = x;
-
-  const int64_t columns = out.size(1);
-  const int64_t wanted = std::clamp(smallest_piece / (call.rows * call.depth), int64_t{1}, columns);
-  const int64_t grain =
-      (wanted + linear_columns_at_once - 1) / linear_columns_at_once * linear_columns_at_once;
-  sycl::host::parallel_for_pieces(columns, grain, [&](std::size_t begin, std::size_t end) {
-    linear_columns(call, static_cast<int64_t>(begin), static_cast<int64_t>(end));
-  });
+  const auto row = [](const at::Tensor& matrix, int64_t number) {
+    return static_cast<char*>(matrix.data_ptr()) + number * matrix.stride(0) * matrix.element_size();
+  };
+  const int64_t most = std::min(rows_at_once, rows.size(0)), columns = out.size(1);
+  const c10::DataPtr wide = scratch_allocator()->allocate(most * call.padded_depth * sizeof(float));
+  call.x = static_cast<float*>(wide.get());
+  const auto* addend = static_cast<const char*>(call.addend);
+  for (int64_t first = 0; first < rows.size(0); first += rows_at_once) {
+    call.rows = std::min(rows_at_once, rows.size(0) - first);
+    call.out = row(out, first);
+    if (addend != nullptr) call.addend = addend + first * call.addend_row_stride * out.element_size();
+    lay_out(call, row(dense, first), dense.stride(0), static_cast<float*>(wide.get()));
+    const int64_t wanted = std::clamp(smallest_piece / (call.rows * call.depth), int64_t{1}, columns);
+    const int64_t grain =
+        (wanted + linear_columns_at_once - 1) / linear_columns_at_once * linear_columns_at_once;
+    sycl::host::parallel_for_pieces(columns, grain, [&](std::size_t begin, std::size_t end) {
+      linear_columns(call, static_cast<int64_t>(begin), static_cast<int64_t>(end));
+    });
+  }
 }
 
 }  // namespace

@@ -13,6 +13,15 @@ const T* row_of(const LinearCall& call, int64_t column) {
   return static_cast<const T*>(call.weight) + column * call.weight_stride;
 }
 
+/// Calls body(first, count) for each tile of rows.
+template <class Body>
+void for_tiles(int64_t rows, const Body& body) {
+  for (int64_t tile = 0; tile < spmd::tiles_of(rows); ++tile) {
+    const int64_t first = spmd::tile_begin(rows, tile);
+    body(first, spmd::tile_begin(rows, tile + 1) - first);
+  }
+}
+
 /// Writes a sum.
 template <class T>
 void write(const LinearCall& call, int64_t row, int64_t column, float sum) {
@@ -24,8 +33,8 @@ void write(const LinearCall& call, int64_t row, int64_t column, float sum) {
   static_cast<T*>(call.out)[row * call.out_stride + column] = narrowed<T>(value);
 }
 
-/// Up to `columns` columns from `first` on of `Rows` rows from `row` on: each weight is widened where it is used,
-/// and the columns' weights are streamed side by side.
+/// Up to `columns` columns from `first` on of `Rows` rows from `row` on: each weight is widened where it is
+/// used, and the columns' weights are streamed side by side.
 template <class T, int Rows, int columns>
 void stream(const LinearCall& call, int64_t row, int64_t first, int64_t end) {
   const float* const tile = call.x + row * call.padded_depth;
@@ -60,16 +69,15 @@ template <class T, int Columns, int... Rows>
 void stream_columns(const LinearCall& call, int64_t begin, int64_t end, std::integer_sequence<int, Rows...>) {
   static constexpr std::array tiles{stream<T, Rows + 1, Columns>...};
   for (int64_t first = begin; first < end; first += Columns) {
-    spmd::for_tiles(call.rows,
-                    [&](int64_t row, int64_t count) { tiles[count - 1](call, row, first, end); });
+    for_tiles(call.rows, [&](int64_t row, int64_t count) { tiles[count - 1](call, row, first, end); });
   }
 }
 
 /// More rows: bound by arithmetic, so that panels of weights are widened once for all rows.
 template <class T>
 void panel_columns(const LinearCall& call, int64_t begin, int64_t end) {
-  for (int64_t first = begin; first < end; first += linear_columns_at_once) {
-    const int64_t columns = end - first < linear_columns_at_once ? end - first : linear_columns_at_once;
+  for (int64_t first = begin; first < end; first += spmd::product_columns) {
+    const int64_t columns = end - first < spmd::product_columns ? end - first : spmd::product_columns;
     spmd::multiply_columns(call.x, call.rows, call.depth, row_of<T>(call, first), call.weight_stride, columns,
                            [&](int64_t row, const float* sums) {
                              for (int64_t c = 0; c < columns; ++c) write<T>(call, row, first + c, sums[c]);
@@ -80,7 +88,7 @@ void panel_columns(const LinearCall& call, int64_t begin, int64_t end) {
 }  // namespace
 
 void linear_columns(const LinearCall& call, int64_t begin, int64_t end) {
-  with_type(call.type, [&]<class T>(T) { 
+  with_type(call.type, [&]<class T>(T) {
     if (call.rows > most_streamed_rows) return panel_columns<T>(call, begin, end);
     if (call.rows > 3)
       return stream_columns<T, 2>(call, begin, end, std::make_integer_sequence<int, spmd::tile_rows>());
@@ -91,8 +99,12 @@ void linear_columns(const LinearCall& call, int64_t begin, int64_t end) {
 void lay_out(const LinearCall& call, const void* from, int64_t stride, float* to) {
   with_type(call.type, [&]<class T>(T) {
     const auto* rows = static_cast<const T*>(from);
-    if (call.rows > most_streamed_rows) return spmd::lay_out_rows(rows, stride, call.rows, call.depth, to);
-    spmd::for_tiles(call.rows, [&](int64_t first, int64_t count) {
+    if (call.rows > most_streamed_rows) {
+      for (int64_t tile = 0; tile < spmd::tiles_of(call.rows); ++tile)
+        spmd::lay_out_tile(rows, stride, call.rows, tile, call.depth, to);
+      return;
+    }
+    for_tiles(call.rows, [&](int64_t first, int64_t count) {
       float* const tile = to + first * call.padded_depth;
       for (int64_t r = 0; r < count; ++r) {
         const T* row = rows + (first + r) * stride;

@@ -31,7 +31,7 @@ struct LinearCall {
 };
 
 /// Columns of `out` that are computed together; pieces of work should be multiples of it.
-constexpr std::int64_t linear_columns_at_once = 64;
+constexpr std::int64_t linear_columns_at_once = 32;
 
 /// `depth` rounded up to what the kernels read at once.
 constexpr std::int64_t padded(std::int64_t depth) {

@@ -72,4 +72,9 @@ std::string chosen_target() {
                            std::string(asked) + "\"");
 }
 
+bool multiplies_bfloat16() {
+  static const bool has_instructions = (__builtin_cpu_init(), __builtin_cpu_supports("avx512bf16"));
+  return has_instructions;
+}
+
 }  // namespace sycl::host

@@ -18,9 +18,9 @@ inline constexpr int tile_rows = target::register_bytes == 64 ? 12 : 6;
 /// first-level cache.
 inline constexpr int panel_columns = std::max(8, 2 * native_lanes<float>);
 inline constexpr int panel_depth = 256;
-/// Weight rows that use the same activations while these are in the second-level cache, and the activation
-/// rows that fit there.
-inline constexpr int product_columns = 64;
+/// Weight rows that are multiplied together, and the activation rows that then stay in the second-level
+/// cache.
+inline constexpr int product_columns = 32;
 inline constexpr int product_rows = 192;
 
 /// `depth` in whole eights, which is what is read at once.
@@ -36,36 +36,25 @@ constexpr std::int64_t tile_begin(std::int64_t rows, std::int64_t tile) {
   return tile * rows / tiles_of(rows);
 }
 
-/// Calls body(first, count) for each of the tiles of `rows` rows.
-template <class Body>
-void for_tiles(std::int64_t rows, const Body& body) {
-  for (std::int64_t first = 0; first < rows; first += product_rows) {
-    const std::int64_t chunk = std::min<std::int64_t>(product_rows, rows - first);
-    for (std::int64_t t = 0; t < tiles_of(chunk); ++t) {
-      const std::int64_t begin = tile_begin(chunk, t);
-      body(first + begin, tile_begin(chunk, t + 1) - begin);
+/// Lays out a tile of activation rows for `multiply_columns`: `count` of `rows` rows from `first` on,
+/// `stride` elements apart, are widened and stand side by side, element by element, with zeros up to the
+/// padded depth. All tiles need rows * padded_depth floats.
+template <class T>
+void lay_out_tile(const T* from, std::int64_t stride, std::int64_t rows, std::int64_t tile,
+                  std::int64_t depth, float* to) {
+  const std::int64_t padded = padded_depth(depth), first = tile_begin(rows, tile);
+  const std::int64_t count = tile_begin(rows, tile + 1) - first;
+  to += first * padded;
+  for (std::int64_t r = 0; r < count; ++r) {
+    const T* row = from + (first + r) * stride;
+    for (std::int64_t k = 0; k < padded; k += 8) {
+      const auto live = static_cast<int>(std::min<std::int64_t>(8, depth - k));
+      const auto eight = convert<float>(live == 8 ? load<8>(row + k) : load<8>(row + k, first_lanes{live}));
+      std::array<float, 8> values;
+      std::memcpy(values.data(), &eight, sizeof values);
+      for (std::int64_t i = 0; i < 8; ++i) to[(k + i) * count + r] = values[i];
     }
   }
-}
-
-/// Lays out activation rows `stride` elements apart for `multiply_columns`: widened, the rows of a tile side
-/// by side, element by element, and zeros up to the padded depth. `to` has room for rows * padded_depth.
-template <class T>
-void lay_out_rows(const T* from, std::int64_t stride, std::int64_t rows, std::int64_t depth, float* to) {
-  const std::int64_t padded = padded_depth(depth);
-  for_tiles(rows, [&](std::int64_t first, std::int64_t count) {
-    float* tile = to + first * padded;
-    for (std::int64_t r = 0; r < count; ++r) {
-      const T* row = from + (first + r) * stride;
-      for (std::int64_t k = 0; k < padded; k += 8) {
-        const auto live = static_cast<int>(std::min<std::int64_t>(8, depth - k));
-        const auto eight = convert<float>(live == 8 ? load<8>(row + k) : load<8>(row + k, first_lanes{live}));
-        alignas(32) float values[8];
-        store(values, eight);
-        for (std::int64_t i = 0; i < 8; ++i) tile[(k + i) * count + r] = values[i];
-      }
-    }
-  });
 }
 
 /// Widens `depth` elements of `columns` weight rows into a panel: the rows' elements side by side. Places of
@@ -79,9 +68,8 @@ void lay_out_panel(const T* from, std::int64_t stride, std::int64_t columns, std
     float* to = panel + c;
     const auto turn = [&](std::int64_t k, const auto& live) [[gnu::always_inline]] {
       std::array<eight_floats, 8> values;
-      unrolled<8>([&](auto i) [[gnu::always_inline]] {
-        values[i] = convert<float>(load<8>(row[i] + k, live));
-      });
+      unrolled<8>([&](auto i)
+                      [[gnu::always_inline]] { values[i] = convert<float>(load<8>(row[i] + k, live)); });
       const auto turned = transposed(values);
       unrolled<8>([&](auto i) [[gnu::always_inline]] { store(to + (k + i) * panel_columns, turned[i]); });
     };
@@ -115,24 +103,30 @@ void multiply_columns(const float* x, std::int64_t rows, std::int64_t depth, con
                       std::int64_t stride, std::int64_t columns, const Write& write) {
   static constexpr auto add = []<int... I>(std::integer_sequence<int, I...>) {
     return std::array{add_panel<I + 1>...};
-  }(std::make_integer_sequence<int, tile_rows>());
-  alignas(64) float panel[panel_columns * panel_depth];
-  alignas(64) float sums[product_rows * product_columns];
-  const std::int64_t padded = padded_depth(depth);
-  for (std::int64_t row = 0; row < rows; row += product_rows) {
-    const std::int64_t chunk = std::min<std::int64_t>(product_rows, rows - row);
-    std::fill_n(sums, chunk * product_columns, 0.0f);
+  }
+  (std::make_integer_sequence<int, tile_rows>());
+  constexpr std::int64_t tiles_together = product_rows / tile_rows;
+  struct alignas(64) {
+    float panel[panel_columns * panel_depth], sums[product_rows * product_columns];
+  } own;
+  const sycl::host::accessible_here all(&own, sizeof own);
+  const std::int64_t padded = padded_depth(depth), tiles = tiles_of(rows);
+  for (std::int64_t tile = 0; tile < tiles; tile += tiles_together) {
+    const std::int64_t last = std::min(tiles, tile + tiles_together), row = tile_begin(rows, tile);
+    std::fill_n(own.sums, product_rows * product_columns, 0.0f);
     for (std::int64_t k = 0; k < depth; k += panel_depth) {
       const std::int64_t part = std::min<std::int64_t>(panel_depth, depth - k);
       for (std::int64_t c = 0; c < columns; c += panel_columns) {
-        lay_out_panel(weight + c * stride + k, stride, columns - c, part, panel);
-        for_tiles(chunk, [&](std::int64_t first, std::int64_t count) {
-          add[count - 1](x + (row + first) * padded + k * count, panel, part,
-                         sums + first * product_columns + c);
-        });
+        lay_out_panel(weight + c * stride + k, stride, columns - c, part, own.panel);
+        for (std::int64_t t = tile; t < last; ++t) {
+          const std::int64_t first = tile_begin(rows, t), count = tile_begin(rows, t + 1) - first;
+          add[count - 1](x + first * padded + k * count, own.panel, part,
+                         own.sums + (first - row) * product_columns + c);
+        }
       }
     }
-    for (std::int64_t r = 0; r < chunk; ++r) write(row + r, sums + r * product_columns);
+    for (std::int64_t r = row; r < tile_begin(rows, last); ++r)
+      write(r, own.sums + (r - row) * product_columns);
   }
 }
 

@@ -3,6 +3,7 @@
 // into.
 
 #include <cstddef>
+#include <type_traits>
 
 namespace sycl::host {
 
@@ -30,6 +31,12 @@ inline constexpr bool checks_enabled = true;
 #else
 inline constexpr bool checks_enabled = false;
 #endif
+
+/// `accessible` in debug builds; else nothing.
+struct unchecked {
+  unchecked(const void*, std::size_t) {}
+};
+using accessible_here = std::conditional_t<checks_enabled, accessible, unchecked>;
 
 /// check_access in debug builds; else nothing.
 template <class T>

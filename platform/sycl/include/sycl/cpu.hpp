@@ -13,4 +13,7 @@ std::string unsupported_cpu();
 /// a name that is none and for a target that this CPU lacks.
 std::string chosen_target();
 
+/// Whether this CPU has instructions that multiply bfloat16.
+bool multiplies_bfloat16();
+
 }  // namespace sycl::host
