@@ -7,6 +7,7 @@
 #include <c10/core/Device.h>
 
 #include <array>
+#include <concepts>
 #include <cstdint>
 
 #include "checks.h"
@@ -47,7 +48,10 @@ struct matvec_kernel {
   }
 };
 
-/// A few activation rows: group (g, b) computes outputs 2g and 2g + 1 of activation rows 2b and 2b + 1.
+/// A few activation rows: group (g, b) computes outputs 2g and 2g + 1 of activation rows 2b and 2b + 1, as
+/// far as the caller sees. In float the first group of a block does the work of all, so that a weight is
+/// unpacked once for up to eight activation rows and these are fetched once for eight outputs. Half and
+/// bfloat16 gain nothing by that, since rounding every sum takes far longer than unpacking.
 template <class Format, class T>
 struct batch_kernel {
   std::size_t batch_size;
@@ -59,6 +63,10 @@ struct batch_kernel {
   std::size_t output_size;
   T* output;
 
+  static constexpr bool in_blocks = std::same_as<T, float>;
+  /// The most activation rows and outputs that one group computes.
+  static constexpr int most_rows = in_blocks ? 8 : 2, most_outputs = in_blocks ? 8 : 2;
+
   activation_tiles<Format, T> tiles{};
   void prepare(sycl::host::arena& memory) {
     tiles.prepare(memory, input, static_cast<int>(state_size), static_cast<int>(batch_size),
@@ -68,8 +76,13 @@ struct batch_kernel {
   template <class Item>
   void operator()(const Item& item) const {
     // Rows
-    const int b0 = static_cast<int>(item.get_group(1)) * 2;
-    if (b0 + 1 < static_cast<int>(batch_size)) {
+    const int b0 = static_cast<int>(item.get_group(1)) * 2, left = static_cast<int>(batch_size) - b0;
+    if constexpr (in_blocks) {
+      const int place = b0 % most_rows;
+      if (left + place > 6) return multiply_block<8>(item, b0, place);
+      if (left + place > 2 && place < 4) return multiply_block<4>(item, b0, place);
+    }
+    if (left > 1) {
       multiply<2>(item, b0);
     } else {
       multiply<1>(item, b0);
@@ -77,23 +90,52 @@ struct batch_kernel {
   }
 
  private:
+  zoned_weight<Format> packed() const {
+    return {weight, scale_offset, static_cast<std::int64_t>(state_size) / Format::block};
+  }
+  int outputs_from(std::int64_t row0, int most) const {
+    return static_cast<int>(std::min<std::int64_t>(most, static_cast<std::int64_t>(output_size) - row0));
+  }
+  T* output_of(int b, std::int64_t row) const {
+    return output + b * static_cast<std::int64_t>(output_size) + row;
+  }
+
   template <int Batch, class Item>
   void multiply(const Item& item, int b0) const {
     // Assign
     const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * 2;
-    const auto rows =
-        static_cast<int>(std::min<std::int64_t>(2, static_cast<std::int64_t>(output_size) - row0));
-    const auto columns = static_cast<std::int64_t>(state_size);
-    const zoned_weight<Format> packed{weight, scale_offset, columns / Format::block};
+    const int rows = outputs_from(row0, 2);
     // Walk, Stage, Tree
-    const auto sum =
-        row_products<Batch>(item, tiles, b0, columns, packed.template rows<2>(row0), local.get(item), rows);
+    const auto sum = row_products<Batch>(item, tiles, b0, static_cast<std::int64_t>(state_size),
+                                         packed().template rows<2>(row0), local.get(item), rows);
     // Write
     if (item.first() != 0) return;
     for (int b = 0; b < Batch; ++b) {
-      T* out = output + static_cast<std::int64_t>(b0 + b) * static_cast<std::int64_t>(output_size) + row0;
-      for (int j = 0; j < rows; ++j) spmd::store(out + j, sum[b * 2 + j]);
+      for (int j = 0; j < rows; ++j) spmd::store(output_of(b0 + b, row0 + j), sum[b * 2 + j]);
     }
+  }
+
+  /// The first group of a block, at `place` 0: up to `Batch` activation rows, and eight outputs. Rows after
+  /// the last one repeat it.
+  template <int Batch, class Item>
+  void multiply_block(const Item& item, int b0, int place) const {
+    // Assign
+    const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * 2;
+    if (place != 0 || row0 % most_outputs != 0) return;
+    const int batch = static_cast<int>(batch_size);
+    std::array<int, Batch> rows;
+    for (int b = 0; b < Batch; ++b) rows[b] = std::min(b0 + b, batch - 1);
+    // Walk
+    walk_together(item, tiles, rows, static_cast<int>(state_size), packed().template rows<most_outputs>(row0),
+                  outputs_from(row0, most_outputs), [&](int j, const auto& acc) {
+                    // Stage, Tree
+                    const auto sum =
+                        spmd::tree_sum(item, acc, local.get(item) + j * Batch * item.group_size());
+                    // Write
+                    if (item.first() != 0) return;
+                    for (int b = 0; b < std::min(Batch, batch - b0); ++b)
+                      spmd::store(output_of(b0 + b, row0 + j), sum[b]);
+                  });
   }
 };
 
@@ -163,10 +205,11 @@ void qlinear_xpu_kernel_batch(const T* input, const std::uint8_t* weight, T* out
                                                                static_cast<std::int64_t>(output_size));
   const sycl::range<2> global((output_size + 1) / 2 * wg_size, (batch_size + 1) / 2);
   submit(device, [&](sycl::handler& command) {
-    const sycl::local_accessor<T, 2> local({2, 2 * wg_size}, command);
-    command.parallel_for(sycl::nd_range<2>(global, {wg_size, 1}),
-                         batch_kernel<Format, T>{batch_size, state_size, weight, scale_offset, input, local,
-                                                 output_size, output});
+    using kernel = batch_kernel<Format, T>;
+    const sycl::local_accessor<T, 2> local({kernel::most_rows, kernel::most_outputs * wg_size}, command);
+    command.parallel_for(
+        sycl::nd_range<2>(global, {wg_size, 1}),
+        kernel{batch_size, state_size, weight, scale_offset, input, local, output_size, output});
   });
 }
 

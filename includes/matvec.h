@@ -16,12 +16,14 @@ namespace tolvane {
 /// the two of a byte first.
 enum class activation_sum { in_order, by_byte };
 
-/// Activation rows, tile by tile, in the order in which a gang's lanes read them. All work-groups read the
-/// same rows, so they are widened and transposed once per submission.
+/// Activation rows, tile by tile, in the order in which the lanes of a gang's registers read them. All
+/// work-groups read the same rows, so they are widened and transposed once per submission.
 template <class Format, class T>
 class activation_tiles {
  public:
   static constexpr int lanes = spmd::gang_lanes;
+  /// Lanes whose activations stand together: those of a register, and as many as packed tiles are loaded for.
+  static constexpr int part = lanes == 1 ? 1 : std::max(8, spmd::native_lanes<spmd::wide<T>>);
 
   /// Lays out `rows` rows of `state_size` activations, a whole number of blocks. Lanes after the last tile
   /// are zero.
@@ -29,7 +31,8 @@ class activation_tiles {
                activation_sum sums = activation_sum::in_order) {
     const int tiles = state_size / Format::tile;
     const int padded = (tiles + lanes - 1) / lanes * lanes;
-    stride_ = static_cast<std::int64_t>(padded) * Format::tile;
+    // Rows that begin a power of two apart would fall into the same few places of the nearest cache.
+    stride_ = static_cast<std::int64_t>(padded) * Format::tile + 64 / sizeof(spmd::wide<T>);
     auto* out = memory.template allocate<spmd::wide<T>>(static_cast<std::size_t>(stride_) * rows);
     for (int row = 0; row < rows; ++row)
       lay_out(out + row * stride_, input + std::int64_t{row} * state_size, tiles);
@@ -42,19 +45,26 @@ class activation_tiles {
           total[row * padded + t] = t < tiles ? static_cast<spmd::wide<T>>(sum_tile(from, t, sums)) : 0;
       }
       sums_ = total;
+      sum_stride_ = padded;
     }
   }
 
-  /// Activation `place` of tile first + l in lane l.
-  [[gnu::always_inline]] spmd::varying_t<T, lanes> element(int row, int first, int place) const {
-    return wide_load(tiles_ + row * stride_ + std::int64_t{first} * Format::tile + place * lanes);
+  /// Activation `place` of tile first + l in lane l; `first` is a multiple of `part`.
+  template <int Width>
+  [[gnu::always_inline]] spmd::varying_t<T, Width> element(int row, int first, int place) const {
+    if constexpr (Width > part) {
+      return joined(element<Width / 2>(row, first, place), element<Width / 2>(row, first + Width / 2, place));
+    } else {
+      return wide_load<Width>(tiles_ + row * stride_ + std::int64_t{first} * Format::tile + place * part);
+    }
   }
   /// The sum of the activations of tile first + l, for formats that ask for it.
-  [[gnu::always_inline]] spmd::varying_t<T, lanes> sum(int row, int first) const {
+  template <int Width>
+  [[gnu::always_inline]] spmd::varying_t<T, Width> sum(int row, int first) const {
     if constexpr (Format::needs_activation_sum) {
-      return wide_load(sums_ + row * (stride_ / Format::tile) + first);
+      return wide_load<Width>(sums_ + row * sum_stride_ + first);
     } else {
-      return spmd::varying_t<T, lanes>(T(0.0f));
+      return spmd::varying_t<T, Width>(T(0.0f));
     }
   }
 
@@ -63,10 +73,10 @@ class activation_tiles {
     const int tail = tiles / lanes * lanes;
     if (tail < tiles) std::fill_n(out + std::int64_t{tail} * Format::tile, lanes * Format::tile, 0);
     for (int t = 0; t < tiles; ++t) {
-      spmd::wide<T>* tile = out + std::int64_t{t} / lanes * (lanes * Format::tile) + t % lanes;
+      spmd::wide<T>* tile = out + std::int64_t{t} / part * (part * Format::tile) + t % part;
       for (int run = 0; run < Format::tile / 8; ++run) {
         const T* elements = from + Format::run_start(t, run);
-        for (int c = 0; c < 8; ++c) tile[(run * 8 + c) * lanes] = elements[c];
+        for (int c = 0; c < 8; ++c) tile[(run * 8 + c) * part] = elements[c];
       }
     }
   }
@@ -82,17 +92,19 @@ class activation_tiles {
     return total;
   }
 
-  [[gnu::always_inline]] static spmd::varying_t<T, lanes> wide_load(const spmd::wide<T>* at) {
-    if constexpr (spmd::reduced<T> && lanes > 1) {
-      return spmd::lanes<T, lanes>(spmd::load<lanes>(at));
+  template <int Width>
+  [[gnu::always_inline]] static spmd::varying_t<T, Width> wide_load(const spmd::wide<T>* at) {
+    if constexpr (spmd::reduced<T> && Width > 1) {
+      return spmd::lanes<T, Width>(spmd::load<Width>(at));
     } else {
-      return spmd::load<lanes>(at);
+      return spmd::load<Width>(at);
     }
   }
 
   const spmd::wide<T>* tiles_ = nullptr;
   const spmd::wide<T>* sums_ = nullptr;
   std::int64_t stride_ = 0;
+  std::int64_t sum_stride_ = 0;
 };
 
 /// Where one weight row's packed values and scales begin.
@@ -136,6 +148,46 @@ inline constexpr int rounds_together = [] {
   return spmd::reduced<T> || registers >= 4 ? std::clamp(8 / registers, 2, 4) : 1;
 }();
 
+/// Adds the products of tiles first[r] + l of a weight row and of activation rows b[a] to acc(a), in lane l.
+template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live, class Acc>
+[[gnu::always_inline]] inline void add_tiles(const activation_tiles<Format, T>& input,
+                                             const std::array<int, Rows>& b, const packed_row& row,
+                                             const std::array<int, Rounds>& first, Live live,
+                                             const Acc& acc) {
+  using value = spmd::varying_t<T, Width>;
+  // Load
+  std::array<decltype(Format::template load<Width>(row.values, 0, live)), Rounds> tiles;
+  spmd::unrolled<Rounds>([&](auto r) [[gnu::always_inline]] {
+    tiles[r] = Format::template load<Width>(row.values, first[r], live);
+  });
+  // Tile dot
+  std::array<value, Rounds * Rows> sum;
+  spmd::unrolled<Format::tile>([&](auto k) [[gnu::always_inline]] {
+    spmd::unrolled<Rounds>([&](auto r) [[gnu::always_inline]] {
+      const value w = Format::template element<Format, T, Width>(tiles[r], k);
+      spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
+        const value x = input.template element<Width>(b[a], first[r], Format::order(k));
+        if constexpr (k == 0) {
+          sum[r * Rows + a] = x * w;
+        } else {
+          sum[r * Rows + a] = spmd::mad(x, w, sum[r * Rows + a]);
+        }
+      });
+    });
+  });
+  // Scale
+  spmd::unrolled<Rounds>([&](auto r) [[gnu::always_inline]] {
+    const std::int64_t block = first[r] / Format::tiles_per_block;
+    const auto scales = Format::template load_scales<Format::tiles_per_block, T, Width>(
+        row.scales + block * Format::scale_bytes, live);
+    spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
+      const value scaled =
+          Format::accumulate(acc(a), sum[r * Rows + a], input.template sum<Width>(b[a], first[r]), scales);
+      acc(a) = spmd::keep_unless(live, scaled, acc(a));
+    });
+  });
+}
+
 /// Step Walk over one weight row, for `Rows` activation rows from `row0` on: returns the accumulators of the
 /// gang's work-items. Weight rows are walked one after the other, so that a work-group reads its packed bytes
 /// as one run of memory: two rows in turn halve the rate at which they come.
@@ -143,45 +195,53 @@ template <int Rows, class Format, class T, class Item>
 [[gnu::always_inline]] inline auto walk(const Item& item, const activation_tiles<Format, T>& input, int row0,
                                         int state_size, const packed_row& row) {
   constexpr int n = Item::lanes;
-  using value = spmd::varying<T, Item>;
-  std::array<value, Rows> acc;
-  spmd::unrolled<Rows>([&](auto a) { acc[a] = value(T(0.0f)); });
+  std::array<spmd::varying<T, Item>, Rows> acc;
+  std::array<int, Rows> b;
+  spmd::unrolled<Rows>([&](auto a) {
+    acc[a] = spmd::varying<T, Item>(T(0.0f));
+    b[a] = row0 + a;
+  });
+  const auto own = [&](int a) [[gnu::always_inline]] -> auto& {
+    return acc[a];
+  };
   constexpr int together = Rows == 1 ? rounds_together<T, n> : 1;
-  spmd::strided<together>(
-      item, state_size / Format::tile, [&](const auto& first, auto live) [[gnu::always_inline]] {
-        constexpr int rounds = std::tuple_size_v<std::remove_cvref_t<decltype(first)>>;
-        // Load
-        std::array<decltype(Format::template load<n>(row.values, 0, live)), rounds> tiles;
-        spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
-          tiles[r] = Format::template load<n>(row.values, first[r], live);
-        });
-        // Tile dot
-        std::array<value, rounds * Rows> sum;
-        spmd::unrolled<Format::tile>([&](auto k) [[gnu::always_inline]] {
-          spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
-            const value w = Format::template element<Format, T, n>(tiles[r], k);
-            spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
-              const value x = input.element(row0 + a, first[r], Format::order(k));
-              if constexpr (k == 0) {
-                sum[r * Rows + a] = x * w;
-              } else {
-                sum[r * Rows + a] = spmd::mad(x, w, sum[r * Rows + a]);
-              }
-            });
-          });
-        });
-        // Scale
-        spmd::unrolled<rounds>([&](auto r) [[gnu::always_inline]] {
-          const std::int64_t block = first[r] / Format::tiles_per_block;
-          spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
-            const value scaled = Format::template accumulate<Format::tiles_per_block, T, n>(
-                acc[a], sum[r * Rows + a], input.sum(row0 + a, first[r]),
-                row.scales + block * Format::scale_bytes, live);
-            acc[a] = spmd::keep_unless(live, scaled, acc[a]);
-          });
-        });
-      });
+  spmd::strided<together>(item, state_size / Format::tile,
+                          [&](const auto& first, auto live)
+                              [[gnu::always_inline]] { add_tiles<n>(input, b, row, first, live, own); });
   return acc;
+}
+
+/// Step Walk over the first `live` of several weight rows, for activation rows b: calls finish(j, acc) with
+/// the accumulators for weight row j. A gang's lanes are taken a register at a time, so that an unpacked
+/// weight and its sums with all activation rows stay in registers, and the weight rows take turns at the
+/// activations, which are too many to stay in the nearest cache for longer.
+template <class Format, class T, std::size_t Rows, std::size_t Count, class Item, class Finish>
+[[gnu::always_inline]] inline void walk_together(const Item& item, const activation_tiles<Format, T>& input,
+                                                 const std::array<int, Rows>& b, int state_size,
+                                                 const std::array<packed_row, Count>& rows, int live,
+                                                 const Finish& finish) {
+  constexpr int n = Item::lanes, width = activation_tiles<Format, T>::part;
+  using part = spmd::varying_t<T, width>;
+  std::array<std::array<std::array<part, n / width>, Rows>, Count> acc;
+  for (int j = 0; j < live; ++j) {
+    for (auto& parts : acc[j]) parts.fill(part(T(0.0f)));
+  }
+  spmd::strided<1>(item, state_size / Format::tile, [&](const auto& round, auto lanes) {
+    for (int p = 0; p < n / width; ++p) {
+      const auto own = spmd::part_of<width>(lanes, p * width);
+      if (own.count <= 0) return;
+      for (int j = 0; j < live; ++j) {
+        add_tiles<width>(
+            input, b, rows[j], std::array{round[0] + p * width},
+            own, [&](int a) [[gnu::always_inline]] -> auto& { return acc[j][a][p]; });
+      }
+    }
+  });
+  for (int j = 0; j < live; ++j) {
+    std::array<spmd::varying<T, Item>, Rows> sums;
+    for (std::size_t a = 0; a < Rows; ++a) sums[a] = spmd::joined_parts<n / width>(acc[j][a].data());
+    finish(j, sums);
+  }
 }
 
 /// Steps Walk, Stage and Tree of a work-group: weight row j's dot product with activation row b0 + b as entry

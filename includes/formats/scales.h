@@ -1,8 +1,10 @@
 #pragma once
-// How a tile's sum enters the accumulator of its row, and how an expansion scales an element.
+// How a tile's sum enters the accumulator of its row, and how an expansion scales an element. `load_scales`
+// gives what `accumulate` wants of the blocks of a gang's tiles, of which `Repeat` neighbours share one.
 
 #include <array>
 #include <cstdint>
+#include <variant>
 
 #include "spmd/spmd.hpp"
 
@@ -15,10 +17,13 @@ struct one_scale {
   static constexpr int scale_bytes = sizeof(Scale);
   static constexpr bool needs_activation_sum = false;
 
-  template <int Repeat, class T, int N, class Live, class V>
-  static V accumulate(const V& acc, const V& sum, const V&, const std::uint8_t* scales, Live live) {
-    const auto d = spmd::load_repeated<N, Repeat, Scale>(scales, live);
-    return spmd::mad(sum, spmd::convert<T>(d), acc);
+  template <int Repeat, class T, int N, class Live>
+  static spmd::varying_t<T, N> load_scales(const std::uint8_t* scales, Live live) {
+    return spmd::convert<T>(spmd::load_repeated<N, Repeat, Scale>(scales, live));
+  }
+  template <class V>
+  static V accumulate(const V& acc, const V& sum, const V&, const V& d) {
+    return spmd::mad(sum, d, acc);
   }
 };
 
@@ -28,13 +33,15 @@ struct scale_and_minimum {
   static constexpr int scale_bytes = 4;
   static constexpr bool needs_activation_sum = true;
 
-  template <int Repeat, class T, int N, class Live, class V>
-  static V accumulate(const V& acc, const V& sum, const V& activations, const std::uint8_t* scales,
-                      Live live) {
+  template <int Repeat, class T, int N, class Live>
+  static std::array<spmd::varying_t<T, N>, 2> load_scales(const std::uint8_t* scales, Live live) {
     const auto pair = spmd::load_repeated<N, Repeat, std::uint32_t>(scales, live);
-    const auto d = spmd::convert<T>(spmd::half_from_bits(pair & 0xFFFFu));
-    const auto m = spmd::convert<T>(spmd::half_from_bits(pair >> 16));
-    return acc + spmd::mad(sum, d, activations * m);
+    return {spmd::convert<T>(spmd::half_from_bits(pair & 0xFFFFu)),
+            spmd::convert<T>(spmd::half_from_bits(pair >> 16))};
+  }
+  template <class V>
+  static V accumulate(const V& acc, const V& sum, const V& activations, const std::array<V, 2>& d_and_m) {
+    return acc + spmd::mad(sum, d_and_m[0], activations * d_and_m[1]);
   }
 };
 
@@ -44,8 +51,12 @@ struct no_scale {
   static constexpr int scale_bytes = 4;
   static constexpr bool needs_activation_sum = false;
 
-  template <int Repeat, class T, int N, class Live, class V>
-  static V accumulate(const V& acc, const V& sum, const V&, const std::uint8_t*, Live) {
+  template <int Repeat, class T, int N, class Live>
+  static std::monostate load_scales(const std::uint8_t*, Live) {
+    return {};
+  }
+  template <class V>
+  static V accumulate(const V& acc, const V& sum, const V&, std::monostate) {
     return acc + sum;
   }
 };

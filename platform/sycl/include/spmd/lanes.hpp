@@ -129,6 +129,16 @@ template <class T, int N>
   }
 }
 
+/// `Count` values of neighbouring lanes put together, a power of two.
+template <int Count, class V>
+[[gnu::always_inline]] inline auto joined_parts(const V* parts) {
+  if constexpr (Count == 1) {
+    return *parts;
+  } else {
+    return joined(joined_parts<Count / 2>(parts), joined_parts<Count / 2>(parts + Count / 2));
+  }
+}
+
 /// f on the registers of x, and of `more` of the same type; f gives registers of To.
 template <class To, class F, class T, int N, class... More>
 [[gnu::always_inline]] inline lanes<To, N> per_register_as(const F& f, const lanes<T, N>& x,

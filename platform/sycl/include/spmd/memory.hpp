@@ -1,6 +1,8 @@
 #pragma once
 // Loads and stores of varying values. Costs are for one register.
 
+#include <algorithm>
+
 #include "spmd/convert.hpp"
 #include "sycl/checks.hpp"
 
@@ -32,6 +34,16 @@ constexpr first_lanes lower_half(first_lanes live) {
 }
 constexpr first_lanes upper_half(first_lanes live, int n) {
   return {live.count - n / 2};
+}
+
+/// The part of a gang that its `Width` lanes from `first` on see.
+template <int Width, int N>
+constexpr all_lanes<Width> part_of(all_lanes<N>, int /*first*/) {
+  return {};
+}
+template <int Width>
+constexpr first_lanes part_of(first_lanes live, int first) {
+  return {std::min(Width, live.count - first)};
 }
 
 /// value where the lane takes part, else `kept`.

@@ -33,8 +33,17 @@ template <int N, int Repeat, class T, class Live>
     alignas(64) T buffer[8] = {};
     const int count = (live.count + Repeat - 1) / Repeat;
     checked(p, static_cast<std::size_t>(count) * sizeof(T));
-    std::memcpy(buffer, p,
-                (std::same_as<Live, first_lanes> ? static_cast<std::size_t>(count) : distinct) * sizeof(T));
+    if constexpr (std::same_as<Live, first_lanes>) {
+      std::memcpy(buffer, p, static_cast<std::size_t>(count) * sizeof(T));
+    } else if constexpr (distinct * sizeof(T) <= 8) {
+      // As a register: a load of what two stores have just written waits until they are done.
+      std::uint64_t word = 0;
+      std::memcpy(&word, p, distinct * sizeof(T));
+      const vec<std::uint64_t, sizeof(T)> whole{word};
+      std::memcpy(static_cast<void*>(buffer), &whole, sizeof buffer);
+    } else {
+      std::memcpy(buffer, p, distinct * sizeof(T));
+    }
     const lanes<T, 8> few = from_buffer<8>(buffer);
     return repeat_lanes<N, Repeat, 0>(few);
   }
