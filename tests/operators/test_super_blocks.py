@@ -9,7 +9,7 @@ import tolvane
 import torch
 from numpy.testing import assert_array_equal
 
-from super_block_cases import on_xpu
+from cases import on_xpu
 from super_block_reference import BLOCK_BYTES, QTYPE, decoded, quantized, random_records
 
 

@@ -169,34 +169,26 @@ def test_packed_checkpoints(checkpoints, tmp_path, name: str, format: str) -> No
 
 
 def test_what_is_refused(checkpoints, tmp_path) -> None:
+    def refuses(error: type[Exception], message: str, format: str | None = None, **changed: Any) -> None:
+        config = json.loads((checkpoints["grouped"] / "config.json").read_text())
+        (tmp_path / "config.json").write_text(json.dumps(config | changed))
+        with pytest.raises(error, match=message):
+            quarn.from_pretrained(tmp_path, format, progress=False)
+
     with pytest.raises(FileNotFoundError, match="has no config.json"):
         quarn.from_pretrained(tmp_path)
-    config = json.loads((checkpoints["grouped"] / "config.json").read_text())
-
-    def folder_with(**changed: Any) -> Path:
-        (tmp_path / "config.json").write_text(json.dumps(config | changed))
-        return tmp_path
-
-    with pytest.raises(ValueError, match="type mamba are not among"):
-        quarn.from_pretrained(folder_with(model_type="mamba"))
-    with pytest.raises(ValueError, match="must be silu, but is gelu"):
-        quarn.from_pretrained(folder_with(hidden_act="gelu"))
-    with pytest.raises(ValueError, match="default, linear, llama3, but is yarn"):
-        quarn.from_pretrained(folder_with(rope_parameters={"rope_type": "yarn"}))
-    with pytest.raises(FileNotFoundError, match="no .*safetensors file"):
-        quarn.from_pretrained(folder_with())
+    refuses(ValueError, "type mamba are not among", model_type="mamba")
+    refuses(ValueError, "must be silu, but is gelu", hidden_act="gelu")
+    refuses(ValueError, "default, linear, llama3, but is yarn", rope_parameters={"rope_type": "yarn"})
+    refuses(FileNotFoundError, "no .*safetensors file")
     for path in checkpoints["grouped"].glob("*.safetensors*"):
         (tmp_path / path.name).write_bytes(path.read_bytes())
-    with pytest.raises(KeyError, match="no tensor model.layers.2"):
-        quarn.from_pretrained(folder_with(num_hidden_layers=3), progress=False)
-    with pytest.raises(ValueError, match="no place for 9 tensors"):
-        quarn.from_pretrained(folder_with(num_hidden_layers=1), progress=False)
-    with pytest.raises(ValueError, match="q_proj: .*multiple of 256"):
-        quarn.from_pretrained(folder_with(), "q2_k", progress=False)
+    refuses(KeyError, "no tensor model.layers.2", num_hidden_layers=3)
+    refuses(ValueError, "no place for 9 tensors", num_hidden_layers=1)
+    refuses(ValueError, "q_proj: .*multiple of 256", "q2_k")
     shard = sorted(tmp_path.glob("*.safetensors"))[0]
     shard.write_bytes(shard.read_bytes()[:-10])
-    with pytest.raises(ValueError, match="cut off"):
-        quarn.from_pretrained(tmp_path)
+    refuses(ValueError, "cut off")
     model = quarn.from_pretrained(checkpoints["grouped"], progress=False)
     with pytest.raises(ValueError, match="holds 2 positions, but 21 are needed"):
         model(prompt(), model.new_cache(2))
