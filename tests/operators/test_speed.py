@@ -67,7 +67,7 @@ def test_vectors_pay(in_python):
         pytest.skip("nothing to compare with")
     for _ in range(2):
         ours, scalar = (
-            json.loads(in_python("test_speed.py", KELVOR_XPU_THREADS="1", KELVOR_XPU_TARGET=target).stdout)
+            json.loads(in_python(__file__, KELVOR_XPU_THREADS="1", KELVOR_XPU_TARGET=target).stdout)
             for target in (kelvor_xpu.target(), "scalar")
         )
         slow = {name: scalar[name] / ours[name] for name in ours if scalar[name] < 4 * ours[name]}
