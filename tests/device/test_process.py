@@ -54,24 +54,6 @@ def test_malformed_numbers_are_refused_at_every_use(output, variable: str, value
     assert len([line for line in lines if said in line]) == 2
 
 
-def test_largest_work_group_is_the_settings(output) -> None:
-    code = """
-        import tolvane
-        weight = torch.zeros(2 * 34, dtype=torch.uint8, device="xpu")
-        x = torch.ones(1, 64, device="xpu")
-        try:
-            tolvane.mlp_forward_xpu(x, weight, weight, 1, 64, 2, 2)  # in groups of 32
-        except ValueError as error:
-            print(error)
-        print(kelvor_xpu.submission_count(), kelvor_xpu.wait_count())
-    """
-    pytest.importorskip("tolvane")
-    refused, counts = output(code, KELVOR_XPU_MAX_WORK_GROUP_SIZE="31").splitlines()
-    assert "local size {32}: the device's largest work-group has 31 work-items" in refused
-    assert counts == "0 0"
-    assert output(code, KELVOR_XPU_MAX_WORK_GROUP_SIZE="32") == "1 0"
-
-
 @pytest.mark.parametrize("threads", ["1", "3"])
 def test_thread_counts_do_not_change_results(output, threads: str) -> None:
     code = """

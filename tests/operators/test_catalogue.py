@@ -13,7 +13,7 @@ from catalogue import CASES
 from cases import DEVICE_NAMES
 from linear_cases import LONG, products
 from mlp_cases import LARGE
-from norm_cases import Norm, cases as norms
+from norm_cases import OPERATORS, Norm, cases as norms
 from rope_cases import Rotary
 from rwkv_cases import PAIRS, TimeShift
 from super_block_cases import SuperBlockExpansion, SuperBlocks
@@ -27,6 +27,7 @@ LENGTHS = {*range(1, 40), 64, 255, 1024, 1026, 2047, 2048, 2050, 4096}
 LARGE_CASES = [
     *products(LONG),
     *LARGE,
+    *(Norm(operator, "float16", rows, 96, True) for operator in OPERATORS for rows in (0, 1000)),
     *(TimeShift(*pair, (17, 1, 256, 2048)) for pair in PAIRS),
     *(
         case

@@ -15,11 +15,7 @@ from norm_cases import OPERATORS, Norm, check_norm, eps_in_kernel
 
 
 @pytest.mark.parametrize("operator", OPERATORS)
-def test_rows_from_none_to_many_and_a_row_past_the_limit(operator):
-    for weight, bias in ((False, False), (True, False), (False, True), (True, True)):
-        for rows in (0, 1, 1000):
-            case = Norm(operator, "float16", rows, 96, weight, bias)
-            case.check(case.arrays())
+def test_a_row_past_the_limit(operator):
     for type, limit in zip(TYPES, (16384, 8192, 4096, 16384), strict=True):
         before = kelvor_xpu.submission_count()
         refused = Norm(operator, type, 2, limit + 1).run()["out"]

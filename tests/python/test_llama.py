@@ -18,7 +18,7 @@ from torch import nn
 import quarn
 from quarn import kv_cache, llama
 from quarn.command import main
-from reference import MODEL_SIZES, take_packed_weights
+from reference import MODEL_SIZES, prompt, result_of_the_library
 
 transformers = pytest.importorskip("transformers")
 pytest.importorskip("tolvane")
@@ -48,7 +48,6 @@ FORMATS = {
     "q4_0": "q4_0",
     "mixed": {"down": "q8_0", "k_proj": "nf4", "lm_head": None, "default": "q4_0"},
 }
-PROMPT, NEW = 21, 64
 
 
 @pytest.fixture(scope="module")
@@ -67,38 +66,22 @@ def checkpoints(tmp_path_factory) -> dict[str, Path]:
     return folders
 
 
-def reference(folder: Path, model: nn.Module) -> nn.Module:
-    """The library's own model in float, with what the packed weights stand for."""
-    own = transformers.AutoModelForCausalLM.from_pretrained(folder, dtype=torch.float32).eval()
-    take_packed_weights(own, model)
-    return own
-
-
-def prompt() -> torch.Tensor:
-    return torch.randint(0, 192, (PROMPT,), generator=torch.Generator().manual_seed(3))
-
-
 @pytest.mark.parametrize("format", FORMATS)
 @pytest.mark.parametrize("name", MODELS)
 def test_logits_and_tokens_of_the_library(checkpoints, monkeypatch, name: str, format: str) -> None:
     """The prompt in pieces of eight, then token by token."""
     monkeypatch.setattr(llama, "PROMPT_ROWS", 8)
     model = quarn.from_pretrained(checkpoints[name], FORMATS[format], progress=False)
-    own = reference(checkpoints[name], model)
-    tokens = list(quarn.generate(model, prompt().tolist(), NEW))
-    everything = torch.cat([prompt(), torch.tensor(tokens)])
-    with torch.no_grad():
-        expected = own(everything[None]).logits[0]
-    chosen = expected[PROMPT - 1 : -1].argmax(-1)
-    assert tokens == chosen.tolist() and len(set(tokens)) > 3
+    everything, result = result_of_the_library(checkpoints[name], model)
+    expected, count = result.logits[0], len(prompt())
 
     cache = model.new_cache(len(everything))
-    parts = [everything[:PROMPT], *everything[PROMPT:].split(1)]
+    parts = [everything[:count], *everything[count:].split(1)]
     actual = torch.cat([model(part, cache) for part in parts]).cpu()
     assert (actual - expected).abs().max() <= 1e-4 * (expected.max() - expected.min())
     # Forgetting and going on another way leaves no trace.
-    cache.cut(PROMPT)
-    assert torch.equal(model(everything[PROMPT : PROMPT + 1], cache).cpu(), actual[[PROMPT]])
+    cache.cut(count)
+    assert torch.equal(model(everything[count : count + 1], cache).cpu(), actual[[count]])
 
 
 def test_fused_operators_run(checkpoints) -> None:
