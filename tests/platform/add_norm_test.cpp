@@ -14,7 +14,7 @@
 namespace {
 
 at::Tensor row(const std::vector<float>& values, at::ScalarType type = at::kFloat) {
-  return at::tensor(values, type).to(at::kXPU);
+  return at::tensor(values).to(at::kXPU, type);
 }
 
 void expect_row(const at::Tensor& actual, const std::vector<float>& expected) {
