@@ -10,15 +10,8 @@ from typing import Any, Callable
 import torch
 from torch.utils._pytree import tree_flatten, tree_map
 
-if "expecttest" not in sys.modules:
-    try:
-        import expecttest  # noqa: F401
-    except ImportError:
-        # The table's module wants this package for tests of its own, of which none is used here.
-        stand_in = types.ModuleType("expecttest")
-        stand_in.TestCase = unittest.TestCase
-        stand_in.ACCEPT = False
-        sys.modules["expecttest"] = stand_in
+# The table's module wants this package for tests of its own, of which none is used here.
+sys.modules.setdefault("expecttest", types.SimpleNamespace(TestCase=unittest.TestCase, ACCEPT=False))  # type: ignore[arg-type]
 
 from torch.testing._internal import common_methods_invocations  # noqa: E402
 from torch.testing._internal.common_utils import set_rng_seed  # noqa: E402

@@ -2,34 +2,32 @@
 
 from __future__ import annotations
 
-import os
 import shutil
-import subprocess
-import sys
 import textwrap
 from pathlib import Path
-from typing import Any
+from typing import Any, Callable
 
 import pytest
 import torch
 
 import kelvor_xpu
 
-
-def run(code: str, imports: str = "import torch, kelvor_xpu", **variables: str) -> subprocess.CompletedProcess[str]:
-    """Runs ``code`` in a fresh interpreter with the given environment variables."""
-    environment = {**os.environ, **variables}
-    program = imports + "\n" + textwrap.dedent(code)
-    return subprocess.run([sys.executable, "-c", program], env=environment, capture_output=True, text=True, timeout=240)
+IMPORTS = "import torch, kelvor_xpu\n"
 
 
-def output(code: str, imports: str = "import torch, kelvor_xpu", **variables: str) -> str:
-    done = run(code, imports, **variables)
-    assert done.returncode == 0, done.stderr
-    return done.stdout.strip()
+@pytest.fixture
+def output(in_python) -> Callable[..., str]:
+    """What code prints that goes well."""
+
+    def run(code: str, imports: str = IMPORTS, **variables: str) -> str:
+        done = in_python(imports + textwrap.dedent(code), **variables)
+        assert done.returncode == 0, done.stderr
+        return done.stdout.strip()
+
+    return run
 
 
-def test_settings_name_the_device() -> None:
+def test_settings_name_the_device(output) -> None:
     show = "print(kelvor_xpu.device_name(), '|', torch.xpu.get_device_name(0))"
     assert output(show, KELVOR_XPU_DEVICE_NAME="Some Card") == "Some Card | Some Card"
     plain = output(show, KELVOR_XPU_DEVICE_NAME="")
@@ -43,7 +41,7 @@ def test_settings_name_the_device() -> None:
         ("KELVOR_XPU_MAX_WORK_GROUP_SIZE", "many"),
     ],
 )
-def test_malformed_numbers_are_refused_at_every_use(variable: str, value: str) -> None:
+def test_malformed_numbers_are_refused_at_every_use(output, variable: str, value: str) -> None:
     code = """
         for _ in range(2):
             try:
@@ -56,26 +54,8 @@ def test_malformed_numbers_are_refused_at_every_use(variable: str, value: str) -
     assert len([line for line in lines if said in line]) == 2
 
 
-def test_largest_work_group_is_the_settings() -> None:
-    code = """
-        import tolvane
-        weight = torch.zeros(2 * 34, dtype=torch.uint8, device="xpu")
-        x = torch.ones(1, 64, device="xpu")
-        try:
-            tolvane.mlp_forward_xpu(x, weight, weight, 1, 64, 2, 2)  # in groups of 32
-        except ValueError as error:
-            print(error)
-        print(kelvor_xpu.submission_count(), kelvor_xpu.wait_count())
-    """
-    pytest.importorskip("tolvane")
-    refused, counts = output(code, KELVOR_XPU_MAX_WORK_GROUP_SIZE="31").splitlines()
-    assert "local size {32}: the device's largest work-group has 31 work-items" in refused
-    assert counts == "0 0"
-    assert output(code, KELVOR_XPU_MAX_WORK_GROUP_SIZE="32") == "1 0"
-
-
 @pytest.mark.parametrize("threads", ["1", "3"])
-def test_thread_counts_do_not_change_results(threads: str) -> None:
+def test_thread_counts_do_not_change_results(output, threads: str) -> None:
     code = """
         torch.manual_seed(0)
         x, w = torch.randn(7, 512).half(), torch.randn(900, 512).half()
@@ -84,7 +64,7 @@ def test_thread_counts_do_not_change_results(threads: str) -> None:
     assert output(code, KELVOR_XPU_THREADS=threads) == output(code, KELVOR_XPU_THREADS="2")
 
 
-def test_a_forked_child_can_use_the_device() -> None:
+def test_a_forked_child_can_use_the_device(output) -> None:
     code = """
         import os
         w = torch.randn(600, 600, dtype=torch.half, device="xpu")
@@ -100,7 +80,7 @@ def test_a_forked_child_can_use_the_device() -> None:
     output(code)
 
 
-def test_exit_with_live_tensors_and_a_sleeping_thread() -> None:
+def test_exit_with_live_tensors_and_a_sleeping_thread(output) -> None:
     code = """
         import threading, time
         keep = torch.randn(300, 300, device="xpu", requires_grad=True)
@@ -120,7 +100,7 @@ def test_exit_with_live_tensors_and_a_sleeping_thread() -> None:
     assert output(code) == "300"
 
 
-def test_a_second_copy_of_the_library_changes_nothing(tmp_path: Path) -> None:
+def test_a_second_copy_of_the_library_changes_nothing(output, tmp_path: Path) -> None:
     package = Path(kelvor_xpu.__file__).parent
     library = next(path for place in (package, package.parent) for path in place.glob("libkelvor-xpu.so"))
     copy = shutil.copy(library, tmp_path / "libother-xpu.so")
@@ -133,7 +113,7 @@ def test_a_second_copy_of_the_library_changes_nothing(tmp_path: Path) -> None:
     output(code)
 
 
-def test_memory_is_counted_reused_and_returned() -> None:
+def test_memory_is_counted_reused_and_returned(output) -> None:
     code = """
         import gc
         assert kelvor_xpu.memory_allocated() == 0
@@ -167,7 +147,7 @@ def test_memory_is_counted_reused_and_returned() -> None:
     output(code)
 
 
-def test_what_was_freed_last_stays_when_much_is_free() -> None:
+def test_what_was_freed_last_stays_when_much_is_free(output) -> None:
     code = """
         for size in (100, 120, 140, 80):  # MB, one after the other: 360 would be free
             torch.empty(size << 20, dtype=torch.uint8, device="xpu")
@@ -226,13 +206,13 @@ def test_streams_and_events(device: Any) -> None:
         start.elapsed_time(torch.xpu.Event())
 
 
-def test_a_late_import_says_so() -> None:
+def test_a_late_import_says_so(output, in_python) -> None:
     code = """
         import torch
         torch.ones(1, requires_grad=True).sum().backward()  # counts the devices
         import kelvor_xpu
     """
-    done = run(code, imports="", TORCH_DEVICE_BACKEND_AUTOLOAD="0")
+    done = in_python(textwrap.dedent(code), TORCH_DEVICE_BACKEND_AUTOLOAD="0")
     assert "ImportError: kelvor_xpu was imported too late" in done.stderr
     early = "import kelvor_xpu, torch; print(torch.ones(1).xpu().item())"
     assert output(early, imports="", TORCH_DEVICE_BACKEND_AUTOLOAD="0") == "1.0"
@@ -241,7 +221,7 @@ def test_a_late_import_says_so() -> None:
 
 
 @pytest.mark.parametrize(("name", "value"), [("PYTHON", "2.7"), ("TORCH", "1.0.0")])
-def test_another_python_or_torch_is_told_what_to_do(name: str, value: str) -> None:
+def test_another_python_or_torch_is_told_what_to_do(in_python, name: str, value: str) -> None:
     code = f"""
         import sys, types
         built_for = types.ModuleType("kelvor_xpu._built_for")
@@ -252,7 +232,7 @@ def test_another_python_or_torch_is_told_what_to_do(name: str, value: str) -> No
         assert torch.ones(2).sum() == 2 and "kelvor_xpu._C" not in sys.modules
         import kelvor_xpu
     """
-    warned, refused = run(code, imports="").stderr.split("Traceback")
+    warned, refused = in_python(textwrap.dedent(code)).stderr.split("Traceback")
     assert "UserWarning: the xpu device is not available: tolvane's modules are built for" in warned
     for said in ("ImportError: tolvane's modules", f" {value}, but", "--no-build-isolation"):
         assert said in refused

@@ -34,6 +34,19 @@ class Arithmetic:
     def add(self, a: np.ndarray, b: np.ndarray) -> np.ndarray:
         return self.to(self.wide(a) + self.wide(b))
 
+    def total(self, parts: np.ndarray) -> np.ndarray:
+        """The sum over the first axis, in order from 0."""
+        total = self.to(np.zeros(parts.shape[1:]))
+        for part in self.to(parts):
+            total = self.add(total, part)
+        return total
+
+    def tree(self, entries: np.ndarray) -> np.ndarray:
+        """The sum over the last axis: entry l + stride is added to entry l, for stride halving down to 1."""
+        while (stride := entries.shape[-1] // 2) > 0:
+            entries = self.add(entries[..., :stride], entries[..., stride:])
+        return entries[..., 0]
+
     def mad(self, a: np.ndarray, b: np.ndarray, c: np.ndarray) -> np.ndarray:
         """a * b + c with one rounding of the wide type, then to T (exact enough in double for narrower types)."""
         return self.to(self.wide(np.float64(a) * np.float64(b) + np.float64(c)))

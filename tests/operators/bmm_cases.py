@@ -8,7 +8,7 @@ import numpy as np
 import torch
 import tolvane
 
-from cases import Case, Results
+from cases import Case, Results, on_xpu
 
 
 @dataclass(frozen=True)
@@ -24,7 +24,7 @@ class Bmm(Case):
     def run(self) -> dict[str, torch.Tensor]:
         batch, m, _, p = self.shape
         c = torch.full((batch, m, p), torch.nan, device="xpu")
-        out = tolvane.bmm(*(torch.from_numpy(x).to("xpu") for x in self.factors()), c)
+        out = tolvane.bmm(*(on_xpu(x) for x in self.factors()), c)
         assert out.data_ptr() == c.data_ptr() and out.shape == c.shape
         return {"out": c}
 

@@ -18,6 +18,11 @@ def numbers(tensor: torch.Tensor | None) -> np.ndarray | None:
     return None if tensor is None else tensor.cpu().double().numpy()
 
 
+def on_xpu(array: np.ndarray, dtype: str | None = None) -> torch.Tensor:
+    """A copy, in the array's type or another."""
+    return torch.from_numpy(np.array(array)).to("xpu", dtype and getattr(torch, dtype))
+
+
 class Case:
     """A call, whose kind derives a dataclass with the field `type`, run() and check(results, group).
 
@@ -43,6 +48,11 @@ class Case:
     def arrays(self) -> Results:
         return {part: numbers(x) for part, x in self.run().items()}
 
+    def activations(self, *shape: int) -> np.ndarray:
+        """Random multiples of 1/64 that every element type can hold."""
+        values = np.random.default_rng(3).standard_normal(shape)
+        return (np.round(values * 64) / 64).astype(np.float32)
+
 
 class SummingCase(Case):
     """Of packed rows times activations: sums in float and double are made in any order."""
@@ -50,8 +60,3 @@ class SummingCase(Case):
     @property
     def any_order(self) -> bool:
         return self.type in ("float32", "float64")
-
-    def activations(self, *shape: int) -> np.ndarray:
-        """Random activations that every element type can hold."""
-        values = np.random.default_rng(3).standard_normal(shape)
-        return (np.round(values * 64) / 64).astype(np.float32)

@@ -10,24 +10,16 @@ import tolvane
 from numpy.testing import assert_array_equal
 
 import arithmetic
-from cases import Case, Results
+from cases import Case, Results, on_xpu
 from packed import FORMATS
 
 
 def lane_sums(products: np.ndarray, t: arithmetic.Arithmetic) -> np.ndarray:
     """32 work-items add up every 32nd of the last dimension, then the first adds up theirs; each sum rounds."""
-    count = products.shape[-1]
-    steps = -(-count // 32)
-    padded = np.zeros((*products.shape[:-1], steps * 32), products.dtype)
-    padded[..., :count] = products
-    padded = padded.reshape(*products.shape[:-1], steps, 32)
-    part = np.zeros((*products.shape[:-1], 32), products.dtype)
-    for step in range(steps):
-        part = t.add(part, padded[..., step, :])
-    total = np.zeros_like(part[..., 0])
-    for lane in range(32):
-        total = t.add(total, part[..., lane])
-    return total
+    spare = -products.shape[-1] % 32
+    padded = np.pad(products, [(0, 0)] * (products.ndim - 1) + [(0, spare)])
+    steps = padded.reshape(*products.shape[:-1], padded.shape[-1] // 32, 32)
+    return t.total(np.moveaxis(t.total(np.moveaxis(steps, -2, 0)), -1, 0))
 
 
 @dataclass(frozen=True)
@@ -71,7 +63,7 @@ class Attention(Case):
         operators = {"scores": tolvane.query_key_fp8_matmul, "mixed": tolvane.attn_value_fp8_matmul}
         results = {}
         for name, (x, w) in self.data().items():
-            x, w = torch.from_numpy(x).to("xpu", self.dtype), torch.from_numpy(w).to("xpu")
+            x, w = on_xpu(x, self.type), on_xpu(w)
             results[name] = operators[name](*self.used(name, x, w))
             size = self.length if name == "scores" else self.head_dim
             assert results[name].shape == (self.batch, self.heads, 1, size)

@@ -12,7 +12,7 @@ import torch
 import tolvane
 from numpy.testing import assert_array_equal
 
-from cases import TYPES, Case, Results, SummingCase
+from cases import TYPES, Case, Results, SummingCase, on_xpu
 from matvec_reference import dense, dot_rows
 from packed import FORMATS, Weight, random_weight
 
@@ -37,8 +37,8 @@ class Product(SummingCase):
 
     def arguments(self) -> list:
         w = weight(self.format, self.state, self.output)
-        x = torch.from_numpy(self.activations(self.rows, self.state)).to("xpu", self.dtype)
-        return [x, torch.from_numpy(w.bytes).to("xpu"), w.format.qtype, 0]
+        x = on_xpu(self.activations(self.rows, self.state), self.type)
+        return [x, on_xpu(w.bytes), w.format.qtype, 0]
 
     def run(self) -> dict[str, torch.Tensor]:
         with mock.patch.dict(os.environ, QUARN_LLM_SYSARR_DISABLED="1"):
@@ -76,7 +76,7 @@ class Expansion(Case):
 
     def run(self) -> dict[str, torch.Tensor]:
         w = weight(self.format, self.state, self.output)
-        packed = torch.from_numpy(w.bytes).to("xpu")
+        packed = on_xpu(w.bytes)
         if self.format in DEQUANT:
             like = torch.empty(0, self.state, dtype=self.dtype, device="xpu")
             result = tolvane.dequant(like, packed, w.format.qtype)

@@ -10,6 +10,7 @@ import kelvor_xpu
 import torch
 import tolvane
 
+from cases import on_xpu
 from packed import BLOCK_BYTES, FORMATS, random_weight
 
 ONE, FEW, DENSE, ENGINE, TILED = "1", "few", "dense", "engine", "tiled"
@@ -86,8 +87,8 @@ def observations() -> dict[str, np.ndarray]:
         with mock.patch.dict(os.environ, call[4]):
             route, shapes = observed(*call[:4])
         results[f"route{i}"], results[f"shapes{i}"] = (np.array(route), np.array(shapes).reshape(-1, 3))
-    weight = torch.from_numpy(random_weight(FORMATS["q4_0"], OUTPUT, STATE, 1).bytes).to("xpu")
-    x = torch.from_numpy(np.random.default_rng(2).standard_normal((ROWS, STATE))).to("xpu")
+    weight = on_xpu(random_weight(FORMATS["q4_0"], OUTPUT, STATE, 1).bytes)
+    x = on_xpu(np.random.default_rng(2).standard_normal((ROWS, STATE)))
     for size in TILE_SIZES:
         with mock.patch.dict(os.environ, TILE_THRESHOLD="100", TILE_SIZE=size):
             tolvane.forward_new(x[:1], weight, 2, 4096)  # makes no slices, and so takes any size

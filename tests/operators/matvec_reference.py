@@ -8,15 +8,6 @@ from arithmetic import Arithmetic
 from packed import Weight
 
 
-def tree(entries: np.ndarray, t: Arithmetic) -> np.ndarray:
-    """Adds entry l + stride to entry l, for stride halving down to 1."""
-    stride = entries.shape[1] // 2
-    while stride:
-        entries[:, :stride] = t.add(entries[:, :stride], entries[:, stride : 2 * stride])
-        stride //= 2
-    return entries[:, 0]
-
-
 def _sum_tile(inputs: np.ndarray, t: Arithmetic, by_byte: bool) -> np.ndarray:
     """The activations of each tile added up: in order, or the two of a byte first."""
     total = np.zeros(len(inputs), inputs.dtype)
@@ -55,7 +46,7 @@ def dot_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int, by_byte: 
         own = entries[:, : part.stop - first]
         scaled = form.reads_scale and not form.minimum
         own[:] = t.mad(total[:, part], d[:, part], own) if scaled else t.add(own, total[:, part])
-    return tree(entries, t)
+    return t.tree(entries)
 
 
 def _dot_five_bit_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int) -> np.ndarray:
@@ -72,7 +63,7 @@ def _dot_five_bit_rows(x: np.ndarray, weight: Weight, t: Arithmetic, group: int)
     for first in range(0, blocks, group // 32):
         part = both[:, first : first + group // 32].reshape(rows, -1)
         entries[:, : part.shape[1]] = t.add(entries[:, : part.shape[1]], part)
-    return tree(entries, t)
+    return t.tree(entries)
 
 
 def dense(weight: Weight, t: Arithmetic) -> np.ndarray:

@@ -10,7 +10,7 @@ import torch
 import tolvane
 
 from arithmetic import Arithmetic
-from cases import TYPES, Results, SummingCase
+from cases import TYPES, Results, SummingCase, on_xpu
 from matvec_reference import dot_rows
 from packed import FUSED, Weight, random_weight
 
@@ -42,9 +42,9 @@ class Mlp(SummingCase):
     kind: str = "plain"
 
     def run(self) -> dict[str, torch.Tensor]:
-        x = torch.from_numpy(self.activations(1, self.state)).to("xpu", self.dtype)
+        x = on_xpu(self.activations(1, self.state), self.type)
         pair = weights(self.format, self.state, self.output, self.kind)
-        packed = [torch.from_numpy(w.bytes).to("xpu") for w in pair]
+        packed = [on_xpu(w.bytes) for w in pair]
         qtype = pair[0].format.qtype
         out = tolvane.mlp_forward_xpu(x, *packed, 1, self.state, self.output, qtype)
         assert out.shape == (1, self.output) and out.dtype == x.dtype

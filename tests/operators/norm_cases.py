@@ -10,7 +10,7 @@ import torch
 import tolvane
 
 import arithmetic
-from cases import TYPES, Case, Results, numbers
+from cases import TYPES, Case, Results, numbers, on_xpu
 
 OPERATORS = ("fused_rms_norm", "fused_layer_norm")
 FLOAT_UNIT = 2.0**-24
@@ -68,7 +68,7 @@ class Norm(Case):
         random = np.random.default_rng(self.n)
         made = [random.standard_normal(s) * 2 + 0.5 for s in ((self.rows, self.n), self.n, self.n)]
         used = (True, self.weight, self.bias)
-        return [torch.from_numpy(x).to("xpu", self.dtype) if u else None for x, u in zip(made, used)]
+        return [on_xpu(x, self.type) if u else None for x, u in zip(made, used)]
 
     def run(self) -> dict[str, torch.Tensor]:
         x, *rest = self.tensors()

@@ -9,7 +9,7 @@ import torch
 import tolvane
 from numpy.testing import assert_array_equal
 
-from cases import TYPES, Results, SummingCase
+from cases import TYPES, Results, SummingCase, on_xpu
 from matvec_reference import dot_rows
 from packed import FUSED, Weight, random_weight
 from rope_cases import check_turned, turns_at
@@ -48,8 +48,8 @@ class Qkv(SummingCase):
         return cache.transpose(1, 2) if self.transposed else cache
 
     def run(self) -> dict[str, torch.Tensor]:
-        x = torch.from_numpy(self.activations(1, self.state)).to("xpu", self.dtype)
-        packed = [torch.from_numpy(w.bytes).to("xpu") for w in self.weights().values()]
+        x = on_xpu(self.activations(1, self.state), self.type)
+        packed = [on_xpu(w.bytes) for w in self.weights().values()]
         position = torch.tensor([[self.position, 5]]).to("xpu")  # only the first is read
         keys, values = self.cache(), self.cache()
         seen = [cache[:, :, : self.rows] for cache in (keys, values)]

@@ -9,7 +9,7 @@ import torch
 import tolvane
 
 import arithmetic
-from cases import TYPES, Case, Results, numbers
+from cases import TYPES, Case, Results, numbers, on_xpu
 
 FLOAT_UNIT = 2.0**-24
 SIZES = (2, 6, 8, 40, 64, 66, 128, 256)
@@ -68,14 +68,13 @@ class Rotary(Case):
         """q, k and position_ids."""
         random = np.random.default_rng(self.size)
         shapes = [(self.batch, heads, self.tokens, self.size) for heads in (self.q_heads, 1)]
-        q, k = (torch.from_numpy(random.standard_normal(s)).to("xpu", self.dtype) for s in shapes)
-        positions = torch.from_numpy(random.integers(0, 131072, (self.batch, self.tokens)))
-        return q, k, positions.to("xpu")
+        q, k = (on_xpu(random.standard_normal(s), self.type) for s in shapes)
+        return q, k, on_xpu(random.integers(0, 131072, (self.batch, self.tokens)))
 
     def tables(self) -> list[torch.Tensor]:
         """Sines and cosines [1, 1, tokens, size] of random angles; of the second halves, which nothing reads, too."""
         angle = np.random.default_rng(5).uniform(-3, 3, (1, 1, self.tokens, self.size))
-        return [torch.from_numpy(f(angle)).to("xpu", self.dtype) for f in (np.sin, np.cos)]
+        return [on_xpu(f(angle), self.type) for f in (np.sin, np.cos)]
 
     def run(self) -> dict[str, torch.Tensor]:
         q, k, positions = self.tensors()

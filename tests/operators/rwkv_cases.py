@@ -10,7 +10,7 @@ import tolvane
 from numpy.testing import assert_allclose, assert_array_equal
 
 import arithmetic
-from cases import Case, Results
+from cases import Case, Results, on_xpu
 
 # Types of the activations and of the parameters.
 PAIRS = [("float32", "bfloat16")] + [(t, t) for t in ("float32", "bfloat16", "float16")]
@@ -21,10 +21,6 @@ def numbers(seed: int, *shape: int, scale: float = 1.0) -> np.ndarray:
     """Values that every element type can hold."""
     values = np.random.default_rng(seed).standard_normal(shape) * scale
     return (np.round(values * 32) / 32).astype(np.float32)
-
-
-def on_xpu(x: np.ndarray, dtype: str) -> torch.Tensor:
-    return torch.from_numpy(x).to("xpu", getattr(torch, dtype))
 
 
 @dataclass(frozen=True)

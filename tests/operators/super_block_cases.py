@@ -9,12 +9,8 @@ import tolvane
 import torch
 from numpy.testing import assert_array_equal
 
-from cases import TYPES, Case, Results
+from cases import TYPES, Case, Results, on_xpu
 from super_block_reference import BLOCK_BYTES, QTYPE, decoded, one_row, random_records
-
-
-def on_xpu(array: np.ndarray) -> torch.Tensor:
-    return torch.from_numpy(np.ascontiguousarray(array)).to("xpu")
 
 
 @dataclass(frozen=True)
@@ -28,7 +24,7 @@ class SuperBlocks(Case):
     kind: str = "plain"
 
     @np.errstate(over="ignore")
-    def activations(self) -> np.ndarray:
+    def row(self) -> np.ndarray:
         """[state] in float64: values of the type."""
         x = np.random.default_rng(self.state).standard_normal(self.state)
         if self.kind == "zero":
@@ -43,7 +39,7 @@ class SuperBlocks(Case):
 
     def run(self) -> dict[str, torch.Tensor]:
         """Of "refused" where the device has no such kernel."""
-        x = on_xpu(self.activations()[None]).to(self.dtype)
+        x = on_xpu(self.row()[None], self.type)
         try:
             out = tolvane.forward_new(x, on_xpu(self.records().ravel()), QTYPE[self.format], 0)
         except RuntimeError as error:
@@ -53,7 +49,7 @@ class SuperBlocks(Case):
         return {"out": out}
 
     def check(self, results: Results, group: int = 32) -> None:
-        x = self.activations().astype(np.promote_types(self.t.wide, np.float32))
+        x = self.row().astype(np.promote_types(self.t.wide, np.float32))
         expected = one_row(self.format, x, self.records(), self.t)
         assert_array_equal(results["out"][0], expected)
 

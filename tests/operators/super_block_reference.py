@@ -144,8 +144,4 @@ def one_row(form: str, x: np.ndarray, records: np.ndarray, t: Arithmetic) -> np.
     acc = np.zeros((len(records), together, dots.shape[-1]), np.float32)
     for i in range(dots.shape[1]):
         acc[:, i % together] += dots[:, i]
-    sums = t.to(acc.reshape(-1, 32))
-    while sums.shape[1] > 1:
-        half = sums.shape[1] // 2
-        sums = t.add(sums[:, :half], sums[:, half:])
-    return sums[:, 0]
+    return t.tree(t.to(acc.reshape(-1, 32)))

@@ -8,21 +8,13 @@ import numpy as np
 import torch
 import tolvane
 
-from arithmetic import BFLOAT16, HALF, Arithmetic
-from cases import Case, Results
+from arithmetic import BFLOAT16, HALF
+from cases import Case, Results, on_xpu
 from packed import FORMATS, Weight, random_weight
 
 FORMS = ("q4_0", "q8_0", "fp8_e4m3", "fp8_e5m2")
 TYPES = ("float16", "float32", "bfloat16")
 SPLITS = 8
-
-
-def summed(partial: np.ndarray, t: Arithmetic) -> np.ndarray:
-    """The partial sums of the splits, [SPLITS, …], added up in order in T."""
-    total = np.zeros(partial.shape[1:], t.to(np.zeros(1)).dtype)
-    for split in t.to(partial):
-        total = t.add(total, split)
-    return total
 
 
 @dataclass(frozen=True)
@@ -43,25 +35,20 @@ class Engine(Case):
             weight.values[::3, -1, 5] = 0x7E
         return weight
 
-    def activations(self) -> np.ndarray:
-        """Multiples of 1/64, with which the sums of a block of integers are exact in float."""
-        values = np.random.default_rng(3).standard_normal((self.rows, self.state))
-        return (np.round(values * 64) / 64).astype(np.float32)
-
     def run(self) -> dict[str, torch.Tensor]:
-        x = torch.from_numpy(self.activations()).to("xpu", self.dtype)
-        weight = torch.from_numpy(self.weight().bytes).to("xpu")
+        x = on_xpu(self.activations(self.rows, self.state), self.type)
+        weight = on_xpu(self.weight().bytes)
         out = tolvane.forward_new(x, weight, FORMATS[self.format].qtype, 0)
         assert out.shape == (self.rows, self.output) and out.dtype == self.dtype
         return {"out": out}
 
     @np.errstate(over="ignore", invalid="ignore")
     def check(self, results: Results, group: int = 0) -> None:
-        """To the bit where the sum inside a dpas is exact in any order, which holds for integers; else within the
+        """To the bit where the sum inside a dpas is exact in any order, which holds for integers times multiples; else within the
         error of 64 float additions in any order, and two roundings of each partial sum and each total."""
         t = BFLOAT16 if self.type == "bfloat16" else HALF
         weight, blocks = self.weight(), self.state // 64
-        x = t.to(self.activations()).astype(np.float64).reshape(self.rows, blocks, 4, 16)
+        x = t.to(self.activations(self.rows, self.state)).astype(np.float64).reshape(self.rows, blocks, 4, 16)
         w = weight.decoded().reshape(self.output, blocks, 4, 16)
         d = weight.scales[:, :, 0].astype(np.float64)
         per_split = -(-blocks // SPLITS)
@@ -75,7 +62,7 @@ class Engine(Case):
             partial[split] = np.float32(np.float64(sums) * d[:, block] + partial[split])
             sizes = np.abs(x[:, block].reshape(self.rows, 64)) @ np.abs(w[:, block].reshape(self.output, 64)).T
             magnitude[split] += sizes * np.abs(d[:, block])
-        expected = summed(partial, t)
+        expected = t.total(partial)  # of the splits
         if self.format in ("q4_0", "q8_0"):
             np.testing.assert_array_equal(results["out"], expected)
             return

@@ -3,17 +3,19 @@
 from __future__ import annotations
 
 import signal
+from pathlib import Path
 
 import numpy as np
 import pytest
 import kelvor_xpu
+import tolvane
 from numpy.testing import assert_array_equal
 
 from catalogue import CASES
 from cases import DEVICE_NAMES
 from linear_cases import LONG, products
 from mlp_cases import LARGE
-from norm_cases import Norm, cases as norms
+from norm_cases import OPERATORS, Norm, cases as norms
 from rope_cases import Rotary
 from rwkv_cases import PAIRS, TimeShift
 from super_block_cases import SuperBlockExpansion, SuperBlocks
@@ -21,12 +23,15 @@ from super_block_cases import SuperBlockExpansion, SuperBlocks
 SUMMIT = DEVICE_NAMES[0]
 TARGETS = ("scalar", "avx2", "avx512")
 TARGETS = TARGETS[: TARGETS.index(kelvor_xpu.target()) + 1]
+BUILT = [path.stem for path in Path(tolvane.__file__).parent.glob("libtolvane-*.so")]
+TARGETS = tuple(name for name in TARGETS if f"libtolvane-{name}" in BUILT)
 # Sizes of real models, more rows than caches hold, all lengths of rows: on this target only.
 ITEM_ELEMENTS = {"float16": 16, "bfloat16": 16, "float32": 8, "float64": 4}
 LENGTHS = {*range(1, 40), 64, 255, 1024, 1026, 2047, 2048, 2050, 4096}
 LARGE_CASES = [
     *products(LONG),
     *LARGE,
+    *(Norm(operator, "float16", rows, 96, True) for operator in OPERATORS for rows in (0, 1000)),
     *(TimeShift(*pair, (17, 1, 256, 2048)) for pair in PAIRS),
     *(
         case

@@ -11,7 +11,7 @@ from numpy.testing import assert_allclose
 
 import arithmetic
 import linear_routes as routes
-from cases import DEVICE_NAMES
+from cases import DEVICE_NAMES, on_xpu
 from linear_cases import BATCH_LIMIT, DEQUANT, Product, weight
 from matvec_reference import dense
 from packed import FORMATS, random_weight
@@ -28,7 +28,7 @@ def zero_bytes(count: int) -> torch.Tensor:
 
 
 def packed(form: str, rows: int, state: int = 64) -> torch.Tensor:
-    return torch.from_numpy(random_weight(FORMATS[form], rows, state, 5).bytes).to("xpu")
+    return on_xpu(random_weight(FORMATS[form], rows, state, 5).bytes)
 
 
 @pytest.mark.parametrize("name", DEVICE_NAMES)

@@ -10,20 +10,12 @@ import torch
 from numpy.testing import assert_allclose, assert_array_equal
 
 import arithmetic
-from cases import TYPES, numbers
+from cases import TYPES, numbers, on_xpu
 from norm_cases import OPERATORS, Norm, check_norm, eps_in_kernel
 
 
-def xpu(values, dtype: str = "float32") -> torch.Tensor:
-    return torch.as_tensor(np.asarray(values, np.float64)).to(getattr(torch, dtype)).to("xpu")
-
-
 @pytest.mark.parametrize("operator", OPERATORS)
-def test_rows_from_none_to_many_and_a_row_past_the_limit(operator):
-    for weight, bias in ((False, False), (True, False), (False, True), (True, True)):
-        for rows in (0, 1, 1000):
-            case = Norm(operator, "float16", rows, 96, weight, bias)
-            case.check(case.arrays())
+def test_a_row_past_the_limit(operator):
     for type, limit in zip(TYPES, (16384, 8192, 4096, 16384), strict=True):
         before = kelvor_xpu.submission_count()
         refused = Norm(operator, type, 2, limit + 1).run()["out"]
@@ -47,7 +39,7 @@ def test_geometry_of_rows():
 @pytest.mark.parametrize("operator", OPERATORS)
 def test_strided_and_misaligned_tensors(operator, type):
     n = 2056
-    storage = xpu(np.random.default_rng(0).standard_normal(4 * n + 40), type)
+    storage = on_xpu(np.random.default_rng(0).standard_normal(4 * n + 40), type)
     weight, bias = storage[1 : n + 1], storage[3 : n + 3]
     for x in (
         storage[1 : 2 * n + 1].view(2, n),
@@ -63,7 +55,7 @@ def test_strided_and_misaligned_tensors(operator, type):
 
 
 def test_normalized_shape_gives_the_number_of_sizes_only():
-    x = xpu(np.random.default_rng(1).standard_normal((2, 3, 5)))
+    x = on_xpu(np.random.default_rng(1).standard_normal((2, 3, 5)), "float32")
     x64 = numbers(x)
     for length, axes in ((1, (2,)), (2, (1, 2)), (3, (0, 1, 2))):
         result = numbers(tolvane.fused_rms_norm(x, (7,) * length, None, None, 0.0))
@@ -80,12 +72,12 @@ def test_normalized_shape_gives_the_number_of_sizes_only():
 def test_rows_of_special_values(operator, type):
     n, call = 160, getattr(tolvane, operator)
     zeros, bias = np.zeros(n), np.arange(n) % 7
-    for weight in (None, xpu(np.ones(n), type)):
-        for b, expected in ((None, zeros), (xpu(bias, type), bias)):
-            assert_array_equal(numbers(call(xpu(zeros, type), (n,), weight, b, 1e-5)), expected)
+    for weight in (None, on_xpu(np.ones(n), type)):
+        for b, expected in ((None, zeros), (on_xpu(bias, type), bias)):
+            assert_array_equal(numbers(call(on_xpu(zeros, type), (n,), weight, b, 1e-5)), expected)
     bad = np.random.default_rng(2).standard_normal((4, n))
     bad[0, 3], bad[1, 7], bad[2, 9] = np.nan, np.inf, -np.inf
-    result = numbers(call(xpu(bad, type), (n,), None, None, 1e-5))
+    result = numbers(call(on_xpu(bad, type), (n,), None, None, 1e-5))
     assert np.isnan(result[0]).all() and np.isfinite(result[3]).all()
     if operator == "fused_rms_norm":  # 1 / infinity is 0, and 0 times infinity NaN
         assert np.isnan(result[1, 7]) and np.isnan(result[2, 9])
@@ -93,7 +85,7 @@ def test_rows_of_special_values(operator, type):
     else:
         assert np.isnan(result[1:3]).all()
         # An unscaled row of equal values: its variance is exactly 0 where the sums are exact.
-        assert call(xpu(zeros + 2, type), (n,), None, None, 1e-5).abs().max() == 0
+        assert call(on_xpu(zeros + 2, type), (n,), None, None, 1e-5).abs().max() == 0
 
 
 @np.errstate(all="ignore")
@@ -106,7 +98,7 @@ def test_variance_is_one_pass_and_a_negative_one_drops_eps():
         mean, variance = total / three, (squares - total * total / three) / three
         root = np.sqrt(np.float32(0) if variance < 0 else variance + eps)
         expected = (x - mean) * (np.float32(1) / root)
-        result = numbers(tolvane.fused_layer_norm(xpu([[x] * 3]), (3,), None, None, 1e-5))
+        result = numbers(tolvane.fused_layer_norm(on_xpu([[x] * 3]), (3,), None, None, 1e-5))
         assert_allclose(result[0], [expected] * 3, rtol=1e-6, equal_nan=True, err_msg=str(x))
         negative += variance < 0
     assert negative > 0
@@ -116,7 +108,7 @@ def test_variance_is_one_pass_and_a_negative_one_drops_eps():
 def test_eps_goes_through_the_element_type(type):
     t = arithmetic.ALL[type]
     for eps in (1e-6, 1e-8, 1e-3, 0.1234567):
-        x = xpu(np.full((1, 64), 2.0**-10), type)
+        x = on_xpu(np.full((1, 64), 2.0**-10), type)
         result = numbers(tolvane.fused_rms_norm(x, (64,), None, None, eps))
         exact = 2.0**-10 / np.sqrt(2.0**-20 + eps_in_kernel(eps, t))
         assert_allclose(result, exact, rtol=2 * t.unit + 2.0**-22 * (type != "float64"))

@@ -10,7 +10,7 @@ import torch
 from numpy.testing import assert_allclose
 
 import arithmetic
-from cases import TYPES, numbers
+from cases import TYPES, numbers, on_xpu
 from rope_cases import Rotary, check_positions, check_turned
 
 both = tolvane.apply_rotary_embedding_half_q_and_k
@@ -79,8 +79,8 @@ def test_every_layout_of_inputs_and_outputs_and_in_place(type, size, source):
 )
 def test_tables_of_all_broadcasts_and_ranks(shape):
     random = np.random.default_rng(3)
-    x = torch.from_numpy(random.standard_normal((2, 3, 4, 8)[-len(shape) :])).float().to("xpu")
-    angle = torch.from_numpy(random.uniform(-3, 3, shape)).float().to("xpu")
+    x = on_xpu(random.standard_normal((2, 3, 4, 8)[-len(shape) :]), "float32")
+    angle = on_xpu(random.uniform(-3, 3, shape), "float32")
     q_out, k_out = torch.empty_like(x), torch.empty_like(x)
     cached(x, x, angle.sin(), angle.cos(), q_out, k_out)
     for out in (q_out, k_out):
@@ -91,7 +91,7 @@ def test_tables_of_all_broadcasts_and_ranks(shape):
 @pytest.mark.parametrize("tokens", [40000, 3000])
 def test_more_rows_than_groups_and_more_positions_than_a_table_holds(tokens):
     values = np.random.default_rng(1).standard_normal((1, 1, tokens, 16), np.float32)
-    x = torch.from_numpy(values).to("xpu")
+    x = on_xpu(values)
     positions = torch.arange(tokens)[None].to("xpu")
     out, k_out = torch.empty_like(x), torch.empty_like(x)
     kelvor_xpu.clear_submissions()

@@ -9,7 +9,7 @@ import tolvane
 import torch
 from numpy.testing import assert_array_equal
 
-from super_block_cases import on_xpu
+from cases import on_xpu
 from super_block_reference import BLOCK_BYTES, QTYPE, decoded, quantized, random_records
 
 
@@ -75,19 +75,16 @@ def test_activations_are_quantized_to_the_bit():
 @pytest.mark.parametrize("form", BLOCK_BYTES)
 def test_routes_forms_and_gradient(form):
     records = random_records(form, 3, 512, 6)
-    weight, x = packed(records), torch.randn(2, 512)
-    kelvor_xpu.clear_submissions()
-    tolvane.forward_new(x[:1].to("xpu"), weight, QTYPE[form], 0)
-    assert shapes() == [(512, 256, True), (3 * 32, 32, True)]
-    kelvor_xpu.clear_submissions()
-    leaf = x.to("xpu").requires_grad_()
-    y = tolvane.forward_new(leaf, weight, QTYPE[form], 0)
-    group = 64 if form == "q2_k" else 32
-    assert shapes()[0] == (6 * group, group, True)
+    weight, x, group = packed(records), torch.randn(2, 512), 64 if form == "q2_k" else 32
     dense = torch.from_numpy(decoded(form, records).reshape(3, 512))
+    for rows, seen in ((1, [(512, 256, True), (3 * 32, 32, True)]), (2, [(6 * group, group, True)])):
+        kelvor_xpu.clear_submissions()
+        leaf = x[:rows].to("xpu").requires_grad_()
+        y = tolvane.forward_new(leaf, weight, QTYPE[form], 0)
+        assert shapes() == seen
+        y.sum().backward()
+        torch.testing.assert_close(leaf.grad.cpu(), dense.sum(0).expand(rows, 512))
     torch.testing.assert_close(y.cpu(), x @ dense.t())
-    y.sum().backward()
-    torch.testing.assert_close(leaf.grad.cpu(), dense.sum(0).expand(2, 512))
     empty = weight[:0]
     for rows, bytes_ in ((0, weight), (0, empty), (1, empty), (2, empty)):
         zeros = torch.zeros(rows, 512, dtype=torch.half, device="xpu")

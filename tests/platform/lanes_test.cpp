@@ -234,26 +234,6 @@ TEST(Lanes, BytesAreUpperHalvesOfHalves) {
   }
 }
 
-template <class T>
-void sum_rows() {
-  std::mt19937 random(9);
-  std::vector<T> table(32 * 16);
-  for (T& x : table) x = T(std::uniform_real_distribution<float>(-2, 2)(random));
-  const auto sums = list(spmd::sums_of_rows<32, 16>(table.data()));
-  for (int row = 0; row < 32; ++row) {
-    T expected(0.0f);
-    for (int c = 0; c < 16; ++c) expected = expected + table[row * 16 + c];
-    EXPECT_EQ(float(sums[row]), float(expected)) << row;
-    EXPECT_EQ(float(T(spmd::sums_of_rows<1, 16>(table.data() + row * 16))), float(expected)) << row;
-  }
-}
-
-TEST(Lanes, SumsOfRowsKeepTheOrder) {
-  sum_rows<float>();
-  sum_rows<half>();
-  sum_rows<bfloat16>();
-}
-
 template <int N>
 void check_word_bytes() {
   std::mt19937 random(N);

@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+from pathlib import Path
 from typing import Any
 
 import numpy as np
 import quarn
+import torch
 from torch import nn
 
 from packed import PACKED, from_bytes
@@ -78,3 +80,23 @@ def take_packed_weights(dense: nn.Module, packed: nn.Module) -> None:
         if isinstance(layer, quarn.QuantLinear):
             weight = quarn.unpack(layer.packed.cpu(), layer.format.name, layer.state_size)
             dense.get_submodule(name).weight = nn.Parameter(weight)
+
+
+def prompt() -> torch.Tensor:
+    return torch.randint(0, 192, (21,), generator=torch.Generator().manual_seed(3))
+
+
+def result_of_the_library(folder: Path, model: nn.Module) -> tuple[torch.Tensor, Any]:
+    """The prompt with 64 tokens that the model generates, which must be those that transformers' own chooses, in float
+    and with what the packed weights stand for; and what that one gives for them."""
+    import transformers
+
+    own = transformers.AutoModelForCausalLM.from_pretrained(folder, dtype=torch.float32).eval()
+    take_packed_weights(own, model)
+    tokens = list(quarn.generate(model, prompt().tolist(), 64))
+    everything = torch.cat([prompt(), torch.tensor(tokens)])
+    with torch.no_grad():
+        result = own(everything[None], use_cache=True)
+    chosen = result.logits[0, len(prompt()) - 1 : -1].argmax(-1)
+    assert tokens == chosen.tolist() and len(set(tokens)) > 3
+    return everything, result

@@ -18,7 +18,7 @@ from torch import nn
 import quarn
 from quarn import kv_cache, llama
 from quarn.command import main
-from reference import MODEL_SIZES, take_packed_weights
+from reference import MODEL_SIZES, prompt, result_of_the_library
 
 transformers = pytest.importorskip("transformers")
 pytest.importorskip("tolvane")
@@ -48,7 +48,6 @@ FORMATS = {
     "q4_0": "q4_0",
     "mixed": {"down": "q8_0", "k_proj": "nf4", "lm_head": None, "default": "q4_0"},
 }
-PROMPT, NEW = 21, 64
 
 
 @pytest.fixture(scope="module")
@@ -67,38 +66,22 @@ def checkpoints(tmp_path_factory) -> dict[str, Path]:
     return folders
 
 
-def reference(folder: Path, model: nn.Module) -> nn.Module:
-    """The library's own model in float, with what the packed weights stand for."""
-    own = transformers.AutoModelForCausalLM.from_pretrained(folder, dtype=torch.float32).eval()
-    take_packed_weights(own, model)
-    return own
-
-
-def prompt() -> torch.Tensor:
-    return torch.randint(0, 192, (PROMPT,), generator=torch.Generator().manual_seed(3))
-
-
 @pytest.mark.parametrize("format", FORMATS)
 @pytest.mark.parametrize("name", MODELS)
 def test_logits_and_tokens_of_the_library(checkpoints, monkeypatch, name: str, format: str) -> None:
     """The prompt in pieces of eight, then token by token."""
     monkeypatch.setattr(llama, "PROMPT_ROWS", 8)
     model = quarn.from_pretrained(checkpoints[name], FORMATS[format], progress=False)
-    own = reference(checkpoints[name], model)
-    tokens = list(quarn.generate(model, prompt().tolist(), NEW))
-    everything = torch.cat([prompt(), torch.tensor(tokens)])
-    with torch.no_grad():
-        expected = own(everything[None]).logits[0]
-    chosen = expected[PROMPT - 1 : -1].argmax(-1)
-    assert tokens == chosen.tolist() and len(set(tokens)) > 3
+    everything, result = result_of_the_library(checkpoints[name], model)
+    expected, count = result.logits[0], len(prompt())
 
     cache = model.new_cache(len(everything))
-    parts = [everything[:PROMPT], *everything[PROMPT:].split(1)]
+    parts = [everything[:count], *everything[count:].split(1)]
     actual = torch.cat([model(part, cache) for part in parts]).cpu()
     assert (actual - expected).abs().max() <= 1e-4 * (expected.max() - expected.min())
     # Forgetting and going on another way leaves no trace.
-    cache.cut(PROMPT)
-    assert torch.equal(model(everything[PROMPT : PROMPT + 1], cache).cpu(), actual[[PROMPT]])
+    cache.cut(count)
+    assert torch.equal(model(everything[count : count + 1], cache).cpu(), actual[[count]])
 
 
 def test_fused_operators_run(checkpoints) -> None:
@@ -169,34 +152,26 @@ def test_packed_checkpoints(checkpoints, tmp_path, name: str, format: str) -> No
 
 
 def test_what_is_refused(checkpoints, tmp_path) -> None:
+    def refuses(error: type[Exception], message: str, format: str | None = None, **changed: Any) -> None:
+        config = json.loads((checkpoints["grouped"] / "config.json").read_text())
+        (tmp_path / "config.json").write_text(json.dumps(config | changed))
+        with pytest.raises(error, match=message):
+            quarn.from_pretrained(tmp_path, format, progress=False)
+
     with pytest.raises(FileNotFoundError, match="has no config.json"):
         quarn.from_pretrained(tmp_path)
-    config = json.loads((checkpoints["grouped"] / "config.json").read_text())
-
-    def folder_with(**changed: Any) -> Path:
-        (tmp_path / "config.json").write_text(json.dumps(config | changed))
-        return tmp_path
-
-    with pytest.raises(ValueError, match="type mamba are not among"):
-        quarn.from_pretrained(folder_with(model_type="mamba"))
-    with pytest.raises(ValueError, match="must be silu, but is gelu"):
-        quarn.from_pretrained(folder_with(hidden_act="gelu"))
-    with pytest.raises(ValueError, match="default, linear, llama3, but is yarn"):
-        quarn.from_pretrained(folder_with(rope_parameters={"rope_type": "yarn"}))
-    with pytest.raises(FileNotFoundError, match="no .*safetensors file"):
-        quarn.from_pretrained(folder_with())
+    refuses(ValueError, "type mamba are not among", model_type="mamba")
+    refuses(ValueError, "must be silu, but is gelu", hidden_act="gelu")
+    refuses(ValueError, "default, linear, llama3, but is yarn", rope_parameters={"rope_type": "yarn"})
+    refuses(FileNotFoundError, "no .*safetensors file")
     for path in checkpoints["grouped"].glob("*.safetensors*"):
         (tmp_path / path.name).write_bytes(path.read_bytes())
-    with pytest.raises(KeyError, match="no tensor model.layers.2"):
-        quarn.from_pretrained(folder_with(num_hidden_layers=3), progress=False)
-    with pytest.raises(ValueError, match="no place for 9 tensors"):
-        quarn.from_pretrained(folder_with(num_hidden_layers=1), progress=False)
-    with pytest.raises(ValueError, match="q_proj: .*multiple of 256"):
-        quarn.from_pretrained(folder_with(), "q2_k", progress=False)
+    refuses(KeyError, "no tensor model.layers.2", num_hidden_layers=3)
+    refuses(ValueError, "no place for 9 tensors", num_hidden_layers=1)
+    refuses(ValueError, "q_proj: .*multiple of 256", "q2_k")
     shard = sorted(tmp_path.glob("*.safetensors"))[0]
     shard.write_bytes(shard.read_bytes()[:-10])
-    with pytest.raises(ValueError, match="cut off"):
-        quarn.from_pretrained(tmp_path)
+    refuses(ValueError, "cut off")
     model = quarn.from_pretrained(checkpoints["grouped"], progress=False)
     with pytest.raises(ValueError, match="holds 2 positions, but 21 are needed"):
         model(prompt(), model.new_cache(2))

@@ -63,37 +63,6 @@ def test_mlp(name: str, device: str, dtype: torch.dtype) -> None:
     assert_close(runs(device, dtype, module, x), expected)
 
 
-def test_state_dict_survives_saving_and_types() -> None:
-    """Saved and loaded into a module of other weights; casts leave the packed bytes alone."""
-    module = quarn.QuantMLP.from_float(small_mlp(), "q4_0")
-    other = quarn.QuantMLP.from_float(MLP(128, 192), "q4_0")
-    file = io.BytesIO()
-    torch.save(module.state_dict(), file)
-    file.seek(0)
-    other.load_state_dict(torch.load(file))
-    x = torch.randn(1, 128)
-    assert torch.equal(other(x), module(x))
-    packed = module.gate.clone()
-    assert module.half().gate.dtype == torch.uint8 and torch.equal(module.gate, packed)
-    assert "state_size=128, hidden_size=192, format=q4_0" in repr(module)
-
-
-def test_refused_modules() -> None:
-    mlp = small_mlp()
-    with pytest.raises(ValueError, match="q4_0, fp8_e5m2, not with 'nf4'"):
-        quarn.QuantMLP.from_float(mlp, "nf4")
-    mlp.gate.bias = nn.Parameter(torch.zeros(192))
-    with pytest.raises(ValueError, match="gate must have no bias"):
-        quarn.QuantMLP.from_float(mlp, "q4_0")
-    with pytest.raises(TypeError, match="'gate'"):
-        quarn.QuantMLP.from_float(nn.Linear(64, 64), "q4_0")
-    with pytest.raises(ValueError, match="even, but is 191"):
-        quarn.QuantMLP.from_float(MLP(128, 191), "q4_0")
-    good = quarn.pack(torch.ones(192, 128), "q4_0")
-    with pytest.raises(ValueError, match=r"up must be 13056 bytes, 192 rows of 128 in q4_0"):
-        quarn.QuantMLP(good, good[:-1], small_mlp().down, "q4_0")
-
-
 def small_linear(format: str, bias: bool = True, state: int = 128) -> quarn.QuantLinear:
     torch.manual_seed(0)
     return quarn.QuantLinear.from_float(nn.Linear(state, 96, bias), format)
@@ -120,14 +89,6 @@ def test_linear(name: str, device: str, dtype: torch.dtype) -> None:
             assert_close(runs(device, dtype, module, x.to(dtype)), expected)
 
 
-@pytest.mark.parametrize("name", LINEAR_NAMES)
-def test_linear_is_near_the_dense_layer(name: str) -> None:
-    dense, x = nn.Linear(256, 96), torch.randn(50, 256)
-    bound = {"iq2_xxs": 0.37, "q2_k": 0.27}.get(name, 0.2)
-    difference = quarn.QuantLinear.from_float(dense, name)(x) - dense(x)
-    assert difference.norm() < bound * dense(x).norm()
-
-
 def test_linear_on_xpu_names_the_missing_operator(monkeypatch: pytest.MonkeyPatch) -> None:
     tolvane = pytest.importorskip("tolvane")
     monkeypatch.delattr(tolvane, "forward_new", raising=False)
@@ -135,32 +96,26 @@ def test_linear_on_xpu_names_the_missing_operator(monkeypatch: pytest.MonkeyPatc
         small_linear("q4_0").to("xpu")(torch.ones(1, 128, device="xpu"))
 
 
-def test_linear_state_brings_its_format() -> None:
-    """nf4 has q4_0's size and fp8_e5m2 another; inside a model as well."""
-    x = torch.randn(3, 128)
-    for name, saved in (("nf4", "nf4"), ("fp8_e5m2", "fp8_e5m2_linear")):
-        module, other = nn.Sequential(small_linear(name)), nn.Sequential(small_linear("q4_0"))
+def test_states_survive_saving_and_types() -> None:
+    """Loaded into a module of other weights; a linear layer's brings its format: nf4 has q4_0's size and fp8_e5m2
+    another. Casts leave the packed bytes alone."""
+    x = torch.randn(1, 128)
+    for module, other, format in (
+        (quarn.QuantMLP.from_float(small_mlp(), "q4_0"), quarn.QuantMLP.from_float(MLP(128, 192), "q4_0"), "q4_0"),
+        (small_linear("nf4"), small_linear("q4_0"), "nf4"),
+        (small_linear("fp8_e5m2"), small_linear("q4_0"), "fp8_e5m2_linear"),
+    ):
         file = io.BytesIO()
-        torch.save(module.state_dict(), file)
+        torch.save(nn.Sequential(module).state_dict(), file)
         file.seek(0)
-        other.load_state_dict(torch.load(file))
-        assert other[0].format.name == saved and torch.equal(other(x), module(x))
-    assert module.half()[0].packed.dtype == torch.uint8
+        nn.Sequential(other).load_state_dict(torch.load(file))
+        assert other.format.name == format and torch.equal(other(x), module(x))
+        before = {name: packed.clone() for name, packed in module.named_buffers()}
+        assert before and all(torch.equal(packed, before[name]) for name, packed in module.half().named_buffers())
+        assert f"state_size=128, {'hidden_size=192, ' if 'gate' in before else ''}format={format}" in repr(module)
     assert repr(small_linear("nf3", bias=False)) == (
         "QuantLinear(output_size=96, state_size=128, format=nf3, bits_per_weight=3.25, bias=False)"
     )
-
-
-def test_refused_linears() -> None:
-    packed = quarn.pack(torch.ones(96, 128), "q4_0")
-    with pytest.raises(ValueError, match=r"6528 bytes, 96 rows of 128 in nf4, .* \[6527\]"):
-        quarn.QuantLinear(packed[1:], 96, 128, "nf4", None)
-    with pytest.raises(ValueError, match=r"bias must have shape \[96\], but has \[128\]"):
-        quarn.QuantLinear(packed, 96, 128, "q4_0", torch.zeros(128))
-    with pytest.raises(ValueError, match="unknown format 'q9'"):
-        small_linear("q9")
-    with pytest.raises(ValueError, match=r"x must be \[..., 128\], but has shape \[2, 64\]"):
-        small_linear("q4_0")(torch.ones(2, 64))
 
 
 def small_embedding() -> tuple[nn.Embedding, quarn.QuantEmbedding, np.ndarray]:
@@ -193,19 +148,28 @@ def test_embedding_is_near_the_dense_table() -> None:
     assert list(module.state_dict()) == ["packed"]
 
 
-def test_refused_embeddings() -> None:
-    _, module, _ = small_embedding()
-    for bad in (10, -1):
-        with pytest.raises(IndexError, match=f"index {bad} is not in 0 to 9"):
-            module(torch.tensor([3, bad]))
-    with pytest.raises(TypeError, match="torch.float32"):
-        module(torch.ones(1))
-    with pytest.raises(ValueError, match="multiple of 256 for q2_k, but is 64"):
-        quarn.QuantEmbedding.from_float(nn.Embedding(4, 64))
-    with pytest.raises(ValueError, match="max_norm"):
-        quarn.QuantEmbedding.from_float(nn.Embedding(4, 256, max_norm=1.0))
-    with pytest.raises(ValueError, match=r"packed must be 1848 bytes, 11 rows of 512 in q2_k"):
-        quarn.QuantEmbedding(module.packed, 11, 512)
+def test_what_is_refused() -> None:
+    biased, packed, (_, embedding, _) = small_mlp(), quarn.pack(torch.ones(192, 128), "q4_0"), small_embedding()
+    biased.gate.bias = nn.Parameter(torch.zeros(192))
+    for error, message, call, *arguments in (
+        (ValueError, "q4_0, fp8_e5m2, not with 'nf4'", quarn.QuantMLP.from_float, small_mlp(), "nf4"),
+        (ValueError, "gate must have no bias", quarn.QuantMLP.from_float, biased, "q4_0"),
+        (TypeError, "'gate'", quarn.QuantMLP.from_float, nn.Linear(64, 64), "q4_0"),
+        (ValueError, "even, but is 191", quarn.QuantMLP.from_float, MLP(128, 191), "q4_0"),
+        (ValueError, "up must be 13056 bytes, 192", quarn.QuantMLP, packed, packed[:-1], small_mlp().down, "q4_0"),
+        (ValueError, r"192 rows of 128 in nf4, .* \[13055\]", quarn.QuantLinear, packed[1:], 192, 128, "nf4", None),
+        (ValueError, r"\[192\], but has \[128\]", quarn.QuantLinear, packed, 192, 128, "q4_0", torch.zeros(128)),
+        (ValueError, "unknown format 'q9'", small_linear, "q9"),
+        (ValueError, r"x must be \[..., 128\], but has shape \[2, 64\]", small_linear("q4_0"), torch.ones(2, 64)),
+        (IndexError, "index 10 is not in 0 to 9", embedding, torch.tensor([3, 10])),
+        (IndexError, "index -1 is not in 0 to 9", embedding, torch.tensor([3, -1])),
+        (TypeError, "torch.float32", embedding, torch.ones(1)),
+        (ValueError, "256 for q2_k, but is 64", quarn.QuantEmbedding.from_float, nn.Embedding(4, 64)),
+        (ValueError, "max_norm", quarn.QuantEmbedding.from_float, nn.Embedding(4, 256, max_norm=1.0)),
+        (ValueError, "packed must be 1848 bytes, 11 rows", quarn.QuantEmbedding, embedding.packed, 11, 512),
+    ):
+        with pytest.raises(error, match=message):
+            call(*arguments)
 
 
 class Tied(nn.Module):

@@ -139,7 +139,7 @@ c10::Storage Aliases::storage_to_xpu(const c10::Storage& cpu) {
       return pair.xpu;
     }
   }
-  const c10::Storage xpu =
+  c10::Storage xpu =
       make_storage(cpu.nbytes(), adopt(shared_memory(cpu), uncounted_bytes(cpu)), device_allocator());
   storages_.push_back({xpu, cpu});
   return xpu;
@@ -171,7 +171,7 @@ at::Tensor Aliases::to_xpu(const at::Tensor& result) {
     return result;
   }
   c10::Storage storage = storage_to_xpu(result.storage());
-  const at::Tensor xpu = new_tensor(std::move(storage), result.dtype());
+  at::Tensor xpu = new_tensor(std::move(storage), result.dtype());
   copy_layout(result, xpu.unsafeGetTensorImpl());
   return xpu;
 }

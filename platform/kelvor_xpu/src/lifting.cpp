@@ -117,8 +117,7 @@ class LiftedCall {
         return lifted.wide;
       }
     }
-    const at::Tensor wide =
-        role == Role::output ? scratch_like(tensor, at::kFloat) : converted(tensor, at::kFloat);
+    at::Tensor wide = role == Role::output ? scratch_like(tensor, at::kFloat) : converted(tensor, at::kFloat);
     lifted_.push_back({tensor, wide, written});
     return wide;
   }

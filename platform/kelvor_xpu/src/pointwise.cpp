@@ -65,7 +65,8 @@ at::Tensor result_for(const at::Tensor& self, const at::Tensor& other, c10::Scal
 
 /// A new tensor, or the operator in place: loop(iterator) is one of PyTorch's for the CPU.
 template <class Loop>
-at::Tensor computed(at::Tensor result, const at::Tensor& self, const at::Tensor& other, const Loop& loop) {
+at::Tensor computed(const at::Tensor& result, const at::Tensor& self, const at::Tensor& other,
+                    const Loop& loop) {
   auto iterator = at::TensorIterator::borrowing_binary_op(result, self, other);
   loop(iterator);
   return result.defined() ? result : iterator.output();

@@ -11,7 +11,7 @@
 namespace kelvor_xpu {
 namespace {
 
-constexpr int lanes = spmd::native_lanes<float>;
+constexpr int lanes = spmd::native_lanes<float>;  // NOLINT(misc-definitions-in-headers): local to each file
 using floats = spmd::lanes<float, lanes>;
 
 /// The next values of a row widened; the `left` that it still has and zeros, where these are fewer than

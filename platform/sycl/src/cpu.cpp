@@ -37,9 +37,18 @@ struct target {
   const char* name;
   std::string (*missing)();
 };
-/// The widest last. The scalar kernels are compiled for the same CPUs as the narrowest vectors.
-constexpr std::array<target, 3> targets = {
-    {{"scalar", missing_for_avx2}, {"avx2", missing_for_avx2}, {"avx512", missing_for_avx512}}};
+/// The fastest last. The scalar kernels are compiled for the same CPUs as the narrowest vectors.
+constexpr std::array targets = {target{"scalar", missing_for_avx2}, target{"avx2", missing_for_avx2},
+                                target{"avx512", missing_for_avx512}};
+
+/// "a, b or c"
+std::string names_of_targets() {
+  std::string names = targets[0].name;
+  for (std::size_t i = 1; i < targets.size(); ++i) {
+    names += (i + 1 < targets.size() ? ", " : " or ") + std::string(targets[i].name);
+  }
+  return names;
+}
 
 }  // namespace
 
@@ -68,7 +77,7 @@ std::string chosen_target() {
     }
     return asked;
   }
-  throw std::runtime_error("KELVOR_XPU_TARGET must be scalar, avx2 or avx512, but is \"" +
+  throw std::runtime_error("KELVOR_XPU_TARGET must be " + names_of_targets() + ", but is \"" +
                            std::string(asked) + "\"");
 }
 

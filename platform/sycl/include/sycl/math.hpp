@@ -87,7 +87,7 @@ struct sqrt_function {
 struct fmax_function {
   template <class V>
   V operator()(V x, V y) const {
-    return y != y ? x : (x > y ? x : y);
+    return y != y ? x : (x > y ? x : y);  // NOLINT(misc-redundant-expression): a NaN
   }
 };
 
