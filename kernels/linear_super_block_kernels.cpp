@@ -123,9 +123,10 @@ struct super_block_kernel {
     spmd::varying<float, Item> acc;
     if constexpr (Item::lanes == 1) {
       acc = 0.0f;
-      for (int i = item.first() / Format::items; i < blocks_per_row; i += blocks_at_once)
+      for (int i = item.first() / Format::items; i < blocks_per_row; i += blocks_at_once) {
         acc = acc +
               Format::dot(row + i * Format::record_bytes, q8 + i * blocks_of_8, item.first() % Format::items);
+      }
     } else {
       static_assert(Item::lanes == group);
       std::array<spmd::lanes<float, Format::items>, blocks_at_once> sums;

@@ -344,7 +344,9 @@ void check_table(const named& table, const named& x) {
 }
 
 void check_rank(std::initializer_list<const at::Tensor*> tensors, std::int64_t rank, const char* message) {
-  for (const at::Tensor* tensor : tensors) TORCH_CHECK(tensor->dim() == rank, message);
+  for (const at::Tensor* tensor : tensors) {
+    TORCH_CHECK(tensor->dim() == rank, message);
+  }
 }
 
 void check_even(const at::Tensor& tensor) {
@@ -440,8 +442,9 @@ void apply_rotary_embedding_q_and_k_cache_freq(const at::Tensor& q, const at::Te
                                                at::Tensor& q_out, at::Tensor& k_out) {
   check_rank({&q, &k, &sin, &cos, &q_out, &k_out}, q.dim(), "The dimensions of all tensor should be equal");
   TORCH_CHECK(q.dim() > 0, label, ": the tensors must have a last dimension of head_size, but have none");
-  for (const at::Tensor& tensor : {k, sin, cos, q_out, k_out})
+  for (const at::Tensor& tensor : {k, sin, cos, q_out, k_out}) {
     TORCH_CHECK(tensor.size(-1) == q.size(-1), "The problem size of all tensor should be equal");
+  }
   check_even(q);
   check_tensors({{"q", q}, {"k", k}, {"sin", sin}, {"cos", cos}, {"q_out", q_out}, {"k_out", k_out}});
   check_output({"q", q}, {"q_out", q_out});

@@ -105,7 +105,6 @@ fused_attention(const at::Tensor& query, const at::Tensor& key, const at::Tensor
 std::tuple<at::Tensor, at::Tensor, at::Tensor, at::Tensor> fused_attention_backward(
     const at::Tensor& grad, const at::Tensor& query, const at::Tensor& key, const at::Tensor& value,
     const at::Tensor& bias, std::array<bool, 4>, const at::Tensor& output, const at::Tensor& log_sums,
-    // NOLINTNEXTLINE(performance-unnecessary-value-param): the types are the schema's
     const at::Tensor&, const at::Tensor&, c10::SymInt, c10::SymInt, double dropout, bool causal,
     const at::Tensor&, const at::Tensor&, std::optional<double> scale) {
   if (!grad.defined()) return {};

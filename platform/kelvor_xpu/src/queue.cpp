@@ -18,7 +18,6 @@ sycl::queue& get_queue_from_stream(c10::Stream stream) {
   return queue;
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the exported signature
 void profiler_record(std::string label, sycl::event& event) {
   sycl::host::record_label(event.submission(), label);
 }
