@@ -16,13 +16,13 @@ namespace tolvane {
 /// the two of a byte first.
 enum class activation_sum { in_order, by_byte };
 
-/// Activation rows, tile by tile, in the order in which the lanes of a gang's registers read them. All
-/// work-groups read the same rows, so they are widened and transposed once per submission.
+/// Activation rows, tile by tile, in the order in which a gang's lanes read them. All work-groups read the
+/// same rows, so they are widened and transposed once per submission.
 template <class Format, class T>
 class activation_tiles {
  public:
   static constexpr int lanes = spmd::gang_lanes;
-  /// Lanes whose activations stand together: those of a register, and as many as packed tiles are loaded for.
+  /// Lanes that are read together at least: those of a register, and as many as packed tiles are loaded for.
   static constexpr int part = lanes == 1 ? 1 : std::max(8, spmd::native_lanes<spmd::wide<T>>);
 
   /// Lays out `rows` rows of `state_size` activations, a whole number of blocks. Lanes after the last tile
@@ -49,14 +49,12 @@ class activation_tiles {
     }
   }
 
-  /// Activation `place` of tile first + l in lane l; `first` is a multiple of `part`.
+  /// Activation `place` of tile first + l in lane l; `first` is a multiple of the width.
   template <int Width>
   [[gnu::always_inline]] spmd::varying_t<T, Width> element(int row, int first, int place) const {
-    if constexpr (Width > part) {
-      return joined(element<Width / 2>(row, first, place), element<Width / 2>(row, first + Width / 2, place));
-    } else {
-      return wide_load<Width>(tiles_ + row * stride_ + std::int64_t{first} * Format::tile + place * part);
-    }
+    const int lane = Width == lanes ? 0 : first % lanes;
+    return wide_load<Width>(tiles_ + row * stride_ + std::int64_t{first - lane} * Format::tile +
+                            place * lanes + lane);
   }
   /// The sum of the activations of tile first + l, for formats that ask for it.
   template <int Width>
@@ -73,10 +71,10 @@ class activation_tiles {
     const int tail = tiles / lanes * lanes;
     if (tail < tiles) std::fill_n(out + std::int64_t{tail} * Format::tile, lanes * Format::tile, 0);
     for (int t = 0; t < tiles; ++t) {
-      spmd::wide<T>* tile = out + std::int64_t{t} / part * (part * Format::tile) + t % part;
+      spmd::wide<T>* tile = out + std::int64_t{t} / lanes * (lanes * Format::tile) + t % lanes;
       for (int run = 0; run < Format::tile / 8; ++run) {
         const T* elements = from + Format::run_start(t, run);
-        for (int c = 0; c < 8; ++c) tile[(run * 8 + c) * part] = elements[c];
+        for (int c = 0; c < 8; ++c) tile[(run * 8 + c) * lanes] = elements[c];
       }
     }
   }
@@ -148,12 +146,12 @@ inline constexpr int rounds_together = [] {
   return spmd::reduced<T> || registers >= 4 ? std::clamp(8 / registers, 2, 4) : 1;
 }();
 
-/// Adds the products of tiles first[r] + l of a weight row and of activation rows b[a] to acc(a), in lane l.
-template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live, class Acc>
+/// Adds the products of tiles first[r] + l of a weight row and of activation rows b[a] to acc[a], in lane l.
+template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live>
 [[gnu::always_inline]] inline void add_tiles(const activation_tiles<Format, T>& input,
                                              const std::array<int, Rows>& b, const packed_row& row,
                                              const std::array<int, Rounds>& first, Live live,
-                                             const Acc& acc) {
+                                             std::array<spmd::varying_t<T, Width>, Rows>& acc) {
   using value = spmd::varying_t<T, Width>;
   // Load
   std::array<decltype(Format::template load<Width>(row.values, 0, live)), Rounds> tiles;
@@ -182,8 +180,8 @@ template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows
         row.scales + block * Format::scale_bytes, live);
     spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
       const value scaled =
-          Format::accumulate(acc(a), sum[r * Rows + a], input.template sum<Width>(b[a], first[r]), scales);
-      acc(a) = spmd::keep_unless(live, scaled, acc(a));
+          Format::accumulate(acc[a], sum[r * Rows + a], input.template sum<Width>(b[a], first[r]), scales);
+      acc[a] = spmd::keep_unless(live, scaled, acc[a]);
     });
   });
 }
@@ -201,13 +199,10 @@ template <int Rows, class Format, class T, class Item>
     acc[a] = spmd::varying<T, Item>(T(0.0f));
     b[a] = row0 + a;
   });
-  const auto own = [&](int a) [[gnu::always_inline]] -> auto& {
-    return acc[a];
-  };
   constexpr int together = Rows == 1 ? rounds_together<T, n> : 1;
   spmd::strided<together>(item, state_size / Format::tile,
                           [&](const auto& first, auto live)
-                              [[gnu::always_inline]] { add_tiles<n>(input, b, row, first, live, own); });
+                              [[gnu::always_inline]] { add_tiles<n>(input, b, row, first, live, acc); });
   return acc;
 }
 
@@ -222,24 +217,25 @@ template <class Format, class T, std::size_t Rows, std::size_t Count, class Item
                                                  const Finish& finish) {
   constexpr int n = Item::lanes, width = activation_tiles<Format, T>::part;
   using part = spmd::varying_t<T, width>;
-  std::array<std::array<std::array<part, n / width>, Rows>, Count> acc;
+  std::array<std::array<std::array<part, Rows>, n / width>, Count> acc;
   for (int j = 0; j < live; ++j) {
-    for (auto& parts : acc[j]) parts.fill(part(T(0.0f)));
+    for (auto& own : acc[j]) own.fill(part(T(0.0f)));
   }
   spmd::strided<1>(item, state_size / Format::tile, [&](const auto& round, auto lanes) {
     for (int p = 0; p < n / width; ++p) {
       const auto own = spmd::part_of<width>(lanes, p * width);
       if (own.count <= 0) return;
-      for (int j = 0; j < live; ++j) {
-        add_tiles<width>(
-            input, b, rows[j], std::array{round[0] + p * width},
-            own, [&](int a) [[gnu::always_inline]] -> auto& { return acc[j][a][p]; });
-      }
+      for (int j = 0; j < live; ++j)
+        add_tiles<width>(input, b, rows[j], std::array{round[0] + p * width}, own, acc[j][p]);
     }
   });
   for (int j = 0; j < live; ++j) {
     std::array<spmd::varying<T, Item>, Rows> sums;
-    for (std::size_t a = 0; a < Rows; ++a) sums[a] = spmd::joined_parts<n / width>(acc[j][a].data());
+    for (std::size_t a = 0; a < Rows; ++a) {
+      std::array<part, n / width> parts;
+      for (int p = 0; p < n / width; ++p) parts[p] = acc[j][p][a];
+      sums[a] = spmd::joined_parts<n / width>(parts.data());
+    }
     finish(j, sums);
   }
 }

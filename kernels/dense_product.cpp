@@ -44,9 +44,12 @@ void dispatch_own(at::ScalarType type, const Body& body) {
   });
 }
 
-bool is_own(at::ScalarType type) {
-  return type == at::kHalf || type == at::kFloat ||
-         (type == at::kBFloat16 && !sycl::host::multiplies_bfloat16());
+/// Whether our product is faster than PyTorch's, which streams weights where rows are few.
+bool is_own(const at::Tensor& input) {
+  const at::ScalarType type = input.scalar_type();
+  if (type == at::kFloat) return input.size(0) > 3;
+  return (type == at::kHalf || (type == at::kBFloat16 && !sycl::host::multiplies_bfloat16())) &&
+         input.size(0) > 16;
 }
 
 /// Bytes of an expansion that are still in a cache when they are multiplied, and the most rows for which
@@ -57,7 +60,7 @@ constexpr std::int64_t sliced_rows = 64;
 }  // namespace
 
 dense_product::dense_product(const at::Tensor& input) : input_(input) {
-  if (!is_own(input.scalar_type())) return;
+  if (!is_own(input)) return;
   const std::int64_t rows = input.size(0), depth = input.size(1);
   laid_out_ = at::empty({rows * spmd::padded_depth(depth)}, input.options().dtype(at::kFloat));
   dispatch_own(input.scalar_type(), [&]<class T>(std::type_identity<T>) {
@@ -69,7 +72,7 @@ dense_product::dense_product(const at::Tensor& input) : input_(input) {
 }
 
 std::int64_t dense_product::rows_at_once(const at::Tensor& input) {
-  if (!is_own(input.scalar_type()) && input.size(0) > sliced_rows) return std::numeric_limits<int>::max();
+  if (!is_own(input) && input.size(0) > sliced_rows) return std::numeric_limits<int>::max();
   const std::int64_t row_bytes = input.size(1) * static_cast<std::int64_t>(input.element_size());
   const std::int64_t even = sycl::host::pool_threads() * spmd::product_columns;
   return (slice_bytes / row_bytes + even - 1) / even * even;

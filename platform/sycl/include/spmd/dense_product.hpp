@@ -60,8 +60,8 @@ void lay_out_tile(const T* from, std::int64_t stride, std::int64_t rows, std::in
 /// Widens `depth` elements of `columns` weight rows into a panel: the rows' elements side by side. Places of
 /// rows that do not exist repeat the last; elements that do not are zeros up to whole eights.
 template <class T>
-void lay_out_panel(const T* from, std::int64_t stride, std::int64_t columns, std::int64_t depth,
-                   float* panel) {
+[[gnu::flatten, gnu::noinline]] void lay_out_panel(const T* from, std::int64_t stride, std::int64_t columns,
+                                                   std::int64_t depth, float* panel) {
   for (int c = 0; c < panel_columns; c += 8) {
     std::array<const T*, 8> row;
     for (int i = 0; i < 8; ++i) row[i] = from + std::min<std::int64_t>(c + i, columns - 1) * stride;
