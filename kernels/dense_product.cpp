@@ -66,7 +66,7 @@ dense_product::dense_product(const at::Tensor& input) : input_(input) {
   dispatch_own(input.scalar_type(), [&]<class T>(std::type_identity<T>) {
     in_parallel(spmd::tiles_of(rows),
                 [from = elements<T>(input), to = elements<float>(laid_out_), rows, depth](std::int64_t tile) {
-                  spmd::lay_out_tile(from, depth, rows, tile, depth, to);
+                  spmd::lay_out_tile<T>(from, depth, rows, tile, depth, to);
                 });
   });
 }

@@ -15,6 +15,7 @@
 #include "dispatch.h"
 #include "formats/list.h"
 #include "linear_xpu_kernel.h"
+#include "spmd/dense_product.hpp"
 #include "submit.h"
 #include "sycl/ext/kelvor/esimd.hpp"
 
@@ -23,8 +24,10 @@ namespace {
 
 namespace esimd = sycl::ext::kelvor::esimd;
 
-constexpr int QK = 64;        // elements of a block
-constexpr int tile_rows = 8;  // activation rows of a tile
+constexpr int QK = 64;         // elements of a block
+constexpr int tile_rows = 8;   // activation rows of a group
+constexpr int together = 16;   // columns that are unpacked together; those of one group or of two
+constexpr int most_rows = 64;  // of all groups, as the route has it
 
 /// The value in byte `Byte` of each word, or in one nibble of it, from bit `First` of the byte on. Where the
 /// bits are taken out by masks, shifting the words takes fewer constants than a register file lacks.
@@ -37,51 +40,79 @@ template <class Format, class CT, int Byte, int First, int N>
   }
 }
 
-/// What threads that work on the same columns read: values and scales of the first one's first block, the
-/// bytes from one column to the next, and those to the columns that are read next.
+/// Where the columns that are unpacked together stand: values and scales of the first one's first block, and
+/// the bytes from one column to the next.
 struct column_blocks {
   const std::uint8_t* values;
   const std::uint8_t* scales;
   std::int64_t value_stride;
   std::int64_t scale_stride;
-  std::int64_t ahead;
 };
 
-/// running[r] += the products of R activation rows with blocks begin … end - 1 of N columns, each block's
-/// scaled as a whole. Activations stand R rows side by side, element by element.
-template <class Format, class CT, std::size_t R, int N>
-[[gnu::noinline, gnu::flatten]] void add_blocks(spmd::row_tile<R, N>& running, const float* activations,
-                                                const column_blocks& columns, std::int64_t begin,
-                                                std::int64_t end) {
+/// One block of all columns: what CT holds of its values, element by element, and its scales.
+struct unpacked_block {
+  alignas(64) float values[QK * together];
+  float scales[together];
+};
+
+/// Unpacks block b of the columns, and asks for that of the next columns.
+template <class Format, class CT>
+[[gnu::noinline, gnu::flatten]] void unpack(const column_blocks& columns, std::int64_t b,
+                                            unpacked_block& to) {
   // Where the other kernels read no scale, this one does.
   using scale = std::conditional_t<Format::scale_bytes == 2, half, float>;
-  for (std::int64_t b = begin; b < end; ++b) {
-    const std::uint8_t* block = columns.values + b * Format::value_bytes;
-    const auto d = spmd::convert<float>(
-        esimd::gather<scale, N>(columns.scales + b * Format::scale_bytes, columns.scale_stride));
-    const auto words = esimd::block_load_transposed<Format::value_bytes / 4, N>(block, columns.value_stride);
-    for (int j = 0; j < N; ++j) esimd::prefetch(block + j * columns.value_stride + columns.ahead);
-    const float* a = activations + b * static_cast<std::int64_t>(QK * R);
-    spmd::row_tile<R, N> sums;
-    spmd::unrolled<R>([&](auto r) { sums[r] = esimd::simd<float, N>(0.0f); });
-    // Elements k and k + 32 share a byte of a four-bit format: its first two tiles are in the low nibbles.
+  constexpr int width = std::min(together, std::max(8, spmd::native_lanes<float>));
+  for (int c = 0; c < together; c += width) {
+    const std::uint8_t* block = columns.values + c * columns.value_stride + b * Format::value_bytes;
+    const std::uint8_t* scales = columns.scales + c * columns.scale_stride + b * Format::scale_bytes;
+    esimd::block_store(to.scales + c,
+                       spmd::convert<float>(esimd::gather<scale, width>(scales, columns.scale_stride)));
+    const auto words =
+        esimd::block_load_transposed<Format::value_bytes / 4, width>(block, columns.value_stride);
+    for (int j = 0; j < width; ++j) esimd::prefetch(block + (together + j) * columns.value_stride);
+    // Elements k and k + 32 share a byte of a four-bit format.
     spmd::unrolled<QK / Format::value_bytes>([&](auto part) [[gnu::always_inline]] {
-      constexpr int tiles = Format::value_bytes / esimd::dpas_depth;
-      for (int t = 0; t < tiles; ++t) {
-        const float* tile = a + (part * tiles + t) * static_cast<int>(esimd::dpas_depth * R);
-        const auto* tile_words = words.data() + t * (esimd::dpas_depth / 4);
-        esimd::dpas<CT>(sums, tile, [&](auto k) [[gnu::always_inline]] {
-          return unpacked<Format, CT, k % 4, part * 4>(tile_words[k / 4]);
-        });
-      }
+      spmd::unrolled<Format::value_bytes>([&](auto i) [[gnu::always_inline]] {
+        const auto value = unpacked<Format, CT, i % 4, part * 4>(words[i / 4]);
+        esimd::block_store(to.values + (part * Format::value_bytes + i) * together + c, value.w);
+      });
     });
-    spmd::unrolled<R>([&](auto r) { running[r] = spmd::mad(sums[r], d, running[r]); });
   }
+}
+
+/// running[r] += the products of R activation rows with a block, scaled as a whole. Activations stand R rows
+/// side by side, element by element.
+template <class CT, int Parts, int R>
+void add_block(const float* activations, const unpacked_block& block, float* running) {
+  spmd::row_tile<R, together> sums;
+  sums.fill(esimd::simd<float, together>(0.0f));
+  for (int k0 = 0; k0 < QK; k0 += esimd::dpas_depth) {
+    esimd::dpas<CT, Parts>(sums, activations + k0 * R, [&](auto k) [[gnu::always_inline]] {
+      return esimd::simd<CT, together>(esimd::block_load<together>(block.values + (k0 + k) * together));
+    });
+  }
+  const auto d = esimd::block_load<together>(block.scales);
+  for (int r = 0; r < R; ++r) {
+    float* to = running + r * together;
+    esimd::block_store(to, spmd::mad(sums[r], d, esimd::block_load<together>(to)));
+  }
+}
+
+/// The same for a tile of `rows` rows. Few rows are summed in two parts, or they would not keep the CPU busy:
+/// an addition takes four cycles or five, and two start in each.
+template <class CT, int Parts>
+void add_block(std::int64_t rows, const float* activations, const unpacked_block& block, float* running) {
+  static constexpr auto add = []<int... I>(std::integer_sequence<int, I...>) {
+    return std::array{add_block<CT, Parts, I + 1>...};
+  }
+  (std::make_integer_sequence < int, Parts == 1 ? spmd::tile_rows : 3 > ());
+  add[rows - 1](activations, block, running);
 }
 
 /// Rows of output[r][n] = sum over k of input[r][k] * weight[n][k]. Group (n, r) computes columns N * n to
 /// N * n + N - 1 of the activation rows 8 * r to 8 * r + 7, of which the last tile has M; its threads share
-/// the blocks of a row, and pass their sums to each other in ST.
+/// the blocks of a row, and pass their sums to each other in ST. That is what the caller sees: the first
+/// group of 16 columns works for all of them and all rows, so that a block is unpacked once.
 template <class IT, class CT, class AT, class ST, int M, int N, int GS>
 struct sysarr_kernel {
   const IT* input;
@@ -99,75 +130,70 @@ struct sysarr_kernel {
   static constexpr int sub_group_size = 1;
   static constexpr bool uses_sub_group = true;
 
-  /// Activations in CT, what all groups read: the rows of a tile side by side, element by element.
+  /// Activations in CT, what all groups read, in tiles.
   const float* activations = nullptr;
   void prepare(sycl::host::arena& memory) {
-    const std::size_t columns = blocks_per_row * QK;
-    auto* out = memory.template allocate<float>(batch_size * columns + 8);
+    const auto rows = static_cast<std::int64_t>(batch_size), columns = row_elements();
+    auto* out = memory.template allocate<float>(batch_size * static_cast<std::size_t>(columns));
     activations = out;
-    for (std::size_t row = 0; row < batch_size; row += tile_rows) {
-      const std::size_t rows = std::min<std::size_t>(tile_rows, batch_size - row);
-      for (std::size_t k = 0; k < columns; k += 8) {
-        std::array<spmd::eight_floats, 8> values;
-        for (std::size_t r = 0; r < 8; ++r) {
-          const IT* from = input + (row + std::min(r, rows - 1)) * columns + k;
-          values[r] = spmd::convert<float>(spmd::convert<CT>(spmd::load<8>(from)));
-        }
-        // A row that does not exist is written over.
-        for (const auto& element : spmd::transposed(values)) {
-          spmd::store(out, element);
-          out += rows;
-        }
-      }
-    }
+    for (std::int64_t tile = 0; tile < spmd::tiles_of(rows); ++tile)
+      spmd::lay_out_tile<CT>(input, columns, rows, tile, columns, out);
   }
 
   template <class Item>
   void operator()(const Item& item) const {
-    const bool last = item.get_group(1) == item.get_group_range(1) - 1;
-    last ? run<M>(item) : run<tile_rows>(item);  // NOLINT(bugprone-branch-clone): one where a tile is whole
+    const auto n0 = static_cast<std::int64_t>(item.get_group(0)) * N;
+    if (item.get_group(1) != 0 || n0 % together != 0) return;
+    const auto rows = static_cast<std::int64_t>(batch_size);
+    const auto s = static_cast<std::size_t>(item.first());
+    const std::size_t begin = std::min(s * blocks_per_split, blocks_per_row);
+    const std::size_t end = std::min(begin + blocks_per_split, blocks_per_row);
+
+    struct alignas(64) {
+      unpacked_block block;
+      float running[most_rows * together];
+    } own;
+    const sycl::host::accessible_here all(&own, sizeof own);
+    std::fill_n(own.running, rows * together, 0.0f);
+    for (auto b = static_cast<std::int64_t>(begin); b < static_cast<std::int64_t>(end); ++b) {
+      unpack_any(n0, b, own.block);
+      for (std::int64_t tile = 0; tile < spmd::tiles_of(rows); ++tile) {
+        const std::int64_t first = spmd::tile_begin(rows, tile);
+        const std::int64_t count = spmd::tile_begin(rows, tile + 1) - first;
+        const float* from = activations + first * row_elements() + b * QK * count;
+        const auto add = rows <= 3 ? add_block<CT, 2> : add_block<CT, 1>;
+        add(count, from, own.block, own.running + first * together);
+      }
+    }
+
+    ST* sums = local.get(item);  // [row][split][column]
+    for (std::int64_t r = 0; r < rows; ++r) {
+      esimd::block_store(sums + (r * GS + static_cast<std::int64_t>(s)) * together,
+                         esimd::block_load<together>(own.running + r * together));
+    }
+    item.barrier();
+    for (auto r = static_cast<std::int64_t>(s); r < rows; r += GS) {
+      esimd::simd<ST, together> total(ST(0.0f));
+      for (int split = 0; split < GS; ++split)
+        total = total + esimd::block_load<together>(sums + (r * GS + split) * together);
+      esimd::block_store(output + r * static_cast<std::int64_t>(output_size) + n0, total);
+    }
   }
 
  private:
-  template <int R, class Item>
-  void run(const Item& item) const {
-    const auto n0 = static_cast<std::int64_t>(item.get_group(0)) * N;
-    const auto tile = static_cast<std::int64_t>(item.get_group(1));
-    const auto s = static_cast<std::size_t>(item.first());
-    const auto begin = static_cast<std::int64_t>(std::min(s * blocks_per_split, blocks_per_row));
-    const auto end = static_cast<std::int64_t>(std::min((s + 1) * blocks_per_split, blocks_per_row));
+  std::int64_t row_elements() const { return static_cast<std::int64_t>(blocks_per_row) * QK; }
 
-    const float* rows = activations + tile * static_cast<std::int64_t>(blocks_per_row) * (QK * tile_rows);
-
-    // As many columns at a time as a register has lanes. [row][split][column]
-    ST* sums = local.get(item);
-    constexpr int width = std::min(N, spmd::native_lanes<float>);
-    for (int column = 0; column < N; column += width) {
-      spmd::row_tile<R, width> running;
-      spmd::unrolled<R>([&](auto r) { running[r] = esimd::simd<float, width>(0.0f); });
-      switch (qtype) {
-        case q4_0::qtype:
-          add_blocks<q4_0, CT>(running, rows, columns<q4_0>(n0 + column), begin, end);
-          break;
-        case q8_0::qtype:
-          add_blocks<q8_0, CT>(running, rows, columns<q8_0>(n0 + column), begin, end);
-          break;
-        case fp8_e4m3::qtype:
-          add_blocks<fp8_e4m3, CT>(running, rows, columns<fp8_e4m3>(n0 + column), begin, end);
-          break;
-        case fp8_e5m2::qtype:
-          add_blocks<fp8_e5m2, CT>(running, rows, columns<fp8_e5m2>(n0 + column), begin, end);
-          break;
-      }
-      for (std::size_t r = 0; r < R; ++r) esimd::block_store(sums + (r * GS + s) * N + column, running[r]);
+  void unpack_any(std::int64_t column, std::int64_t b, unpacked_block& to) const {
+    switch (qtype) {
+      case q4_0::qtype:
+        return unpack<q4_0, CT>(columns<q4_0>(column), b, to);
+      case q8_0::qtype:
+        return unpack<q8_0, CT>(columns<q8_0>(column), b, to);
+      case fp8_e4m3::qtype:
+        return unpack<fp8_e4m3, CT>(columns<fp8_e4m3>(column), b, to);
+      case fp8_e5m2::qtype:
+        return unpack<fp8_e5m2, CT>(columns<fp8_e5m2>(column), b, to);
     }
-    item.barrier();
-    if (s >= R) return;
-    esimd::simd<ST, N> total(ST(0.0f));
-    for (int split = 0; split < GS; ++split)
-      total = total + esimd::block_load<N>(sums + (s * GS + split) * N);
-    const auto row = static_cast<std::size_t>(tile) * tile_rows + s;
-    esimd::block_store(output + row * output_size + n0, total);
   }
 
   template <class Format>
@@ -175,7 +201,7 @@ struct sysarr_kernel {
     const auto row_blocks = static_cast<std::int64_t>(blocks_per_row);
     const std::int64_t values = row_blocks * Format::value_bytes,
                        own_scales = row_blocks * Format::scale_bytes;
-    return {weight + first * values, scales + first * own_scales, values, own_scales, N * values};
+    return {weight + first * values, scales + first * own_scales, values, own_scales};
   }
 };
 
@@ -191,7 +217,7 @@ void sysarr_forward_kernel(const void* input, const std::uint8_t* weight, const 
   const std::size_t blocks_per_split = (blocks_per_row + GS - 1) / GS;
   const sycl::range<2> global(output_size / N * GS, (batch_size + tile_rows - 1) / tile_rows);
   submit(device, [&](sycl::handler& command) {
-    const sycl::local_accessor<ST> local(tile_rows * GS * N, command);
+    const sycl::local_accessor<ST> local(batch_size * GS * together, command);
     command.parallel_for(sycl::nd_range<2>(global, {GS, 1}),
                          sysarr_kernel<IT, CT, AT, ST, M, N, GS>{
                              static_cast<const IT*>(input), weight, scales, static_cast<IT*>(output),

@@ -101,7 +101,7 @@ void lay_out(const LinearCall& call, const void* from, int64_t stride, float* to
     const auto* rows = static_cast<const T*>(from);
     if (call.rows > most_streamed_rows) {
       for (int64_t tile = 0; tile < spmd::tiles_of(call.rows); ++tile)
-        spmd::lay_out_tile(rows, stride, call.rows, tile, call.depth, to);
+        spmd::lay_out_tile<T>(rows, stride, call.rows, tile, call.depth, to);
       return;
     }
     for_tiles(call.rows, [&](int64_t first, int64_t count) {

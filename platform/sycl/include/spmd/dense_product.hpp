@@ -37,9 +37,9 @@ constexpr std::int64_t tile_begin(std::int64_t rows, std::int64_t tile) {
 }
 
 /// Lays out a tile of activation rows for `multiply_columns`: `count` of `rows` rows from `first` on,
-/// `stride` elements apart, are widened and stand side by side, element by element, with zeros up to the
-/// padded depth. All tiles need rows * padded_depth floats.
-template <class T>
+/// `stride` elements apart, are rounded to As, widened and stand side by side, element by element, with zeros
+/// up to the padded depth. All tiles need rows * padded_depth floats.
+template <class As, class T>
 void lay_out_tile(const T* from, std::int64_t stride, std::int64_t rows, std::int64_t tile,
                   std::int64_t depth, float* to) {
   const std::int64_t padded = padded_depth(depth), first = tile_begin(rows, tile);
@@ -49,7 +49,8 @@ void lay_out_tile(const T* from, std::int64_t stride, std::int64_t rows, std::in
     const T* row = from + (first + r) * stride;
     for (std::int64_t k = 0; k < padded; k += 8) {
       const auto live = static_cast<int>(std::min<std::int64_t>(8, depth - k));
-      const auto eight = convert<float>(live == 8 ? load<8>(row + k) : load<8>(row + k, first_lanes{live}));
+      const auto eight =
+          convert<float>(convert<As>(live == 8 ? load<8>(row + k) : load<8>(row + k, first_lanes{live})));
       std::array<float, 8> values;
       std::memcpy(values.data(), &eight, sizeof values);
       for (std::int64_t i = 0; i < 8; ++i) to[(k + i) * count + r] = values[i];

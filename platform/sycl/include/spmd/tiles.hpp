@@ -12,15 +12,7 @@ namespace spmd {
 template <std::size_t Rows, int N>
 using row_tile = std::array<lanes<float, N>, Rows>;
 
-/// Into how many parts the sum of a row is split where the rows are too few to keep the CPU busy: an addition
-/// takes four cycles or five, and two start in each. It depends on the rows alone, so that all targets give
-/// the same bits.
-template <std::size_t Rows>
-inline constexpr int partial_sums = Rows > 6   ? 1
-                                    : Rows > 2 ? 2
-                                               : 4;
-
-/// sums[r] += x[0][r] * w(0) + … + x[Depth - 1][r] * w(Depth - 1), where x is a matrix of `Stride` floats a
+/// sums[r] += x[0][r] * w(0) + … + x[Depth - 1][r] * w(Depth - 1), where x is a matrix of `Rows` floats a
 /// row and w(k), with k as std::integral_constant, gives a register. With partial sums, product k goes to sum
 /// k % Parts; these are added up in order, and their sum to `sums`. Costs w(k) once, and per row and k
 /// a load and a multiply-add. Eight rows of one register each, or six of two, are as many as the narrower

@@ -82,11 +82,11 @@ template <class T, int N>
 inline constexpr int dpas_depth = 16;
 
 /// sums[r] += the products of row r of `a` with the columns of `b`, in float: a[0][r] * b(0) + a[1][r] * b(1)
-/// … over 16 elements, in an order of its own. `a` is a matrix of `Stride` floats a row, each a value of T;
-/// b(k) gives element k of all columns, with k as std::integral_constant.
-template <class T, std::size_t Rows, int N, class Columns>
+/// … over 16 elements, in an order of its own, which `Parts` chooses. `a` is a matrix of `Rows` floats a row,
+/// each a value of T; b(k) gives element k of all columns, with k as std::integral_constant.
+template <class T, int Parts, std::size_t Rows, int N, class Columns>
 [[gnu::always_inline]] inline void dpas(spmd::row_tile<Rows, N>& sums, const float* a, const Columns& b) {
-  spmd::add_products<dpas_depth, spmd::partial_sums<Rows>>(sums, a, [&](auto k) [[gnu::always_inline]] {
+  spmd::add_products<dpas_depth, Parts>(sums, a, [&](auto k) [[gnu::always_inline]] {
     const simd<T, N> column = b(k);
     return column.w;
   });
