@@ -81,7 +81,7 @@ def measure(quick: bool) -> Times:
 
 def draw(path: Path, by_class: dict[str, Times]) -> None:
     """A row of plots for each class, a column for each type."""
-    from matplotlib import pyplot
+    from matplotlib import pyplot, ticker
 
     shape = len(by_class), len(TYPES)
     figure, plots = pyplot.subplots(*shape, figsize=(13, 3.4 * len(by_class)), sharex=True, sharey=True, squeeze=False)
@@ -93,6 +93,9 @@ def draw(path: Path, by_class: dict[str, Times]) -> None:
                 axes.loglog(rows, [best / r for r, best in zip(rows, points.values())], style, label=name, markersize=3)
             axes.set_title(f"{title}, {kind}")
             axes.set_xticks(ROWS, [str(r) for r in ROWS], minor=False)
+            axes.set_yticks((0.2, 0.3, 0.5, 1, 2, 3), minor=False)
+            axes.yaxis.set_major_formatter(ticker.ScalarFormatter())
+            axes.yaxis.set_minor_formatter(ticker.NullFormatter())
             axes.grid(alpha=0.3)
     plots[0][0].legend(fontsize=8)
     figure.supxlabel("rows")
