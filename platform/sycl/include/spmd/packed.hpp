@@ -164,8 +164,9 @@ template <int N, std::uint8_t Lower>
     return {load_upper_bytes<N / 2, Lower>(p, all_lanes<N / 2>()),
             load_upper_bytes<N / 2, Lower>(p + N / 2, all_lanes<N / 2>())};
   } else {
-    return lanes<float, N>(
-        target::from_halves(target::widened_bytes(loaded<vec<std::uint8_t, N>>(p)) << 8 | Lower));
+    const auto upper = loaded<vec<std::uint8_t, N>>(p);
+    const auto bytes = shuffled<2 * N>(repeated<N>(Lower), upper, [](int i) { return i % 2 * N + i / 2; });
+    return lanes<float, N>(target::from_halves(reinterpret_cast<vec<std::uint16_t, N>>(bytes)));
   }
 }
 

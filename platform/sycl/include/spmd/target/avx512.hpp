@@ -24,9 +24,6 @@ inline constexpr int gang_lanes = 32;
 [[gnu::always_inline]] inline vec<std::uint32_t, 16> widened(vec<std::uint8_t, 16> x) {
   return reinterpret_cast<vec<std::uint32_t, 16>>(_mm512_cvtepu8_epi32(reinterpret_cast<__m128i>(x)));
 }
-[[gnu::always_inline]] inline vec<std::uint16_t, 16> widened_bytes(vec<std::uint8_t, 16> x) {
-  return reinterpret_cast<vec<std::uint16_t, 16>>(_mm256_cvtepu8_epi16(reinterpret_cast<__m128i>(x)));
-}
 [[gnu::always_inline]] inline vec<std::uint16_t, 16> narrowed(vec<std::uint32_t, 16> x) {
   return reinterpret_cast<vec<std::uint16_t, 16>>(_mm512_cvtepi32_epi16(reinterpret_cast<__m512i>(x)));
 }

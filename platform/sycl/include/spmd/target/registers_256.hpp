@@ -26,12 +26,6 @@ namespace spmd::target {
       _mm256_cvtepu8_epi32(_mm_cvtsi64_si128(std::bit_cast<long long>(x))));
 }
 
-/// Bytes as 16-bit words.
-[[gnu::always_inline]] inline vec<std::uint16_t, 8> widened_bytes(vec<std::uint8_t, 8> x) {
-  return reinterpret_cast<vec<std::uint16_t, 8>>(
-      _mm_cvtepu8_epi16(_mm_cvtsi64_si128(std::bit_cast<long long>(x))));
-}
-
 /// 32-bit words below 2^16 as 16-bit words. 2 shuffles.
 [[gnu::always_inline]] inline vec<std::uint16_t, 8> narrowed(vec<std::uint32_t, 8> x) {
   const auto words = reinterpret_cast<__m256i>(x);

@@ -33,9 +33,6 @@ inline vec<std::uint32_t, 8> widened(vec<std::uint16_t, 8> x) {
 inline vec<std::uint32_t, 8> widened(vec<std::uint8_t, 8> x) {
   return __builtin_convertvector(x, vec<std::uint32_t, 8>);
 }
-inline vec<std::uint16_t, 8> widened_bytes(vec<std::uint8_t, 8> x) {
-  return __builtin_convertvector(x, vec<std::uint16_t, 8>);
-}
 inline vec<std::uint16_t, 8> narrowed(vec<std::uint32_t, 8> x) {
   return __builtin_convertvector(x, vec<std::uint16_t, 8>);
 }
