@@ -110,10 +110,10 @@ void add_block(std::int64_t rows, const float* activations, const unpacked_block
 }
 
 /// Rows of output[r][n] = sum over k of input[r][k] * weight[n][k]. Group (n, r) computes columns N * n to
-/// N * n + N - 1 of the activation rows 8 * r to 8 * r + 7, of which the last tile has M; its threads share
+/// N * n + N - 1 of the activation rows 8 * r to 8 * r + 7; its threads share
 /// the blocks of a row, and pass their sums to each other in ST. That is what the caller sees: the first
 /// group of 16 columns works for all of them and all rows, so that a block is unpacked once.
-template <class IT, class CT, class AT, class ST, int M, int N, int GS>
+template <class IT, class CT, class AT, class ST, int N, int GS>
 struct sysarr_kernel {
   const IT* input;
   const std::uint8_t* weight;
@@ -205,6 +205,7 @@ struct sysarr_kernel {
   }
 };
 
+/// Submits the kernel. M, the rows of the last tile, is the instances' own: the kernel finds them itself.
 template <class IT, class CT, class AT, class ST, int M, int N, int GS>
 void sysarr_forward_kernel(const void* input, const std::uint8_t* weight, const std::uint8_t* scales,
                            void* output, const std::size_t batch_size, const std::size_t state_size,
@@ -219,7 +220,7 @@ void sysarr_forward_kernel(const void* input, const std::uint8_t* weight, const 
   submit(device, [&](sycl::handler& command) {
     const sycl::local_accessor<ST> local(batch_size * GS * together, command);
     command.parallel_for(sycl::nd_range<2>(global, {GS, 1}),
-                         sysarr_kernel<IT, CT, AT, ST, M, N, GS>{
+                         sysarr_kernel<IT, CT, AT, ST, N, GS>{
                              static_cast<const IT*>(input), weight, scales, static_cast<IT*>(output),
                              blocks_per_row, blocks_per_split, output_size, qtype, local, batch_size});
   });
