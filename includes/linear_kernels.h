@@ -49,9 +49,9 @@ struct matvec_kernel {
 };
 
 /// A few activation rows: group (g, b) computes outputs 2g and 2g + 1 of activation rows 2b and 2b + 1, as
-/// far as the caller sees. In float the first group of a block does the work of all, so that a weight is
-/// unpacked once for up to eight activation rows and these are fetched once for eight outputs. Half and
-/// bfloat16 gain nothing by that, since rounding every sum takes far longer than unpacking.
+/// far as the caller sees. The first group of a block does the work of all, so that a weight is unpacked once
+/// for up to eight activation rows and these are fetched once for eight outputs; not in double and on one
+/// lane, where speed is not what counts.
 template <class Format, class T>
 struct batch_kernel {
   std::size_t batch_size;
@@ -63,8 +63,8 @@ struct batch_kernel {
   std::size_t output_size;
   T* output;
 
-  static constexpr bool in_blocks = std::same_as<T, float>;
-  /// The most activation rows and outputs that one group computes.
+  static constexpr bool in_blocks = !std::same_as<T, double> && activation_tiles<Format, T>::lanes > 1;
+  /// The activation rows and outputs of a block.
   static constexpr int most_rows = in_blocks ? 8 : 2, most_outputs = in_blocks ? 8 : 2;
 
   activation_tiles<Format, T> tiles{};
@@ -76,66 +76,62 @@ struct batch_kernel {
   template <class Item>
   void operator()(const Item& item) const {
     // Rows
-    const int b0 = static_cast<int>(item.get_group(1)) * 2, left = static_cast<int>(batch_size) - b0;
-    if constexpr (in_blocks) {
-      const int place = b0 % most_rows;
-      if (left + place > 6) return multiply_block<8>(item, b0, place);
-      if (left + place > 2 && place < 4) return multiply_block<4>(item, b0, place);
-    }
-    if (left > 1) {
-      multiply<2>(item, b0);
-    } else {
-      multiply<1>(item, b0);
+    const int b0 = static_cast<int>(item.get_group(1)) * 2;
+    if (b0 % most_rows != 0 || item.get_group(0) * 2 % most_outputs != 0) return;
+    const int left = std::min(static_cast<int>(batch_size) - b0, most_rows);
+    for (int done = 0; done < left;) {
+      const int rows = left - done >= 8 ? 8 : std::min(left - done, 4);
+      if (rows == 1) {
+        multiply<1>(item, b0, done);
+      } else if (rows == 2) {
+        multiply<2>(item, b0, done);
+      } else if constexpr (in_blocks) {
+        rows == 3   ? multiply<3>(item, b0, done)
+        : rows == 4 ? multiply<4>(item, b0, done)
+                    : multiply<8>(item, b0, done);
+      }
+      done += rows;
     }
   }
 
  private:
-  zoned_weight<Format> packed() const {
-    return {weight, scale_offset, static_cast<std::int64_t>(state_size) / Format::block};
-  }
-  int outputs_from(std::int64_t row0, int most) const {
-    return static_cast<int>(std::min<std::int64_t>(most, static_cast<std::int64_t>(output_size) - row0));
-  }
-  T* output_of(int b, std::int64_t row) const {
-    return output + b * static_cast<std::int64_t>(output_size) + row;
-  }
-
+  /// All outputs of a block for `Batch` activation rows, from row `place` of the block on.
   template <int Batch, class Item>
-  void multiply(const Item& item, int b0) const {
+  [[gnu::noinline]] void multiply(const Item& item, int b0, int place) const {
     // Assign
+    const int b = b0 + place, columns = static_cast<int>(state_size);
     const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * 2;
-    const int rows = outputs_from(row0, 2);
-    // Walk, Stage, Tree
-    const auto sum = row_products<Batch>(item, tiles, b0, static_cast<std::int64_t>(state_size),
-                                         packed().template rows<2>(row0), local.get(item), rows);
-    // Write
-    if (item.first() != 0) return;
-    for (int b = 0; b < Batch; ++b) {
-      for (int j = 0; j < rows; ++j) spmd::store(output_of(b0 + b, row0 + j), sum[b * 2 + j]);
+    const auto outputs =
+        static_cast<int>(std::min<std::int64_t>(most_outputs, static_cast<std::int64_t>(output_size) - row0));
+    const zoned_weight<Format> packed{weight, scale_offset, columns / Format::block};
+    const auto local_of = [&](int j) {
+      return local.get(item) + (place * most_outputs + j * Batch) * item.group_size();
+    };
+    const auto write = [&](int j, const T& sum, int a) {
+      spmd::store(output + (b + a) * static_cast<std::int64_t>(output_size) + row0 + j, sum);
+    };
+    if constexpr (Batch > 2) {
+      // Walk
+      const auto finish = [&](int j, const auto& acc) {
+        // Stage, Tree
+        const auto sum = spmd::tree_sum(item, acc, local_of(j));
+        // Write
+        if (item.first() != 0) return;
+        for (int a = 0; a < Batch; ++a) write(j, sum[a], a);
+      };
+      walk_together<Batch>(item, tiles, b, columns, packed.template rows<most_outputs>(row0), outputs,
+                           finish);
+    } else {
+      for (int j = 0; j < outputs; j += 2) {
+        const int pair = std::min(2, outputs - j);
+        // Walk, Stage, Tree
+        const auto sum = row_products<Batch>(item, tiles, b, columns, packed.template rows<2>(row0 + j),
+                                             local_of(j), pair);
+        // Write
+        if (item.first() != 0) continue;
+        for (int k = 0; k < Batch * pair; ++k) write(j + k % pair, sum[k / pair * 2 + k % pair], k / pair);
+      }
     }
-  }
-
-  /// The first group of a block, at `place` 0: up to `Batch` activation rows, and eight outputs. Rows after
-  /// the last one repeat it.
-  template <int Batch, class Item>
-  void multiply_block(const Item& item, int b0, int place) const {
-    // Assign
-    const auto row0 = static_cast<std::int64_t>(item.get_group(0)) * 2;
-    if (place != 0 || row0 % most_outputs != 0) return;
-    const int batch = static_cast<int>(batch_size);
-    std::array<int, Batch> rows;
-    for (int b = 0; b < Batch; ++b) rows[b] = std::min(b0 + b, batch - 1);
-    // Walk
-    walk_together(item, tiles, rows, static_cast<int>(state_size), packed().template rows<most_outputs>(row0),
-                  outputs_from(row0, most_outputs), [&](int j, const auto& acc) {
-                    // Stage, Tree
-                    const auto sum =
-                        spmd::tree_sum(item, acc, local.get(item) + j * Batch * item.group_size());
-                    // Write
-                    if (item.first() != 0) return;
-                    for (int b = 0; b < std::min(Batch, batch - b0); ++b)
-                      spmd::store(output_of(b0 + b, row0 + j), sum[b]);
-                  });
   }
 };
 

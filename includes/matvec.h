@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdint>
 
 #include "spmd/spmd.hpp"
@@ -146,25 +147,25 @@ inline constexpr int rounds_together = [] {
   return spmd::reduced<T> || registers >= 4 ? std::clamp(8 / registers, 2, 4) : 1;
 }();
 
-/// Adds the products of tiles first[r] + l of a weight row and of activation rows b[a] to acc[a], in lane l.
+/// Adds the products of tiles first[r] + l of a weight row and of activation rows b0 + a to acc[a], in lane
+/// l.
 template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live>
-[[gnu::always_inline]] inline void add_tiles(const activation_tiles<Format, T>& input,
-                                             const std::array<int, Rows>& b, const packed_row& row,
-                                             const std::array<int, Rounds>& first, Live live,
-                                             std::array<spmd::varying_t<T, Width>, Rows>& acc) {
+[[gnu::always_inline]] inline void add_tiles(const activation_tiles<Format, T>& input, int b0,
+                                             const packed_row& row, const std::array<int, Rounds>& first,
+                                             Live live, std::array<spmd::varying_t<T, Width>, Rows>& acc) {
   using value = spmd::varying_t<T, Width>;
   // Load
   std::array<decltype(Format::template load<Width>(row.values, 0, live)), Rounds> tiles;
-  spmd::unrolled<Rounds>([&](auto r) [[gnu::always_inline]] {
+  spmd::unrolled<Rounds>([&](auto r) __attribute__((always_inline)) {
     tiles[r] = Format::template load<Width>(row.values, first[r], live);
   });
   // Tile dot
   std::array<value, Rounds * Rows> sum;
-  spmd::unrolled<Format::tile>([&](auto k) [[gnu::always_inline]] {
-    spmd::unrolled<Rounds>([&](auto r) [[gnu::always_inline]] {
+  spmd::unrolled<Format::tile>([&](auto k) __attribute__((always_inline)) {
+    spmd::unrolled<Rounds>([&](auto r) __attribute__((always_inline)) {
       const value w = Format::template element<Format, T, Width>(tiles[r], k);
-      spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
-        const value x = input.template element<Width>(b[a], first[r], Format::order(k));
+      spmd::unrolled<Rows>([&](auto a) __attribute__((always_inline)) {
+        const value x = input.template element<Width>(b0 + a, first[r], Format::order(k));
         if constexpr (k == 0) {
           sum[r * Rows + a] = x * w;
         } else {
@@ -174,48 +175,47 @@ template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows
     });
   });
   // Scale
-  spmd::unrolled<Rounds>([&](auto r) [[gnu::always_inline]] {
+  spmd::unrolled<Rounds>([&](auto r) __attribute__((always_inline)) {
     const std::int64_t block = first[r] / Format::tiles_per_block;
     const auto scales = Format::template load_scales<Format::tiles_per_block, T, Width>(
         row.scales + block * Format::scale_bytes, live);
-    spmd::unrolled<Rows>([&](auto a) [[gnu::always_inline]] {
+    spmd::unrolled<Rows>([&](auto a) __attribute__((always_inline)) {
       const value scaled =
-          Format::accumulate(acc[a], sum[r * Rows + a], input.template sum<Width>(b[a], first[r]), scales);
+          Format::accumulate(acc[a], sum[r * Rows + a], input.template sum<Width>(b0 + a, first[r]), scales);
       acc[a] = spmd::keep_unless(live, scaled, acc[a]);
     });
   });
 }
 
-/// Step Walk over one weight row, for `Rows` activation rows from `row0` on: returns the accumulators of the
+/// Step Walk over one weight row, for `Rows` activation rows from b0 on: returns the accumulators of the
 /// gang's work-items. Weight rows are walked one after the other, so that a work-group reads its packed bytes
 /// as one run of memory: two rows in turn halve the rate at which they come.
 template <int Rows, class Format, class T, class Item>
-[[gnu::always_inline]] inline auto walk(const Item& item, const activation_tiles<Format, T>& input, int row0,
+[[gnu::always_inline]] inline auto walk(const Item& item, const activation_tiles<Format, T>& input, int b0,
                                         int state_size, const packed_row& row) {
   constexpr int n = Item::lanes;
   std::array<spmd::varying<T, Item>, Rows> acc;
-  std::array<int, Rows> b;
-  spmd::unrolled<Rows>([&](auto a) {
-    acc[a] = spmd::varying<T, Item>(T(0.0f));
-    b[a] = row0 + a;
-  });
+  acc.fill(T(0.0f));
   constexpr int together = Rows == 1 ? rounds_together<T, n> : 1;
-  spmd::strided<together>(item, state_size / Format::tile,
-                          [&](const auto& first, auto live)
-                              [[gnu::always_inline]] { add_tiles<n>(input, b, row, first, live, acc); });
+  spmd::strided<together>(
+      item, state_size / Format::tile, [&](const auto& first, auto live) __attribute__((always_inline)) {
+        add_tiles<n>(input, b0, row, first, live, acc);
+      });
   return acc;
 }
 
-/// Step Walk over the first `live` of several weight rows, for activation rows b: calls finish(j, acc) with
-/// the accumulators for weight row j. A gang's lanes are taken a register at a time, so that an unpacked
-/// weight and its sums with all activation rows stay in registers, and the weight rows take turns at the
-/// activations, which are too many to stay in the nearest cache for longer.
-template <class Format, class T, std::size_t Rows, std::size_t Count, class Item, class Finish>
+/// Step Walk over the first `live` of several weight rows, for `Rows` activation rows from b0 on: calls
+/// finish(j, acc) with the accumulators for weight row j. A gang's lanes are taken few registers at a time,
+/// so that an unpacked weight and its sums with all activation rows stay in registers, and the weight rows
+/// take turns at the activations, which are too many to stay in the nearest cache for longer. As where one
+/// row is walked, eight sums that are rounded should be under way.
+template <int Rows, class Format, class T, std::size_t Count, class Item, class Finish>
 [[gnu::always_inline]] inline void walk_together(const Item& item, const activation_tiles<Format, T>& input,
-                                                 const std::array<int, Rows>& b, int state_size,
+                                                 int b0, int state_size,
                                                  const std::array<packed_row, Count>& rows, int live,
                                                  const Finish& finish) {
-  constexpr int n = Item::lanes, width = activation_tiles<Format, T>::part;
+  constexpr int n = Item::lanes, together = spmd::reduced<T> ? std::max(1, 8 / Rows) : 1;
+  constexpr int width = std::min(n, activation_tiles<Format, T>::part * together);
   using part = spmd::varying_t<T, width>;
   std::array<std::array<std::array<part, Rows>, n / width>, Count> acc;
   for (int j = 0; j < live; ++j) {
@@ -225,13 +225,16 @@ template <class Format, class T, std::size_t Rows, std::size_t Count, class Item
     for (int p = 0; p < n / width; ++p) {
       const auto own = spmd::part_of<width>(lanes, p * width);
       if (own.count <= 0) return;
-      for (int j = 0; j < live; ++j)
-        add_tiles<width>(input, b, rows[j], std::array{round[0] + p * width}, own, acc[j][p]);
+      for (int j = 0; j < live; ++j) {
+        add_tiles<width>(input, b0, rows[j], std::array{round[0] + p * width}, own, acc[j][p]);
+        // Else the compiler copies all activations to the stack before the loop.
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+      }
     }
   });
   for (int j = 0; j < live; ++j) {
     std::array<spmd::varying<T, Item>, Rows> sums;
-    for (std::size_t a = 0; a < Rows; ++a) {
+    for (int a = 0; a < Rows; ++a) {
       std::array<part, n / width> parts;
       for (int p = 0; p < n / width; ++p) parts[p] = acc[j][p][a];
       sums[a] = spmd::joined_parts<n / width>(parts.data());

@@ -1,12 +1,10 @@
-// The four-bit integer formats.
+// Four bits and a scale.
 
 #include "formats/q4_0.h"
-#include "formats/q4_1.h"
 #include "linear_forward.h"
 
 namespace tolvane {
 
 template struct linear_launchers<q4_0>;
-template struct linear_launchers<q4_1>;
 
 }  // namespace tolvane
