@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdlib>
 #include <stdexcept>
+#include <string_view>
 
 namespace sycl::host {
 
@@ -36,6 +37,11 @@ std::string missing_for_avx512() {
 struct target {
   const char* name;
   std::string (*missing)();
+
+  /// Whether there are kernels for it. HOST_SYCL_TARGETS names what is built, as " a b ".
+  bool built() const {
+    return std::string_view(HOST_SYCL_TARGETS).find(" " + std::string(name) + " ") != std::string_view::npos;
+  }
 };
 /// The fastest last. The scalar kernels are compiled for the same CPUs as the narrowest vectors.
 constexpr std::array targets = {target{"scalar", missing_for_avx2}, target{"avx2", missing_for_avx2},
@@ -66,7 +72,7 @@ std::string chosen_target() {
   const char* asked = std::getenv("KELVOR_XPU_TARGET");
   if (asked == nullptr || *asked == '\0') {
     std::size_t best = targets.size() - 1;
-    while (best > 0 && !targets[best].missing().empty()) --best;
+    while (best > 0 && !(targets[best].built() && targets[best].missing().empty())) --best;
     return targets[best].name;
   }
   for (const target& each : targets) {
@@ -74,6 +80,10 @@ std::string chosen_target() {
     if (const std::string missing = each.missing(); !missing.empty()) {
       throw std::runtime_error("KELVOR_XPU_TARGET asks for the target " + std::string(asked) +
                                ", but this CPU lacks " + missing + "; unset it, or name a narrower target");
+    }
+    if (!each.built()) {
+      throw std::runtime_error("KELVOR_XPU_TARGET asks for the target " + std::string(asked) +
+                               ", but this build has kernels for" HOST_SYCL_TARGETS "only");
     }
     return asked;
   }

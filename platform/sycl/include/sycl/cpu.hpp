@@ -9,8 +9,8 @@ namespace sycl::host {
 std::string unsupported_cpu();
 
 /// The target whose kernels are to run, "scalar", "avx2" or "avx512": the one that KELVOR_XPU_TARGET names,
-/// else the widest that this CPU has. Throws std::runtime_error, with a sentence that says what would do, for
-/// a name that is none and for a target that this CPU lacks.
+/// else the widest that this CPU has and this build has kernels for. Throws std::runtime_error, with a
+/// sentence that says what would do, for a name that is none and for a target that is lacking.
 std::string chosen_target();
 
 /// Whether this CPU has instructions that multiply bfloat16.
