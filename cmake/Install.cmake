@@ -3,7 +3,7 @@
 set(torch_libraries $ORIGIN/../torch/lib)
 set_target_properties(host_sycl PROPERTIES INSTALL_RPATH $ORIGIN)
 set_target_properties(kelvor_xpu kelvor_xpu_python PROPERTIES INSTALL_RPATH "$ORIGIN;${torch_libraries}")
-list(TRANSFORM device_targets PREPEND tolvane_ OUTPUT_VARIABLE target_libraries)
+list(TRANSFORM TOLVANE_TARGETS PREPEND tolvane_ OUTPUT_VARIABLE target_libraries)
 set_target_properties(tolvane ${target_libraries} PROPERTIES INSTALL_RPATH "$ORIGIN/../kelvor_xpu;${torch_libraries}")
 
 install(TARGETS host_sycl kelvor_xpu kelvor_xpu_python LIBRARY DESTINATION kelvor_xpu)
