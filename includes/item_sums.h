@@ -136,9 +136,8 @@ template <int Vec, class Item>
   four_floats sums;  // x, y
   if constexpr (Vec == 4) {
     // Neighbours stand in a register's two halves.
-    const auto by_pair = [](const std::array<eight_floats, 4>& z) __attribute__((always_inline)) {
-      const auto halves_added =
-          [](const eight_floats& a, const eight_floats& b) __attribute__((always_inline)) {
+    const auto by_pair = [](const std::array<eight_floats, 4>& z) [[gnu::always_inline]] {
+      const auto halves_added = [](const eight_floats& a, const eight_floats& b) [[gnu::always_inline]] {
         return spmd::low_quarters(a, b) + spmd::high_quarters(a, b);
       };
       return neighbours_added(halves_added(z[0], z[2]), halves_added(z[1], z[3]));
@@ -147,8 +146,8 @@ template <int Vec, class Item>
     const auto sixteens = neighbours_added(eights, eights);
     sums = spmd::lower(sixteens) + spmd::upper(sixteens);
   } else {
-    const auto by_eight = [](const std::array<eight_floats, 4>& z) __attribute__((always_inline)) {
-      const auto pairs = [](const eight_floats& a, const eight_floats& b) __attribute__((always_inline)) {
+    const auto by_eight = [](const std::array<eight_floats, 4>& z) [[gnu::always_inline]] {
+      const auto pairs = [](const eight_floats& a, const eight_floats& b) [[gnu::always_inline]] {
         return neighbours_added(in_item_order<Vec>(a), in_item_order<Vec>(b));
       };
       const auto quads = neighbours_added(pairs(z[0], z[1]), pairs(z[2], z[3]));
@@ -163,7 +162,7 @@ template <int Vec, class Item>
 [[gnu::always_inline]] inline std::array<double, 2> two_sums_from_neighbours(
     const sycl::sub_group<Item>& group, const std::array<spmd::lanes<double, 8>, 4>& x,
     const std::array<spmd::lanes<double, 8>, 4>& y) {
-  const auto sum = [&](const auto& z) __attribute__((always_inline)) {
+  const auto sum = [&](const auto& z) [[gnu::always_inline]] {
     using sixteen = spmd::lanes<double, 16>;
     return sum_from_neighbours(
         group, spmd::lanes<double, 32>(sixteen(in_item_order<Vec>(z[0]), in_item_order<Vec>(z[1])),

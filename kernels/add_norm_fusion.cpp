@@ -101,13 +101,12 @@ struct row_norm {
   template <class Item>
   [[gnu::always_inline]] void add(const Item& item, std::ptrdiff_t row) const {
     constexpr int width = Item::lanes;
-    for_runs(
-        item, [&](int e, auto live) __attribute__((always_inline)) {
-          const std::ptrdiff_t at = row + e;
-          auto addend = spmd::load<width>(add1 + at, live);
-          if (add2 != nullptr) addend = addend + spmd::load<width>(add2 + at, live);
-          spmd::store(y + at, spmd::load<width>(x + at, live) + addend, live);
-        });
+    for_runs(item, [&](int e, auto live) [[gnu::always_inline]] {
+      const std::ptrdiff_t at = row + e;
+      auto addend = spmd::load<width>(add1 + at, live);
+      if (add2 != nullptr) addend = addend + spmd::load<width>(add2 + at, live);
+      spmd::store(y + at, spmd::load<width>(x + at, live) + addend, live);
+    });
   }
 
   /// Work-items of a register, and registers of a gang.
@@ -128,16 +127,15 @@ struct row_norm {
   [[gnu::always_inline]] moments<Item> moments_of(const Item& item, const T* elements) const {
     constexpr int width = items<Item>;
     moments<Item> result;
-    spmd::unrolled<parts<Item>>([&](auto p) __attribute__((always_inline)) {
+    spmd::unrolled<parts<Item>>([&](auto p) [[gnu::always_inline]] {
       const int first = item.first() + p * width;
       typename moments<Item>::V sum(A(0)), sum_sq(A(0));
-      const auto add = [&](const auto& load) __attribute__((always_inline)) {
+      const auto add = [&](const auto& load) [[gnu::always_inline]] {
         std::array<spmd::varying_t<A, width>, vec> read;
-        spmd::unrolled<vec>([&](auto j) __attribute__((always_inline)) {
-          read[j] = spmd::convert<A>(load(j * width));
-        });
+        spmd::unrolled<vec>([&](auto j)
+                                [[gnu::always_inline]] { read[j] = spmd::convert<A>(load(j * width)); });
         const auto element = by_element<vec>(read);
-        spmd::unrolled<vec>([&](auto j) __attribute__((always_inline)) {
+        spmd::unrolled<vec>([&](auto j) [[gnu::always_inline]] {
           if constexpr (!is_rms) sum = sum + element[j];
           sum_sq = spmd::mad(element[j], element[j], sum_sq);
         });
@@ -145,12 +143,11 @@ struct row_norm {
       int e = first * vec;
       if (first + width <= item.first() + item.live()) {
         for (; e + width * vec <= n; e += wg * vec)
-          add([&](int j) __attribute__((always_inline)) { return spmd::load<width>(elements + e + j); });
+          add([&](int j) [[gnu::always_inline]] { return spmd::load<width>(elements + e + j); });
       }
       for (; e < n; e += wg * vec) {
         const int count = std::min((item.first() + item.live() - first) * vec, n - e);
-        add([&](int j)
-                __attribute__((always_inline)) { return load_first<width>(elements + e + j, count - j); });
+        add([&](int j) [[gnu::always_inline]] { return load_first<width>(elements + e + j, count - j); });
       }
       result.sum[p] = sum;
       result.sum_sq[p] = sum_sq;
@@ -185,26 +182,24 @@ struct row_norm {
 
     // First pass
     if (add1 != nullptr) add(item, row);
-    phase(
-        item, [&](const Item& gang) __attribute__((always_inline)) {
-          const auto own = moments_of(gang, elements);
-          const auto group = sycl::this_sub_group(gang);
-          const auto [sum, square] =
-              two_sums_from_neighbours<vec>(group, is_rms ? own.sum_sq : own.sum, own.sum_sq);
-          if (gang.first() % group.size != 0) return;
-          squares[group.get_group_linear_id()] = square;
-          if constexpr (!is_rms) sums[group.get_group_linear_id()] = sum;
-        });
+    phase(item, [&](const Item& gang) [[gnu::always_inline]] {
+      const auto own = moments_of(gang, elements);
+      const auto group = sycl::this_sub_group(gang);
+      const auto [sum, square] =
+          two_sums_from_neighbours<vec>(group, is_rms ? own.sum_sq : own.sum, own.sum_sq);
+      if (gang.first() % group.size != 0) return;
+      squares[group.get_group_linear_id()] = square;
+      if constexpr (!is_rms) sums[group.get_group_linear_id()] = sum;
+    });
     // Statistics
-    first_sub_group_phase(
-        item, [&](const Item& gang) __attribute__((always_inline)) {
-          const A square = total(gang, squares);
-          const A sum = is_rms ? A(0) : total(gang, sums);
-          if (gang.first() != 0) return;
-          const A count = static_cast<A>(n);
-          sums[0] = sum / count;
-          squares[0] = reciprocal_root(is_rms ? square / count : (square - sum * sum / count) / count);
-        });
+    first_sub_group_phase(item, [&](const Item& gang) [[gnu::always_inline]] {
+      const A square = total(gang, squares);
+      const A sum = is_rms ? A(0) : total(gang, sums);
+      if (gang.first() != 0) return;
+      const A count = static_cast<A>(n);
+      sums[0] = sum / count;
+      squares[0] = reciprocal_root(is_rms ? square / count : (square - sum * sum / count) / count);
+    });
     // Second pass
     constexpr int width = Item::lanes;
     const A mean = sums[0];
@@ -212,23 +207,22 @@ struct row_norm {
     const T* const scale = gamma;
     const T* const shift = beta;
     T* const out = y + row;
-    for_runs(
-        item, [&](int e, auto live) __attribute__((always_inline)) {
-          const auto widened = [&](const T* p) __attribute__((always_inline)) {
-            return spmd::convert<A>(spmd::load<width>(p + e, live));
-          };
-          auto t = widened(elements);
-          if constexpr (!is_rms) t = t - mean;
-          t = t * rstd;
-          if (scale != nullptr && shift != nullptr) {
-            t = spmd::mad(t, widened(scale), widened(shift));
-          } else if (scale != nullptr) {
-            t = t * widened(scale);
-          } else if (shift != nullptr) {
-            t = t + widened(shift);
-          }
-          spmd::store(out + e, t, live);
-        });
+    for_runs(item, [&](int e, auto live) [[gnu::always_inline]] {
+      const auto widened = [&](const T* p) [[gnu::always_inline]] {
+        return spmd::convert<A>(spmd::load<width>(p + e, live));
+      };
+      auto t = widened(elements);
+      if constexpr (!is_rms) t = t - mean;
+      t = t * rstd;
+      if (scale != nullptr && shift != nullptr) {
+        t = spmd::mad(t, widened(scale), widened(shift));
+      } else if (scale != nullptr) {
+        t = t * widened(scale);
+      } else if (shift != nullptr) {
+        t = t + widened(shift);
+      }
+      spmd::store(out + e, t, live);
+    });
   }
 };
 

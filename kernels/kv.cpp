@@ -88,7 +88,7 @@ struct query_key_fp8_matmul_kernel {
     }
     for (int s = 0; s < count; ++s, row += head_size) {
       spmd::varying<T, Item> acc;
-      spmd::unrolled<steps>([&](auto step) __attribute__((always_inline)) {
+      spmd::unrolled<steps>([&](auto step) [[gnu::always_inline]] {
         const auto w = decode<n>(row + step * group_size, spmd::all_lanes<n>());
         if constexpr (step == 0) {
           acc = product<T>(q[step], w);
@@ -136,18 +136,18 @@ struct attn_value_fp8_matmul_kernel {
     // Walk: positions are dealt to the work-items in turn
     std::array<spmd::varying<T, Item>, rows> part;
     part.fill(T(0.0f));
-    spmd::strided<1>(
-        item, static_cast<int>(length), [&](const auto& first, auto live) __attribute__((always_inline)) {
-          const auto a = spmd::convert<float>(spmd::load<n>(weights + first[0], live));
-          spmd::unrolled<rows>([&](auto r) __attribute__((always_inline)) {
-            const auto w = decode<n>(values + r * value_row + first[0], live);
-            if constexpr (spmd::reduced<T>) {
-              part[r] = spmd::keep_unless(live, part[r] + product<T>(a, w), part[r]);
-            } else {
-              part[r] = spmd::keep_unless(live, spmd::mad(a, w, part[r]), part[r]);
-            }
-          });
-        });
+    spmd::strided<1>(item, static_cast<int>(length),
+                     [&](const auto& first, auto live) [[gnu::always_inline]] {
+                       const auto a = spmd::convert<float>(spmd::load<n>(weights + first[0], live));
+                       spmd::unrolled<rows>([&](auto r) [[gnu::always_inline]] {
+                         const auto w = decode<n>(values + r * value_row + first[0], live);
+                         if constexpr (spmd::reduced<T>) {
+                           part[r] = spmd::keep_unless(live, part[r] + product<T>(a, w), part[r]);
+                         } else {
+                           part[r] = spmd::keep_unless(live, spmd::mad(a, w, part[r]), part[r]);
+                         }
+                       });
+                     });
     // Stage
     for (int r = 0; r < rows; ++r) spmd::store(partial + r * group_size + item.first(), part[r]);
     item.barrier();

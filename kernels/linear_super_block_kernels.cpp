@@ -131,13 +131,13 @@ struct super_block_kernel {
       static_assert(Item::lanes == group);
       std::array<spmd::lanes<float, Format::items>, blocks_at_once> sums;
       sums.fill(0.0f);
-      const auto add = [&](int i, auto& sum) __attribute__((always_inline)) {
+      const auto add = [&](int i, auto& sum) [[gnu::always_inline]] {
         sum = sum + Format::dot(row + i * Format::record_bytes, columns[i]);
       };
       int i = 0;
       for (; i + blocks_at_once <= blocks_per_row; i += blocks_at_once)
-        spmd::unrolled<blocks_at_once>([&](auto b) __attribute__((always_inline)) { add(i + b, sums[b]); });
-      spmd::unrolled<blocks_at_once - 1>([&](auto b) __attribute__((always_inline)) {
+        spmd::unrolled<blocks_at_once>([&](auto b) [[gnu::always_inline]] { add(i + b, sums[b]); });
+      spmd::unrolled<blocks_at_once - 1>([&](auto b) [[gnu::always_inline]] {
         if (i + b < blocks_per_row) add(i + b, sums[b]);
       });
       acc = joined(sums);

@@ -55,7 +55,7 @@ struct rotated {
   template <int width, class Angle, class Load>
   [[gnu::always_inline]] auto turned(const std::array<T*, NARGS>& start, int half_dim, int column,
                                      const Angle& angle, const Load& load) const {
-    const auto read = [&](int a, int c) __attribute__((always_inline)) {
+    const auto read = [&](int a, int c) [[gnu::always_inline]] {
       const auto step = width > 1 ? 1 : static_cast<std::int64_t>(offsets.strides_[0][a]);
       return load(start[a] + c * step);
     };
@@ -75,21 +75,20 @@ struct rotated {
     int column = item.first();
     if constexpr (run > 1) {
       T* const out = start[0];
-      const auto load = [](const T* p) __attribute__((always_inline)) {
-        return spmd::convert<float>(spmd::load<run>(p));
-      };
+      const auto load = [](const T* p)
+                            [[gnu::always_inline]] { return spmd::convert<float>(spmd::load<run>(p)); };
       if constexpr (std::same_as<T, bfloat16>) {  // whose loads and stores are cheaper by 16
         for (; side_by_side && column + 2 * run <= half_dim; column += 2 * run) {
           if constexpr (NARGS == 4) {  // all operands are tensors: any order of columns will do
-            const auto split = [](const T* p) __attribute__((always_inline)) {
+            const auto split = [](const T* p) [[gnu::always_inline]] {
               return spmd::convert<float>(spmd::load_split<2 * run>(p));
             };
-            const auto even = turned<run>(
-                start, half_dim, column,
-                angle, [&](const T* p) __attribute__((always_inline)) { return spmd::lower(split(p)); });
-            const auto odd = turned<run>(
-                start, half_dim, column,
-                angle, [&](const T* p) __attribute__((always_inline)) { return spmd::upper(split(p)); });
+            const auto even =
+                turned<run>(start, half_dim, column, angle,
+                            [&](const T* p) [[gnu::always_inline]] { return spmd::lower(split(p)); });
+            const auto odd =
+                turned<run>(start, half_dim, column, angle,
+                            [&](const T* p) [[gnu::always_inline]] { return spmd::upper(split(p)); });
             spmd::stream_split(out + column, spmd::joined(even[0], odd[0]), false);
             spmd::stream_split(out + column + half_dim, spmd::joined(even[1], odd[1]), false);
           } else {
@@ -109,9 +108,9 @@ struct rotated {
     const int step = Item::lanes == 1 ? item.group_size() : 1;
     const auto stride = static_cast<std::int64_t>(offsets.strides_[0][0]);
     for (; column < half_dim; column += step) {
-      const auto values = turned<1>(
-          start, half_dim, column, angle,
-          [](const T* p) __attribute__((always_inline)) { return spmd::convert<float>(spmd::load<1>(p)); });
+      const auto values = turned<1>(start, half_dim, column, angle, [](const T* p) [[gnu::always_inline]] {
+        return spmd::convert<float>(spmd::load<1>(p));
+      });
       spmd::store(start[0] + column * stride, values[0]);
       spmd::store(start[0] + (column + half_dim) * stride, values[1]);
     }
@@ -181,8 +180,8 @@ struct position_angles {
     const std::uint32_t b = batch == 1 ? 0 : r / rows_per_batch, s = r % seq;
     const float* const sines = table == nullptr ? nullptr : table + (b * seq + s) * 2 * row_floats();
     const float* const cosines = table == nullptr ? nullptr : sines + row_floats();
-    return [ this, b, s, sines, cosines ]<int width>(std::integral_constant<int, width>, int column,
-                                                     const auto&) __attribute__((always_inline)) {
+    return [this, b, s, sines, cosines]<int width>(std::integral_constant<int, width>, int column,
+                                                   const auto&) [[gnu::always_inline]] {
       if (sines == nullptr) return angle<width>(position(b, s), column);
       const auto sine = spmd::load<width>(sines + column);
       return sine_and_cosine<std::remove_const_t<decltype(sine)>>{sine, spmd::load<width>(cosines + column)};
@@ -210,12 +209,11 @@ struct apply_rotary_embedding_half_kernel_q_and_k {
 
   template <class Item>
   void operator()(const Item& item) const {
-    for_rows(
-        item, rows, [&](std::int64_t row) __attribute__((always_inline)) {
-          const bool of_q = row < q_rows;
-          const auto r = static_cast<std::uint32_t>(of_q ? row : row - q_rows);
-          (of_q ? q : k).turn(item, r, angles.of_row(r, of_q ? q_seq : k_seq));
-        });
+    for_rows(item, rows, [&](std::int64_t row) [[gnu::always_inline]] {
+      const bool of_q = row < q_rows;
+      const auto r = static_cast<std::uint32_t>(of_q ? row : row - q_rows);
+      (of_q ? q : k).turn(item, r, angles.of_row(r, of_q ? q_seq : k_seq));
+    });
   }
 };
 
@@ -233,17 +231,15 @@ struct apply_rotary_embedding_half_kernel_q_or_k {
 
   template <class Item>
   void operator()(const Item& item) const {
-    for_rows(
-        item, rows, [&](std::int64_t row) __attribute__((always_inline)) {
-          const auto r = static_cast<std::uint32_t>(row);
-          const auto forward = angles.of_row(r, x_seq);
-          x.turn(
-              item, r, [&](auto width, int column, const auto& read) __attribute__((always_inline)) {
-                auto turn = forward(width, column, read);
-                if (backward) turn.sine = -turn.sine;
-                return turn;
-              });
-        });
+    for_rows(item, rows, [&](std::int64_t row) [[gnu::always_inline]] {
+      const auto r = static_cast<std::uint32_t>(row);
+      const auto forward = angles.of_row(r, x_seq);
+      x.turn(item, r, [&](auto width, int column, const auto& read) [[gnu::always_inline]] {
+        auto turn = forward(width, column, read);
+        if (backward) turn.sine = -turn.sine;
+        return turn;
+      });
+    });
   }
 };
 
@@ -257,17 +253,14 @@ struct apply_rotary_embedding_half_kernel_cache_freq {
 
   template <class Item>
   void operator()(const Item& item) const {
-    for_rows(
-        item, rows, [&](std::int64_t row) __attribute__((always_inline)) {
-          const bool of_q = row < q_rows;
-          const auto r = static_cast<std::uint32_t>(of_q ? row : row - q_rows);
-          (of_q ? q : k)
-              .turn(
-                  item, r, [](auto, int column, const auto& read) __attribute__((always_inline)) {
-                    const auto sine = read(2, column);
-                    return sine_and_cosine<std::remove_const_t<decltype(sine)>>{sine, read(3, column)};
-                  });
-        });
+    for_rows(item, rows, [&](std::int64_t row) [[gnu::always_inline]] {
+      const bool of_q = row < q_rows;
+      const auto r = static_cast<std::uint32_t>(of_q ? row : row - q_rows);
+      (of_q ? q : k).turn(item, r, [](auto, int column, const auto& read) [[gnu::always_inline]] {
+        const auto sine = read(2, column);
+        return sine_and_cosine<std::remove_const_t<decltype(sine)>>{sine, read(3, column)};
+      });
+    });
   }
 };
 

@@ -173,16 +173,14 @@ struct rwkv_time_shift_kernel {
         static_cast<std::int64_t>(item.get_group(0)) * tokens + static_cast<std::int64_t>(item.get_group(1));
     const auto c = static_cast<std::int64_t>(item.get_group(2)) * item.group_size() + item.first();
     const std::int64_t at = row * channels + c;
-    const auto read = [](const auto* p) __attribute__((always_inline)) {
+    const auto read = [](const auto* p) [[gnu::always_inline]] {
       if constexpr (by_products) {
         return spmd::load_split<n>(p);
       } else {
         return spmd::load<n>(p);
       }
     };
-    const auto wide = [](const vec& v) __attribute__((always_inline)) {
-      return spmd::convert<float>(v);
-    };
+    const auto wide = [](const vec& v) [[gnu::always_inline]] { return spmd::convert<float>(v); };
     const vec x = read(hidden + at), s = read(shifted + at), difference = x - s;
     // Read once: for all that the compiler knows, a store of the result may change a member.
     const std::int64_t count = mixes, step = channels, plane = batch * tokens * channels;

@@ -71,8 +71,8 @@ template <class Format, class CT>
         esimd::block_load_transposed<Format::value_bytes / 4, width>(block, columns.value_stride);
     for (int j = 0; j < width; ++j) esimd::prefetch(block + (together + j) * columns.value_stride);
     // Elements k and k + 32 share a byte of a four-bit format.
-    spmd::unrolled<QK / Format::value_bytes>([&](auto part) __attribute__((always_inline)) {
-      spmd::unrolled<Format::value_bytes>([&](auto i) __attribute__((always_inline)) {
+    spmd::unrolled<QK / Format::value_bytes>([&](auto part) [[gnu::always_inline]] {
+      spmd::unrolled<Format::value_bytes>([&](auto i) [[gnu::always_inline]] {
         const auto value = unpacked<Format, CT, i % 4, part * 4>(words[i / 4]);
         esimd::block_store(to.values + (part * Format::value_bytes + i) * together + c, value.w);
       });
@@ -87,10 +87,9 @@ void add_block(const float* activations, const unpacked_block& block, float* run
   spmd::row_tile<R, together> sums;
   sums.fill(esimd::simd<float, together>(0.0f));
   for (int k0 = 0; k0 < QK; k0 += esimd::dpas_depth) {
-    esimd::dpas<CT, Parts>(
-        sums, activations + k0 * R, [&](auto k) __attribute__((always_inline)) {
-          return esimd::simd<CT, together>(esimd::block_load<together>(block.values + (k0 + k) * together));
-        });
+    esimd::dpas<CT, Parts>(sums, activations + k0 * R, [&](auto k) [[gnu::always_inline]] {
+      return esimd::simd<CT, together>(esimd::block_load<together>(block.values + (k0 + k) * together));
+    });
   }
   const auto d = esimd::block_load<together>(block.scales);
   for (int r = 0; r < R; ++r) {

@@ -133,7 +133,7 @@ struct iq2_xxs : super_block_format {
                                        spmd::bit_cast<std::uint32_t>(spmd::odds(first, second))};
     const words sign = signs(aux);
     spmd::lanes<std::int32_t, items> sumi = 0;
-    spmd::unrolled<8>([&]<int J>(std::integral_constant<int, J>) __attribute__((always_inline)) {
+    spmd::unrolled<8>([&]<int J>(std::integral_constant<int, J>) [[gnu::always_inline]] {
       constexpr auto magnitudes = spmd::constants<std::uint8_t, 16>([](int i) {
         return std::array{8, 25, 43, 0}[i >> (J % 2 * 2) & 3];
       });

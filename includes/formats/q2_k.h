@@ -92,7 +92,7 @@ struct q2_k : super_block_format {
     const auto scales = nibbles & 0x000F000Fu;
     const auto minima = spmd::convert<float>(spmd::bit_cast<std::int32_t>((nibbles >> 4) & 0xFu));
     floats sumd = 0.0f, summ = 0.0f;
-    spmd::unrolled<4>([&]<int I>(std::integral_constant<int, I>) __attribute__((always_inline)) {
+    spmd::unrolled<4>([&]<int I>(std::integral_constant<int, I>) [[gnu::always_inline]] {
       const auto field = (codes >> (2 * I - shift(I))) & (0x03030303u << shift(I));
       const auto dot = spmd::weighted_dot_bytes(field, spmd::load<items>(x.bytes[I]),
                                                 spmd::repeated_in_quarters<I>(scales));
@@ -118,9 +118,9 @@ struct q2_k : super_block_format {
     spmd::checked(record, sizeof *record);
     const float d = record->d, dmin = record->dmin;
     const auto codes = spmd::load_bytes<N>(record->qs + t);
-    spmd::unrolled<4>([&](auto s) __attribute__((always_inline)) {
+    spmd::unrolled<4>([&](auto s) [[gnu::always_inline]] {
       const std::uint8_t* scales = record->scales + t / 32 * 8 + s * 2;
-      const auto scaled = [&](const auto& code, int sc) __attribute__((always_inline)) {
+      const auto scaled = [&](const auto& code, int sc) [[gnu::always_inline]] {
         using value = std::remove_cvref_t<decltype(code)>;
         return spmd::mad(value(d * static_cast<float>(sc & 15)), code,
                          value(-(dmin * static_cast<float>(sc >> 4))));

@@ -43,14 +43,13 @@ void stream(const LinearCall& call, int64_t row, int64_t first, int64_t end) {
   std::array<floats, Rows * columns> sums;
   sums.fill(0.0F);
   // Places are constants, without which the sums would be stored in every step.
-  const auto step = [&](int64_t k, const auto& live) __attribute__((always_inline)) {
+  const auto step = [&](int64_t k, const auto& live) [[gnu::always_inline]] {
     std::array<floats, Rows> x;
-    spmd::unrolled<Rows>([&](auto r) __attribute__((always_inline)) {
-      x[r] = spmd::load<lanes>(tile + k * Rows + r * lanes);
-    });
-    spmd::unrolled<columns>([&](auto c) __attribute__((always_inline)) {
+    spmd::unrolled<Rows>(
+        [&](auto r) [[gnu::always_inline]] { x[r] = spmd::load<lanes>(tile + k * Rows + r * lanes); });
+    spmd::unrolled<columns>([&](auto c) [[gnu::always_inline]] {
       const auto w = spmd::convert<float>(spmd::load<lanes>(weight[c] + k, live));
-      spmd::unrolled<Rows>([&](auto r) __attribute__((always_inline)) {
+      spmd::unrolled<Rows>([&](auto r) [[gnu::always_inline]] {
         sums[c * Rows + r] = spmd::mad(x[r], w, sums[c * Rows + r]);
       });
     });

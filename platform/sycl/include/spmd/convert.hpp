@@ -22,13 +22,11 @@ template <class F, plain T, int N>
 
 template <plain T, int N>
 [[gnu::always_inline]] inline lanes<bool, N> operator<(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return lanes<bool, N>(compare(
-      [](auto x, auto y) __attribute__((always_inline)) { return x < y; }, a, b));
+  return lanes<bool, N>(compare([](auto x, auto y) [[gnu::always_inline]] { return x < y; }, a, b));
 }
 template <plain T, int N>
 [[gnu::always_inline]] inline lanes<bool, N> operator==(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return lanes<bool, N>(compare(
-      [](auto x, auto y) __attribute__((always_inline)) { return x == y; }, a, b));
+  return lanes<bool, N>(compare([](auto x, auto y) [[gnu::always_inline]] { return x == y; }, a, b));
 }
 template <reduced T, int N>
 [[gnu::always_inline]] inline lanes<bool, N> operator<(const lanes<T, N>& a, const lanes<T, N>& b) {
@@ -112,9 +110,7 @@ requires(!is_lanes<From>) [[gnu::always_inline]] inline To convert(From x) {
 template <plain To, plain From, int N>
 [[gnu::always_inline]] inline lanes<To, N> bit_cast(const lanes<From, N>& x) {
   return per_register_as<To>(
-      [](auto v)
-          __attribute__((always_inline)) { return reinterpret_cast<vec<To, sizeof v / sizeof(To)>>(v); },
-      x);
+      [](auto v) [[gnu::always_inline]] { return reinterpret_cast<vec<To, sizeof v / sizeof(To)>>(v); }, x);
 }
 
 /// x, which is a value of T as it stands (an integer of at most 8 bits, say): converted without rounding.

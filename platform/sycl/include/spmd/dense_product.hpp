@@ -67,14 +67,12 @@ template <class T>
     std::array<const T*, 8> row;
     for (int i = 0; i < 8; ++i) row[i] = from + std::min<std::int64_t>(c + i, columns - 1) * stride;
     float* to = panel + c;
-    const auto turn = [&](std::int64_t k, const auto& live) __attribute__((always_inline)) {
+    const auto turn = [&](std::int64_t k, const auto& live) [[gnu::always_inline]] {
       std::array<eight_floats, 8> values;
-      unrolled<8>([&](auto i) __attribute__((always_inline)) {
-        values[i] = convert<float>(load<8>(row[i] + k, live));
-      });
-      const auto turned = transposed(values);
       unrolled<8>([&](auto i)
-                      __attribute__((always_inline)) { store(to + (k + i) * panel_columns, turned[i]); });
+                      [[gnu::always_inline]] { values[i] = convert<float>(load<8>(row[i] + k, live)); });
+      const auto turned = transposed(values);
+      unrolled<8>([&](auto i) [[gnu::always_inline]] { store(to + (k + i) * panel_columns, turned[i]); });
     };
     std::int64_t k = 0;
     for (; k + 8 <= depth; k += 8) turn(k, all_lanes<8>());
@@ -88,10 +86,9 @@ void add_panel(const float* x, const float* panel, std::int64_t depth, float* su
   row_tile<Rows, panel_columns> tile;
   tile.fill(lanes<float, panel_columns>(0.0f));
   for (std::int64_t k = 0; k < depth; k += 8) {
-    add_products<8, 1>(
-        tile, x + k * Rows, [&](auto i) __attribute__((always_inline)) {
-          return load<panel_columns>(panel + (k + i) * panel_columns);
-        });
+    add_products<8, 1>(tile, x + k * Rows, [&](auto i) [[gnu::always_inline]] {
+      return load<panel_columns>(panel + (k + i) * panel_columns);
+    });
   }
   for (int r = 0; r < Rows; ++r) {
     float* to = sums + r * product_columns;

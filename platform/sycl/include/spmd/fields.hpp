@@ -27,7 +27,7 @@ template <int Byte, int N>
 template <int Byte, std::uint8_t Lower, int N>
 [[gnu::always_inline]] inline lanes<float, N> half_from_upper_byte(const lanes<std::uint32_t, N>& word) {
   return per_register_as<float>(
-      []<class V>(V x) __attribute__((always_inline)) {
+      []<class V>(V x) [[gnu::always_inline]] {
         auto halves = upper_bytes<Byte, sizeof(V) / 4>(x);
         if constexpr (Lower != 0) halves |= Lower;
         return target::from_halves(halves);
@@ -44,7 +44,7 @@ template <int Byte, std::uint8_t Lower>
 template <int Byte, int N>
 [[gnu::always_inline]] inline lanes<float, N> half_from_shifted_byte(const lanes<std::uint32_t, N>& word) {
   return per_register_as<float>(
-      []<class V>(V x) __attribute__((always_inline)) {
+      []<class V>(V x) [[gnu::always_inline]] {
         constexpr int n = sizeof(V) / 4;
         const auto moved = reinterpret_cast<vec<std::int16_t, n>>(upper_bytes<Byte, n>(x)) >> 1;
         return target::from_halves(reinterpret_cast<vec<std::uint16_t, n>>(moved) & 0xBF80);
@@ -61,7 +61,7 @@ template <int Byte>
 template <int N>
 [[gnu::always_inline]] inline lanes<float, N> half_from_bits(const lanes<std::uint32_t, N>& bits) {
   return per_register_as<float>(
-      [](auto x) __attribute__((always_inline)) { return target::from_halves(target::narrowed(x)); }, bits);
+      [](auto x) [[gnu::always_inline]] { return target::from_halves(target::narrowed(x)); }, bits);
 }
 [[gnu::always_inline]] inline float half_from_bits(std::uint32_t bits) {
   return sycl::host::half_value(static_cast<std::uint16_t>(bits));
@@ -85,7 +85,7 @@ template <class T, int Bit, int N>
                                                  const lanes<std::uint32_t, N>& word) {
   const auto values = register_table<T>(table.data());
   return convert_exact<T>(per_register_as<float>(
-      [values](auto x) __attribute__((always_inline)) { return target::lookup8(values, x >> Bit); }, word));
+      [values](auto x) [[gnu::always_inline]] { return target::lookup8(values, x >> Bit); }, word));
 }
 template <class T, int Bit>
 [[gnu::always_inline]] inline T table8(const std::array<float, 8>& table, std::uint32_t word) {
@@ -98,8 +98,7 @@ template <class T, int Bit, int N>
                                                   const lanes<std::uint32_t, N>& word) {
   const auto low = register_table<T>(table.data()), high = register_table<T>(table.data() + 8);
   return convert_exact<T>(per_register_as<float>(
-      [ low, high ](auto x) __attribute__((always_inline)) { return target::lookup16(low, high, x >> Bit); },
-      word));
+      [low, high](auto x) [[gnu::always_inline]] { return target::lookup16(low, high, x >> Bit); }, word));
 }
 template <class T, int Bit>
 [[gnu::always_inline]] inline T table16(const std::array<float, 16>& table, std::uint32_t word) {
@@ -112,7 +111,7 @@ template <class T, int Bit, int N>
                                                         const lanes<std::uint32_t, N>& word) {
   const auto values = register_table<T>(table.data());
   return convert_exact<T>(per_register_as<float>(
-      [values](auto x) __attribute__((always_inline)) {
+      [values](auto x) [[gnu::always_inline]] {
         const auto magnitude = reinterpret_cast<decltype(x)>(target::lookup8(values, x >> Bit));
         const auto sign = (x << (28 - Bit)) & 0x80000000u;
         return reinterpret_cast<decltype(target::lookup8(values, x))>(magnitude | sign);

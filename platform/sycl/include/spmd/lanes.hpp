@@ -167,7 +167,7 @@ template <int N>
 template <reduced T, int N>
 [[gnu::always_inline]] inline lanes<T, N> rounded(const lanes<float, N>& exact) {
   return lanes<T, N>(per_register(
-      []<class V>(V x) __attribute__((always_inline))->V {
+      []<class V>(V x) [[gnu::always_inline]] -> V {
         if constexpr (std::same_as<T, half>) {
           return target::from_halves(target::to_halves(x));
         } else {
@@ -183,58 +183,47 @@ template <reduced T, int N>
 
 template <plain T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator+(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return per_register(
-      [](auto x, auto y) __attribute__((always_inline)) { return x + y; }, a, b);
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x + y; }, a, b);
 }
 template <plain T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator-(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return per_register(
-      [](auto x, auto y) __attribute__((always_inline)) { return x - y; }, a, b);
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x - y; }, a, b);
 }
 template <plain T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator*(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return per_register(
-      [](auto x, auto y) __attribute__((always_inline)) { return x * y; }, a, b);
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x * y; }, a, b);
 }
 template <plain T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator/(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return per_register(
-      [](auto x, auto y) __attribute__((always_inline)) { return x / y; }, a, b);
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x / y; }, a, b);
 }
 template <std::integral T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator%(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return per_register(
-      [](auto x, auto y) __attribute__((always_inline)) { return x % y; }, a, b);
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x % y; }, a, b);
 }
 template <std::integral T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator&(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return per_register(
-      [](auto x, auto y) __attribute__((always_inline)) { return x & y; }, a, b);
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x & y; }, a, b);
 }
 template <std::integral T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator|(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return per_register(
-      [](auto x, auto y) __attribute__((always_inline)) { return x | y; }, a, b);
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x | y; }, a, b);
 }
 template <std::integral T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator^(const lanes<T, N>& a, const lanes<T, N>& b) {
-  return per_register(
-      [](auto x, auto y) __attribute__((always_inline)) { return x ^ y; }, a, b);
+  return per_register([](auto x, auto y) [[gnu::always_inline]] { return x ^ y; }, a, b);
 }
 template <std::integral T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator<<(const lanes<T, N>& a, int count) {
-  return per_register(
-      [count](auto x) __attribute__((always_inline)) { return x << count; }, a);
+  return per_register([count](auto x) [[gnu::always_inline]] { return x << count; }, a);
 }
 template <std::integral T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator>>(const lanes<T, N>& a, int count) {
-  return per_register(
-      [count](auto x) __attribute__((always_inline)) { return x >> count; }, a);
+  return per_register([count](auto x) [[gnu::always_inline]] { return x >> count; }, a);
 }
 template <plain T, int N>
 [[gnu::always_inline]] inline lanes<T, N> operator-(const lanes<T, N>& a) {
-  return per_register(
-      [](auto x) __attribute__((always_inline)) { return -x; }, a);
+  return per_register([](auto x) [[gnu::always_inline]] { return -x; }, a);
 }
 
 // Operators on reduced types: in float, rounded once
@@ -304,7 +293,7 @@ template <class T, int N>
     return rounded<T>(mad(a.w, b.w, c.w));
   } else {
     return per_register(
-        [](auto x, auto y, auto z) __attribute__((always_inline)) {
+        [](auto x, auto y, auto z) [[gnu::always_inline]] {
           if constexpr (std::floating_point<T>) {
             return target::fma(x, y, z);
           } else {

@@ -148,14 +148,13 @@ template <class T, int First = 0, class U, int N, class Body>
 template <class T, class U, int N>
 [[gnu::always_inline]] inline void store(T* p, const lanes<U, N>& value, all_lanes<N> = {}) {
   checked(p, N * sizeof(T));
-  detail::for_stored<T>(
-      value, [p](int first, auto bits) __attribute__((always_inline)) {
-        if constexpr (std::same_as<T, half>) {
-          target::store(p + first, bits);
-        } else {
-          std::memcpy(static_cast<void*>(p + first), &bits, sizeof bits);
-        }
-      });
+  detail::for_stored<T>(value, [p](int first, auto bits) [[gnu::always_inline]] {
+    if constexpr (std::same_as<T, half>) {
+      target::store(p + first, bits);
+    } else {
+      std::memcpy(static_cast<void*>(p + first), &bits, sizeof bits);
+    }
+  });
 }
 template <class T>
 [[gnu::always_inline]] inline void store(T* p, std::type_identity_t<T> value, all_lanes<1> = {}) {
@@ -170,7 +169,7 @@ template <class T, class U, int N>
   if (!past_caches) return store(p, value);
   checked(p, N * sizeof(T));
   detail::for_stored<T>(
-      value, [p](int first, auto bits) __attribute__((always_inline)) { target::stream(p + first, bits); });
+      value, [p](int first, auto bits) [[gnu::always_inline]] { target::stream(p + first, bits); });
 }
 template <class T>
 [[gnu::always_inline]] inline void stream(T* p, std::type_identity_t<T> value, bool) {
@@ -203,7 +202,7 @@ template <int N>
     stream_split(p + N / 2, value.hi, past_caches);
   } else {
     checked(p, N * sizeof(bfloat16));
-    const auto words = [](const lanes<float, N / 2>& x) __attribute__((always_inline)) {
+    const auto words = [](const lanes<float, N / 2>& x) [[gnu::always_inline]] {
       return bfloat16_in_upper_half<N / 2>(reinterpret_cast<vec<std::uint32_t, N / 2>>(x.v));
     };
     const auto pairs = words(lower(value)) >> 16 | (words(upper(value)) & 0xFFFF0000);
@@ -223,10 +222,9 @@ template <class T, class U, int N>
 [[gnu::always_inline]] inline void store(T* p, const lanes<U, N>& value, first_lanes live) {
   checked(p, static_cast<std::size_t>(live.count) * sizeof(T));
   T buffer[N];
-  detail::for_stored<T>(
-      value, [&buffer](int first, auto bits) __attribute__((always_inline)) {
-        std::memcpy(static_cast<void*>(buffer + first), &bits, sizeof bits);
-      });
+  detail::for_stored<T>(value, [&buffer](int first, auto bits) [[gnu::always_inline]] {
+    std::memcpy(static_cast<void*>(buffer + first), &bits, sizeof bits);
+  });
   std::memcpy(static_cast<void*>(p), buffer, static_cast<std::size_t>(live.count) * sizeof(T));
 }
 

@@ -59,9 +59,8 @@ template <class T, int N, class Op>
     return tree_reduce(op(lower(x), upper(x)), op);
   } else {
     lanes<T, N> all = x;
-    unrolled<std::bit_width(static_cast<unsigned>(N)) - 1>([&](auto step) __attribute__((always_inline)) {
-      all = op(all, permuted_by_xor(all, N >> (step + 1)));
-    });
+    unrolled<std::bit_width(static_cast<unsigned>(N)) - 1>(
+        [&](auto step) [[gnu::always_inline]] { all = op(all, permuted_by_xor(all, N >> (step + 1))); });
     return first_lane(all);
   }
 }
@@ -69,8 +68,7 @@ template <class T, int N, class Op>
 /// The sum of all lanes in T, where lane l takes in lane l + stride for stride N / 2, N / 4, …, 1.
 template <class T, int N>
 [[gnu::always_inline]] inline T tree_sum(const lanes<T, N>& x) {
-  return tree_reduce(
-      x, [](const auto& a, const auto& b) __attribute__((always_inline)) { return a + b; });
+  return tree_reduce(x, [](const auto& a, const auto& b) [[gnu::always_inline]] { return a + b; });
 }
 
 }  // namespace spmd

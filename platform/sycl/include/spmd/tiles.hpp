@@ -22,14 +22,14 @@ template <int Depth, int Parts, std::size_t Rows, int N, class Weights>
   constexpr int parts = Parts, rows = Rows;
   std::array<lanes<float, N>, rows * parts> sum;
   unrolled<rows * parts>([&](auto i) { sum[i] = parts == 1 ? sums[i % rows] : lanes<float, N>(0.0f); });
-  unrolled<Depth>([&](auto k) __attribute__((always_inline)) {
+  unrolled<Depth>([&](auto k) [[gnu::always_inline]] {
     const lanes<float, N> weight = w(k);
-    unrolled<rows>([&](auto r) __attribute__((always_inline)) {
+    unrolled<rows>([&](auto r) [[gnu::always_inline]] {
       lanes<float, N>& own = sum[k % parts * rows + r];
       own = mad(lanes<float, N>(x[k * rows + r]), weight, own);
     });
   });
-  unrolled<rows>([&](auto r) __attribute__((always_inline)) {
+  unrolled<rows>([&](auto r) [[gnu::always_inline]] {
     unrolled<parts - 1>([&](auto p) { sum[r] = sum[r] + sum[(p + 1) * rows + r]; });
     sums[r] = parts == 1 ? sum[r] : sums[r] + sum[r];
   });

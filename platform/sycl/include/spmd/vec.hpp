@@ -19,20 +19,19 @@ struct vector_of {
 template <class T, int N>
 using vec = typename vector_of<T, N>::type;
 
-template <class Body, int... I>
-[[gnu::always_inline]] inline void call_each(const Body& body, std::integer_sequence<int, I...>) {
-  (body(std::integral_constant<int, I>()), ...);
-}
 /// Calls body(std::integral_constant<int, 0>()) … up to Count - 1, written out.
 template <int Count, class Body>
 [[gnu::always_inline]] inline void unrolled(const Body& body) {
-  call_each(body, std::make_integer_sequence<int, Count>());
+  [&]<int... I>(std::integer_sequence<int, I...>) [[gnu::always_inline]] {
+    (body(std::integral_constant<int, I>()), ...);
+  }
+  (std::make_integer_sequence<int, Count>());
 }
 
 /// Element at(i) of `a`, with `b` behind it, in place i of N. `at` is a lambda without captures.
 template <int N, class V, class At>
 [[gnu::always_inline]] inline auto shuffled(V a, V b, At) {
-  return [&]<int... I>(std::integer_sequence<int, I...>) __attribute__((always_inline)) {
+  return [&]<int... I>(std::integer_sequence<int, I...>) [[gnu::always_inline]] {
     return __builtin_shufflevector(a, b, At{}(I)...);
   }
   (std::make_integer_sequence<int, N>());
@@ -54,7 +53,7 @@ constexpr vec<T, N> constants(Make make) {
 /// `uniform` in every place, bit for bit.
 template <int N, class T>
 [[gnu::always_inline]] inline vec<T, N> repeated(T uniform) {
-  return [&]<int... I>(std::integer_sequence<int, I...>) __attribute__((always_inline)) {
+  return [&]<int... I>(std::integer_sequence<int, I...>) [[gnu::always_inline]] {
     return vec<T, N>{(static_cast<void>(I), uniform)...};
   }
   (std::make_integer_sequence<int, N>());

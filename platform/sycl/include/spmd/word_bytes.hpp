@@ -21,7 +21,7 @@ template <int N>
                                                                const lanes<std::uint32_t, N>& a,
                                                                const lanes<std::uint32_t, N>& b) {
   return per_register(
-      [](auto s, auto x, auto y) __attribute__((always_inline)) {
+      [](auto s, auto x, auto y) [[gnu::always_inline]] {
         return target::dot_bytes(s, bytes_of<std::uint8_t>(x), bytes_of<std::int8_t>(y));
       },
       sum, a, b);
@@ -34,7 +34,7 @@ template <int N>
     const lanes<std::uint32_t, N>& a, const lanes<std::uint32_t, N>& b,
     const lanes<std::uint32_t, N>& weights) {
   return per_register_as<std::int32_t>(
-      [](auto x, auto y, auto w) __attribute__((always_inline)) {
+      [](auto x, auto y, auto w) [[gnu::always_inline]] {
         return target::weighted_dot_bytes(bytes_of<std::uint8_t>(x), bytes_of<std::int8_t>(y),
                                           bytes_of<std::int16_t>(w));
       },
@@ -60,7 +60,7 @@ template <int N>
 [[gnu::always_inline]] inline lanes<std::uint32_t, N> looked_up_bytes(vec<std::uint8_t, 16> table,
                                                                       const lanes<std::uint32_t, N>& words) {
   return per_register(
-      [table]<class V>(V x) __attribute__((always_inline)) {
+      [table]<class V>(V x) [[gnu::always_inline]] {
         const auto in_all_quarters = shuffled<sizeof(V)>(table, [](int i) { return i % 16; });
         return reinterpret_cast<V>(
             target::shuffled_bytes(in_all_quarters, bytes_of<std::int8_t>(x & 0x0F0F0F0F)));
@@ -74,7 +74,7 @@ template <int Bit, int N>
                                                                     const lanes<std::uint32_t, N>& set,
                                                                     const lanes<std::uint32_t, N>& clear) {
   return per_register(
-      []<class V>(V from, V x, V y) __attribute__((always_inline)) {
+      []<class V>(V from, V x, V y) [[gnu::always_inline]] {
         const auto top = bytes_of<std::int8_t>(from << (7 - Bit));
         return reinterpret_cast<V>(top < 0 ? bytes_of<std::int8_t>(x) : bytes_of<std::int8_t>(y));
       },
@@ -86,7 +86,7 @@ template <int I, class T, int N>
 [[gnu::always_inline]] inline lanes<T, N> repeated_in_quarters(const lanes<T, N>& x) {
   constexpr int quarter = 16 / sizeof(T);
   return per_register(
-      []<class V>(V v) __attribute__((always_inline)) {
+      []<class V>(V v) [[gnu::always_inline]] {
         return shuffled<sizeof(V) / sizeof(T)>(v, [](int l) { return l / quarter * quarter + I; });
       },
       x);

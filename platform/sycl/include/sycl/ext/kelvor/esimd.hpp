@@ -36,15 +36,15 @@ template <int Words, int N>
   if constexpr (N > 8) {
     const auto low = block_load_transposed<Words, N / 2>(from, stride);
     const auto high = block_load_transposed<Words, N / 2>(from + N / 2 * stride, stride);
-    spmd::unrolled<Words>([&](auto w) __attribute__((always_inline)) { words[w] = joined(low[w], high[w]); });
+    spmd::unrolled<Words>([&](auto w) [[gnu::always_inline]] { words[w] = joined(low[w], high[w]); });
   } else {
-    spmd::unrolled<Words / 8>([&](auto part) __attribute__((always_inline)) {
+    spmd::unrolled<Words / 8>([&](auto part) [[gnu::always_inline]] {
       std::array<spmd::eight_floats, 8> rows;
-      spmd::unrolled<8>([&](auto l) __attribute__((always_inline)) {
+      spmd::unrolled<8>([&](auto l) [[gnu::always_inline]] {
         rows[l] = spmd::load<8>(reinterpret_cast<const float*>(from + l * stride + part * 32));
       });
       const auto columns = spmd::transposed(rows);
-      spmd::unrolled<8>([&](auto w) __attribute__((always_inline)) {
+      spmd::unrolled<8>([&](auto w) [[gnu::always_inline]] {
         words[part * 8 + w] = spmd::bit_cast<std::uint32_t>(columns[w]);
       });
     });
@@ -59,7 +59,7 @@ template <class T, int N>
   if constexpr (N > 8) {
     return joined(gather<T, N / 2>(from, stride), gather<T, N / 2>(from + N / 2 * stride, stride));
   } else {
-    const auto at = [&](int l) __attribute__((always_inline)) {
+    const auto at = [&](int l) [[gnu::always_inline]] {
       spmd::checked(from + l * stride, sizeof(T));
       using bits = std::conditional_t<sizeof(T) == 2, std::uint16_t, std::uint32_t>;
       return spmd::loaded<bits>(from + l * stride);
@@ -86,11 +86,10 @@ inline constexpr int dpas_depth = 16;
 /// each a value of T; b(k) gives element k of all columns, with k as std::integral_constant.
 template <class T, int Parts, std::size_t Rows, int N, class Columns>
 [[gnu::always_inline]] inline void dpas(spmd::row_tile<Rows, N>& sums, const float* a, const Columns& b) {
-  spmd::add_products<dpas_depth, Parts>(
-      sums, a, [&](auto k) __attribute__((always_inline)) {
-        const simd<T, N> column = b(k);
-        return column.w;
-      });
+  spmd::add_products<dpas_depth, Parts>(sums, a, [&](auto k) [[gnu::always_inline]] {
+    const simd<T, N> column = b(k);
+    return column.w;
+  });
 }
 
 }  // namespace sycl::ext::kelvor::esimd
