@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <utility>
 
 #include "spmd/spmd.hpp"
 #include "sycl/launch.hpp"
@@ -147,6 +148,19 @@ inline constexpr int rounds_together = [] {
   return spmd::reduced<T> || registers >= 4 ? std::clamp(8 / registers, 2, 4) : 1;
 }();
 
+/// spmd::unrolled, inlined in any case: there the compiler decides, and left the innermost loop of walks that
+/// a file holds in several sizes out of line, which makes them three times slower. After a lambda's
+/// parameters
+/// [[gnu::always_inline]] would belong to its type and do nothing.
+template <class Body, int... I>
+[[gnu::always_inline]] inline void call_each(const Body& body, std::integer_sequence<int, I...>) {
+  (body(std::integral_constant<int, I>()), ...);
+}
+template <int Count, class Body>
+[[gnu::always_inline]] inline void inlined(const Body& body) {
+  call_each(body, std::make_integer_sequence<int, Count>());
+}
+
 /// Adds the products of tiles first[r] + l of a weight row and of activation rows b0 + a to acc[a], in lane
 /// l.
 template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live>
@@ -156,15 +170,15 @@ template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows
   using value = spmd::varying_t<T, Width>;
   // Load
   std::array<decltype(Format::template load<Width>(row.values, 0, live)), Rounds> tiles;
-  spmd::unrolled<Rounds>([&](auto r) __attribute__((always_inline)) {
+  inlined<Rounds>([&](auto r) __attribute__((always_inline)) {
     tiles[r] = Format::template load<Width>(row.values, first[r], live);
   });
   // Tile dot
   std::array<value, Rounds * Rows> sum;
-  spmd::unrolled<Format::tile>([&](auto k) __attribute__((always_inline)) {
-    spmd::unrolled<Rounds>([&](auto r) __attribute__((always_inline)) {
+  inlined<Format::tile>([&](auto k) __attribute__((always_inline)) {
+    inlined<Rounds>([&](auto r) __attribute__((always_inline)) {
       const value w = Format::template element<Format, T, Width>(tiles[r], k);
-      spmd::unrolled<Rows>([&](auto a) __attribute__((always_inline)) {
+      inlined<Rows>([&](auto a) __attribute__((always_inline)) {
         const value x = input.template element<Width>(b0 + a, first[r], Format::order(k));
         if constexpr (k == 0) {
           sum[r * Rows + a] = x * w;
@@ -175,11 +189,11 @@ template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows
     });
   });
   // Scale
-  spmd::unrolled<Rounds>([&](auto r) __attribute__((always_inline)) {
+  inlined<Rounds>([&](auto r) __attribute__((always_inline)) {
     const std::int64_t block = first[r] / Format::tiles_per_block;
     const auto scales = Format::template load_scales<Format::tiles_per_block, T, Width>(
         row.scales + block * Format::scale_bytes, live);
-    spmd::unrolled<Rows>([&](auto a) __attribute__((always_inline)) {
+    inlined<Rows>([&](auto a) __attribute__((always_inline)) {
       const value scaled =
           Format::accumulate(acc[a], sum[r * Rows + a], input.template sum<Width>(b0 + a, first[r]), scales);
       acc[a] = spmd::keep_unless(live, scaled, acc[a]);

@@ -35,11 +35,9 @@ struct scale_and_minimum {
 
   template <int Repeat, class T, int N, class Live>
   static std::array<spmd::varying_t<T, N>, 2> load_scales(const std::uint8_t* scales, Live live) {
-    const auto pair = spmd::load_distinct<N, Repeat, std::uint32_t>(scales, live);
-    const auto repeated = [](auto bits) __attribute__((always_inline)) {
-      return spmd::convert<T>(spmd::repeat_lanes<N, Repeat>(spmd::half_from_bits(bits)));
-    };
-    return {repeated(pair & 0xFFFFu), repeated(pair >> 16)};
+    const auto pair = spmd::load_repeated<N, Repeat, std::uint32_t>(scales, live);
+    return {spmd::convert<T>(spmd::half_from_bits(pair & 0xFFFFu)),
+            spmd::convert<T>(spmd::half_from_bits(pair >> 16))};
   }
   template <class V>
   static V accumulate(const V& acc, const V& sum, const V& activations, const std::array<V, 2>& d_and_m) {

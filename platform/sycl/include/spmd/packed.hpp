@@ -8,9 +8,8 @@
 
 namespace spmd {
 
-/// Lanes First, First + 1, … of `few`, each Repeat times. 1 shuffle per register. On one lane there is
-/// nothing to repeat.
-template <int N, int Repeat, int First = 0, class T>
+/// Lanes First, First + 1, … of `few`, each Repeat times.
+template <int N, int Repeat, int First, class T>
 [[gnu::always_inline]] inline lanes<T, N> repeat_lanes(const lanes<T, 8>& few) {
   if constexpr (reduced<T>) {
     return lanes<T, N>(repeat_lanes<N, Repeat, First>(few.w));
@@ -21,15 +20,11 @@ template <int N, int Repeat, int First = 0, class T>
     return lanes<T, N>(shuffled<N>(few.v, [](int lane) { return First + lane / Repeat; }));
   }
 }
-template <int N, int Repeat, class T>
-requires(N == 1) [[gnu::always_inline]] inline T repeat_lanes(T one) {
-  return one;
-}
 
-/// The T's at `p` (unaligned bytes) that N lanes need where Repeat neighbours share one, for repeat_lanes;
-/// zero in the others. Lanes past the live ones read nothing. 1 load.
+/// Element l / Repeat of the T's at `p` (unaligned bytes) in lane l, so that Repeat neighbours share one.
+/// Lanes past the live ones read nothing. 1 shuffle per register, and one load for all.
 template <int N, int Repeat, class T, class Live>
-[[gnu::always_inline]] inline varying_t<T, N == 1 ? 1 : 8> load_distinct(const std::uint8_t* p, Live live) {
+[[gnu::always_inline]] inline varying_t<T, N> load_repeated(const std::uint8_t* p, Live live) {
   if constexpr (N == 1) {
     return load<1>(reinterpret_cast<const T*>(p));
   } else {
@@ -49,14 +44,9 @@ template <int N, int Repeat, class T, class Live>
     } else {
       std::memcpy(buffer, p, distinct * sizeof(T));
     }
-    return from_buffer<8>(buffer);
+    const lanes<T, 8> few = from_buffer<8>(buffer);
+    return repeat_lanes<N, Repeat, 0>(few);
   }
-}
-
-/// Element l / Repeat of the T's at `p` in lane l.
-template <int N, int Repeat, class T, class Live>
-[[gnu::always_inline]] inline varying_t<T, N> load_repeated(const std::uint8_t* p, Live live) {
-  return repeat_lanes<N, Repeat>(load_distinct<N, Repeat, T>(p, live));
 }
 
 /// Byte l of p in lane l, as a word. 1 load and widening.
