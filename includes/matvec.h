@@ -148,21 +148,20 @@ inline constexpr int rounds_together = [] {
   return spmd::reduced<T> || registers >= 4 ? std::clamp(8 / registers, 2, 4) : 1;
 }();
 
-/// spmd::unrolled, inlined in any case: there the compiler decides, and left the innermost loop of walks that
-/// a file holds in several sizes out of line, which makes them three times slower. After a lambda's
-/// parameters
-/// [[gnu::always_inline]] would belong to its type and do nothing.
+/// Every step of `inlined`, written out.
 template <class Body, int... I>
 [[gnu::always_inline]] inline void call_each(const Body& body, std::integer_sequence<int, I...>) {
   (body(std::integral_constant<int, I>()), ...);
 }
+/// spmd::unrolled, inlined in any case: left to the compiler, the innermost loops of walks that a file holds
+/// in several sizes stay out of line and take three times as long. The lambdas have the compiler's own
+/// attribute, since the standard's form would belong to their type.
 template <int Count, class Body>
 [[gnu::always_inline]] inline void inlined(const Body& body) {
   call_each(body, std::make_integer_sequence<int, Count>());
 }
 
-/// Adds the products of tiles first[r] + l of a weight row and of activation rows b0 + a to acc[a], in lane
-/// l.
+/// Adds the products of tiles first[r] + l of a weight row and of activation rows b0 + a to acc[a] in lane l.
 template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live>
 [[gnu::always_inline]] inline void add_tiles(const activation_tiles<Format, T>& input, int b0,
                                              const packed_row& row, const std::array<int, Rounds>& first,
