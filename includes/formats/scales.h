@@ -19,7 +19,7 @@ struct one_scale {
 
   template <int Repeat, class T, int N, class Live>
   static spmd::varying_t<T, N> load_scales(const std::uint8_t* scales, Live live) {
-    return spmd::convert<T>(spmd::load_repeated<N, Repeat, Scale>(scales, live));
+    return spmd::repeat_each<N, Repeat>(spmd::convert<T>(spmd::load_shared<N, Repeat, Scale>(scales, live)));
   }
   template <class V>
   static V accumulate(const V& acc, const V& sum, const V&, const V& d) {
@@ -35,9 +35,9 @@ struct scale_and_minimum {
 
   template <int Repeat, class T, int N, class Live>
   static std::array<spmd::varying_t<T, N>, 2> load_scales(const std::uint8_t* scales, Live live) {
-    const auto pair = spmd::load_repeated<N, Repeat, std::uint32_t>(scales, live);
-    return {spmd::convert<T>(spmd::half_from_bits(pair & 0xFFFFu)),
-            spmd::convert<T>(spmd::half_from_bits(pair >> 16))};
+    const auto pair = spmd::load_shared<N, Repeat, std::uint32_t>(scales, live);
+    return {spmd::repeat_each<N, Repeat>(spmd::convert<T>(spmd::half_from_bits(pair & 0xFFFFu))),
+            spmd::repeat_each<N, Repeat>(spmd::convert<T>(spmd::half_from_bits(pair >> 16)))};
   }
   template <class V>
   static V accumulate(const V& acc, const V& sum, const V& activations, const std::array<V, 2>& d_and_m) {

@@ -202,8 +202,10 @@ TEST(Lanes, RepeatedLoadsShareOneElementAmongNeighbours) {
   for (int live = 1; live <= 32; ++live) {
     const guarded halves(static_cast<std::size_t>((live + 3) / 4) * 2),
         floats(static_cast<std::size_t>((live + 7) / 8) * 4);
-    const auto by_four = list(spmd::load_repeated<32, 4, half>(halves.data(), spmd::first_lanes{live}));
-    const auto by_eight = list(spmd::load_repeated<32, 8, float>(floats.data(), spmd::first_lanes{live}));
+    const auto by_four = list(
+        spmd::repeat_each<32, 4>(spmd::load_shared<32, 4, half>(halves.data(), spmd::first_lanes{live})));
+    const auto by_eight = list(
+        spmd::repeat_each<32, 8>(spmd::load_shared<32, 8, float>(floats.data(), spmd::first_lanes{live})));
     for (int l = 0; l < live; ++l) {
       half h;
       float f = 0;

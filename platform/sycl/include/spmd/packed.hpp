@@ -16,35 +16,52 @@ template <int N, int Repeat, int First, class T>
   } else if constexpr (N > native_lanes<T>) {
     return {repeat_lanes<N / 2, Repeat, First>(few),
             repeat_lanes<N / 2, Repeat, First + N / 2 / Repeat>(few)};
+  } else if constexpr (native_lanes<T> < 8) {  // doubles: in one half of `few`
+    static_assert(First % 4 + (N - 1) / Repeat < 4);
+    const auto& own = First < 4 ? few.lo : few.hi;
+    return lanes<T, N>(shuffled<N>(own.v, [](int lane) { return First % 4 + lane / Repeat; }));
   } else {
     return lanes<T, N>(shuffled<N>(few.v, [](int lane) { return First + lane / Repeat; }));
   }
 }
 
-/// Element l / Repeat of the T's at `p` (unaligned bytes) in lane l, so that Repeat neighbours share one.
-/// Lanes past the live ones read nothing. 1 shuffle per register, and one load for all.
+/// The T's at `p` (unaligned bytes) that N lanes share where `Repeat` neighbours share one, for repeat_each.
+/// Only those of live lanes are read. 1 load; none goes through memory that has just been written in parts,
+/// for which a load would wait.
 template <int N, int Repeat, class T, class Live>
-[[gnu::always_inline]] inline varying_t<T, N> load_repeated(const std::uint8_t* p, Live live) {
+[[gnu::always_inline]] inline auto load_shared(const std::uint8_t* p, Live live) {
   if constexpr (N == 1) {
     return load<1>(reinterpret_cast<const T*>(p));
   } else {
     static_assert(N % Repeat == 0 && 8 % Repeat == 0);
+    using bits = std::conditional_t<std::same_as<T, half>, std::uint16_t, T>;
     constexpr int distinct = N / Repeat;
-    alignas(64) T buffer[8] = {};
     const int count = (live.count + Repeat - 1) / Repeat;
     checked(p, static_cast<std::size_t>(count) * sizeof(T));
+    vec<bits, 8> few{};
     if constexpr (std::same_as<Live, first_lanes>) {
-      std::memcpy(buffer, p, static_cast<std::size_t>(count) * sizeof(T));
+      std::memcpy(static_cast<void*>(&few), p, static_cast<std::size_t>(count) * sizeof(T));
     } else if constexpr (distinct * sizeof(T) <= 8) {
-      // As a register: a load of what two stores have just written waits until they are done.
-      std::uint64_t word = 0;
-      std::memcpy(&word, p, distinct * sizeof(T));
-      const vec<std::uint64_t, sizeof(T)> whole{word};
-      std::memcpy(static_cast<void*>(buffer), &whole, sizeof buffer);
+      vec<std::uint64_t, sizeof(T)> words{};
+      std::memcpy(static_cast<void*>(&words), p, distinct * sizeof(T));
+      few = reinterpret_cast<vec<bits, 8>>(words);
     } else {
-      std::memcpy(buffer, p, distinct * sizeof(T));
+      few = shuffled<8>(loaded<vec<bits, distinct>>(p), [](int i) { return i % distinct; });
     }
-    const lanes<T, 8> few = from_buffer<8>(buffer);
+    if constexpr (std::same_as<T, half>) {
+      return lanes<T, 8>(lanes<float, 8>(target::from_halves(few)));
+    } else {
+      return lanes<T, 8>(few);
+    }
+  }
+}
+
+/// Value l / Repeat of what load_shared gave in lane l. 1 shuffle per register.
+template <int N, int Repeat, class V>
+[[gnu::always_inline]] inline auto repeat_each(const V& few) {
+  if constexpr (N == 1) {
+    return few;
+  } else {
     return repeat_lanes<N, Repeat, 0>(few);
   }
 }
