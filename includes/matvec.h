@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "spmd/spmd.hpp"
@@ -32,6 +34,7 @@ class activation_tiles {
   void prepare(sycl::host::arena& memory, const T* input, int state_size, int rows = 1,
                activation_sum sums = activation_sum::in_order) {
     const int tiles = state_size / Format::tile;
+    moderate_ = may_be_moderate;
     const int padded = (tiles + lanes - 1) / lanes * lanes;
     // Rows that begin a power of two apart would fall into the same few places of the nearest cache.
     stride_ = static_cast<std::int64_t>(padded) * Format::tile + 64 / sizeof(spmd::wide<T>);
@@ -51,6 +54,12 @@ class activation_tiles {
     }
   }
 
+  /// Whether no tile's sum of products is out of the range that spmd::mad_moderate wants, at any step and for
+  /// any weights.
+  [[gnu::always_inline]] bool moderate() const { return moderate_; }
+  static constexpr bool may_be_moderate =
+      spmd::rounds_moderate_faster<T> && Format::largest_whole_value < std::numeric_limits<float>::infinity();
+
   /// Activation `place` of tile first + l in lane l; `first` is a multiple of the width.
   template <int Width>
   [[gnu::always_inline]] spmd::varying_t<T, Width> element(int row, int first, int place) const {
@@ -69,7 +78,7 @@ class activation_tiles {
   }
 
  private:
-  static void lay_out(spmd::wide<T>* out, const T* from, int tiles) {
+  void lay_out(spmd::wide<T>* out, const T* from, int tiles) {
     const int tail = tiles / lanes * lanes;
     if (tail < tiles) std::fill_n(out + std::int64_t{tail} * Format::tile, lanes * Format::tile, 0);
     for (int t = 0; t < tiles; ++t) {
@@ -77,6 +86,12 @@ class activation_tiles {
       for (int run = 0; run < Format::tile / 8; ++run) {
         const T* elements = from + Format::run_start(t, run);
         for (int c = 0; c < 8; ++c) tile[(run * 8 + c) * lanes] = elements[c];
+      }
+      if constexpr (may_be_moderate) {
+        float magnitude = 0;
+        for (int k = 0; k < Format::tile; ++k) magnitude += std::abs(tile[k * lanes]);
+        moderate_ =
+            moderate_ && magnitude * Format::largest_whole_value < spmd::moderate<T>;  // false for NaN
       }
     }
   }
@@ -105,6 +120,7 @@ class activation_tiles {
   const spmd::wide<T>* sums_ = nullptr;
   std::int64_t stride_ = 0;
   std::int64_t sum_stride_ = 0;
+  bool moderate_ = false;
 };
 
 /// Where one weight row's packed values and scales begin.
@@ -162,7 +178,8 @@ template <int Count, class Body>
 }
 
 /// Adds the products of tiles first[r] + l of a weight row and of activation rows b0 + a to acc[a] in lane l.
-template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live>
+/// `Moderate` says that all activations are.
+template <int Width, bool Moderate, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live>
 [[gnu::always_inline]] inline void add_tiles(const activation_tiles<Format, T>& input, int b0,
                                              const packed_row& row, const std::array<int, Rounds>& first,
                                              Live live, std::array<spmd::varying_t<T, Width>, Rows>& acc) {
@@ -179,7 +196,10 @@ template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows
       const value w = Format::template element<Format, T, Width>(tiles[r], k);
       inlined<Rows>([&](auto a) __attribute__((always_inline)) {
         const value x = input.template element<Width>(b0 + a, first[r], Format::order(k));
-        if constexpr (k == 0) {
+        if constexpr (Moderate) {
+          const value so_far = k == 0 ? value(T(0.0f)) : sum[r * Rows + a];
+          sum[r * Rows + a] = spmd::mad_moderate(x, w, so_far);
+        } else if constexpr (k == 0) {
           sum[r * Rows + a] = x * w;
         } else {
           sum[r * Rows + a] = spmd::mad(x, w, sum[r * Rows + a]);
@@ -203,18 +223,43 @@ template <int Width, class Format, class T, std::size_t Rounds, std::size_t Rows
 /// Step Walk over one weight row, for `Rows` activation rows from b0 on: returns the accumulators of the
 /// gang's work-items. Weight rows are walked one after the other, so that a work-group reads its packed bytes
 /// as one run of memory: two rows in turn halve the rate at which they come.
-template <int Rows, class Format, class T, class Item>
-[[gnu::always_inline]] inline auto walk(const Item& item, const activation_tiles<Format, T>& input, int b0,
-                                        int state_size, const packed_row& row) {
+template <int Rows, bool Moderate, class Format, class T, class Item>
+[[gnu::always_inline]] inline auto walk_as(const Item& item, const activation_tiles<Format, T>& input, int b0,
+                                           int state_size, const packed_row& row) {
   constexpr int n = Item::lanes;
   std::array<spmd::varying<T, Item>, Rows> acc;
   acc.fill(T(0.0f));
   constexpr int together = Rows == 1 ? rounds_together<T, n> : 1;
   spmd::strided<together>(
       item, state_size / Format::tile, [&](const auto& first, auto live) __attribute__((always_inline)) {
-        add_tiles<n>(input, b0, row, first, live, acc);
+        add_tiles<n, Moderate>(input, b0, row, first, live, acc);
       });
   return acc;
+}
+
+/// The walk for activations that may not be moderate, where such ones are the exception: a row at a time.
+template <int Rows, class Format, class T, class Item>
+[[gnu::noinline]] auto walk_any(const Item& item, const activation_tiles<Format, T>& input, int b0,
+                                int state_size, const packed_row& row) {
+  if constexpr (Rows == 1) {
+    return walk_as<1, false>(item, input, b0, state_size, row);
+  } else {
+    std::array<spmd::varying<T, Item>, Rows> acc;
+    for (int a = 0; a < Rows; ++a) acc[a] = walk_any<1>(item, input, b0 + a, state_size, row)[0];
+    return acc;
+  }
+}
+
+/// The walk that the activations allow.
+template <int Rows, class Format, class T, class Item>
+[[gnu::always_inline]] inline auto walk(const Item& item, const activation_tiles<Format, T>& input, int b0,
+                                        int state_size, const packed_row& row) {
+  if constexpr (activation_tiles<Format, T>::may_be_moderate) {
+    if (!input.moderate()) return walk_any<Rows>(item, input, b0, state_size, row);
+    return walk_as<Rows, true>(item, input, b0, state_size, row);
+  } else {
+    return walk_as<Rows, false>(item, input, b0, state_size, row);
+  }
 }
 
 /// Step Walk over the first `live` of several weight rows, for `Rows` activation rows from b0 on: calls
@@ -230,6 +275,13 @@ template <int Rows, class Format, class T, std::size_t Count, class Item, class 
   constexpr int n = Item::lanes, together = spmd::reduced<T> ? std::max(1, 8 / Rows) : 1;
   constexpr int width = std::min(n, activation_tiles<Format, T>::part * together);
   using part = spmd::varying_t<T, width>;
+  constexpr bool moderate = activation_tiles<Format, T>::may_be_moderate;
+  if constexpr (moderate) {
+    if (!input.moderate()) {
+      for (int j = 0; j < live; ++j) finish(j, walk_any<Rows>(item, input, b0, state_size, rows[j]));
+      return;
+    }
+  }
   std::array<std::array<std::array<part, Rows>, n / width>, Count> acc;
   for (int j = 0; j < live; ++j) {
     for (auto& own : acc[j]) own.fill(part(T(0.0f)));
@@ -239,7 +291,7 @@ template <int Rows, class Format, class T, std::size_t Count, class Item, class 
       const auto own = spmd::part_of<width>(lanes, p * width);
       if (own.count <= 0) return;
       for (int j = 0; j < live; ++j) {
-        add_tiles<width>(input, b0, rows[j], std::array{round[0] + p * width}, own, acc[j][p]);
+        add_tiles<width, moderate>(input, b0, rows[j], std::array{round[0] + p * width}, own, acc[j][p]);
         // Else the compiler copies all activations to the stack before the loop.
         std::atomic_signal_fence(std::memory_order_seq_cst);
       }

@@ -3,6 +3,8 @@
 // describes one format, or what several share; formats/list.h has the list, from which all tables, limits and
 // messages are made. docs/formats.md has the bytes.
 
+#include <limits>
+
 namespace tolvane {
 
 struct format {
@@ -24,6 +26,8 @@ struct format {
   /// Whether the host goes on while an expansion may still run, on the same two kinds of devices.
   static constexpr bool plain_expansion_on_summit = false;
   static constexpr bool plain_expansion = false;
+  /// The greatest magnitude of a value before the scale where all values are whole numbers, else infinite.
+  static constexpr float largest_whole_value = std::numeric_limits<float>::infinity();
 };
 
 /// Formats whose values lie in one zone and whose scales in another one behind it.

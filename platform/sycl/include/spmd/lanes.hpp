@@ -314,4 +314,28 @@ requires(!is_lanes<T>) [[gnu::always_inline]] inline T mad(T a, T b, T c) {
   }
 }
 
+// Rounding of moderate magnitudes
+
+/// Binary digits of a normal number of T.
+template <reduced T>
+inline constexpr int digits = std::same_as<T, half> ? 11 : 8;
+
+/// Whether mad_moderate takes less than mad.
+template <class T>
+inline constexpr bool rounds_moderate_faster = reduced<T>&& target::rounds_by_adding;
+
+/// Magnitudes below this are moderate. T holds twice as much, and float 2^17 times.
+template <reduced T>
+inline constexpr float moderate = std::same_as<T, half> ? 0x1p15f : 0x1p110f;
+
+/// mad for a moderate result, where b is whole and c a sum of such products: what lies below T's normal
+/// numbers is a value of T as it stands then. A zero's sign is lost.
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> mad_moderate(const lanes<T, N>& a, const lanes<T, N>& b,
+                                                       const lanes<T, N>& c) {
+  return lanes<T, N>(
+      per_register([](auto x) [[gnu::always_inline]] { return target::rounded_by_adding<digits<T>>(x); },
+                   mad(a.w, b.w, c.w)));
+}
+
 }  // namespace spmd
