@@ -27,7 +27,7 @@ struct nf4 : nibble_layout<4>, one_scale<sycl::half> {
   }();
   template <class T, int Bit, class W>
   static auto value(const W& word) {
-    return spmd::table16<T, Bit>(dequantNF4, word);
+    return spmd::table16<dequantNF4, T, Bit>(word);
   }
   template <class T, int Bit, class W>
   static auto dequantized(const W& word, const std::uint8_t* scale) {

@@ -57,14 +57,14 @@ template <int Byte>
   return sycl::host::half_value(static_cast<std::uint16_t>((byte & 0x80) << 8 | (byte & 0x7F) << 7));
 }
 
-/// The half whose bits are the low 16 of each word, whose upper 16 are 0, as float.
+/// The half whose bits are the low 16 of each word, whose upper 16 are 0.
 template <int N>
-[[gnu::always_inline]] inline lanes<float, N> half_from_bits(const lanes<std::uint32_t, N>& bits) {
-  return per_register_as<float>(
-      [](auto x) [[gnu::always_inline]] { return target::from_halves(target::narrowed(x)); }, bits);
+[[gnu::always_inline]] inline lanes<half, N> half_from_bits(const lanes<std::uint32_t, N>& bits) {
+  return lanes<half, N>(per_register_as<float>(
+      [](auto x) [[gnu::always_inline]] { return target::from_halves(target::narrowed(x)); }, bits));
 }
-[[gnu::always_inline]] inline float half_from_bits(std::uint32_t bits) {
-  return sycl::host::half_value(static_cast<std::uint16_t>(bits));
+[[gnu::always_inline]] inline half half_from_bits(std::uint32_t bits) {
+  return half::from_bits(static_cast<std::uint16_t>(bits));
 }
 
 /// Eight floats of a table in a register, rounded to T once.
@@ -92,17 +92,45 @@ template <class T, int Bit>
   return convert<T>(table[word >> Bit & 7]);
 }
 
-/// The same for four bits and 16 values. 5 operations on registers of 32 bytes, 2 on larger ones.
-template <class T, int Bit, int N>
-[[gnu::always_inline]] inline lanes<T, N> table16(const std::array<float, 16>& table,
-                                                  const lanes<std::uint32_t, N>& word) {
-  const auto low = register_table<T>(table.data()), high = register_table<T>(table.data() + 8);
-  return convert_exact<T>(per_register_as<float>(
-      [low, high](auto x) [[gnu::always_inline]] { return target::lookup16(low, high, x >> Bit); }, word));
+/// The values of T nearest to a table's as multiples of 2^-14 above -2: their low bytes, and the high ones,
+/// twice each.
+template <reduced T>
+struct fixed_point_table {
+  std::array<std::uint8_t, 32> low{}, high{};
+  explicit constexpr fixed_point_table(const std::array<float, 16>& table) {
+    constexpr int left_over = std::same_as<T, half> ? 13 : 16;  // mantissa bits that T does not have
+    for (int i = 0; i < 32; ++i) {
+      const auto bits = std::bit_cast<std::uint32_t>(table[i % 16]);
+      const std::uint32_t above = bits + (1u << (left_over - 1)) - 1 + (bits >> left_over & 1);
+      const float entry = (std::bit_cast<float>(above >> left_over << left_over) + 2) * 0x1p14f;
+      const auto whole = static_cast<std::uint32_t>(entry);
+      if (static_cast<float>(whole) != entry || whole > 0xFFFF) throw "a table that does not fit";
+      low[i] = whole & 0xFF;
+      high[i] = whole >> 8;
+    }
+  }
+};
+
+/// Table[code] as T, where the code is the four bits from Bit of each word. 5 operations on registers of 32
+/// bytes, 2 on larger ones.
+template <const std::array<float, 16>& Table, class T, int Bit, int N>
+[[gnu::always_inline]] inline lanes<T, N> table16(const lanes<std::uint32_t, N>& word) {
+  if constexpr (reduced<T> && target::looks_up_fixed_point) {
+    static constexpr fixed_point_table<T> fixed(Table);
+    const auto low = loaded<vec<std::uint8_t, 32>>(fixed.low.data());
+    const auto high = loaded<vec<std::uint8_t, 32>>(fixed.high.data());
+    return lanes<T, N>(per_register_as<float>(
+        [low, high](auto x) [[gnu::always_inline]] { return target::fixed_point16<Bit>(low, high, x); },
+        word));
+  } else {
+    const auto low = register_table<T>(Table.data()), high = register_table<T>(Table.data() + 8);
+    return convert_exact<T>(per_register_as<float>(
+        [low, high](auto x) [[gnu::always_inline]] { return target::lookup16(low, high, x >> Bit); }, word));
+  }
 }
-template <class T, int Bit>
-[[gnu::always_inline]] inline T table16(const std::array<float, 16>& table, std::uint32_t word) {
-  return convert<T>(table[word >> Bit & 15]);
+template <const std::array<float, 16>& Table, class T, int Bit>
+[[gnu::always_inline]] inline T table16(std::uint32_t word) {
+  return convert<T>(Table[word >> Bit & 15]);
 }
 
 /// table[code], negated where the bit above the three of the code is set. 4 operations.
