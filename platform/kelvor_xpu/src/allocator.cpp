@@ -75,10 +75,10 @@ class Pool {
         return block;
       }
     }
-    void* memory = fresh(wanted.size);
+    void* memory = fresh(wanted.size, bytes);
     if (memory == nullptr) {
       release_free();
-      memory = fresh(wanted.size);
+      memory = fresh(wanted.size, bytes);
     }
     TORCH_CHECK_WITH(OutOfMemoryError, memory != nullptr, "xpu: out of memory: cannot allocate ", bytes,
                      " bytes, with ", statistics().live.current, " bytes in use");
@@ -154,8 +154,9 @@ class Pool {
 
  private:
   /// Large blocks come from the system and not from malloc, which keeps much of what is freed. Weights are
-  /// streamed: with pages of 4 KB, address translation would cost a good part of the bandwidth.
-  static void* fresh(std::size_t size) {
+  /// streamed: with pages of 4 KB, address translation would cost a good part of the bandwidth. A huge page that
+  /// `wanted` bytes would fill in part is left to small ones, which take memory as they are touched.
+  static void* fresh(std::size_t size, std::size_t wanted) {
     if (size < smallest_mapping) return std::aligned_alloc(alignment, size);
     const std::size_t margin = size < 2 * huge_page ? 0 : huge_page;
     void* const mapped =
@@ -168,7 +169,7 @@ class Pool {
     const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     std::byte* const end = memory + (size + page - 1) / page * page;
     if (end < begin + size + margin) munmap(end, static_cast<std::size_t>(begin + size + margin - end));
-    madvise(memory, size, MADV_HUGEPAGE);
+    madvise(memory, wanted / huge_page * huge_page, MADV_HUGEPAGE);
     return memory;
   }
   static void destroy(Block* block) {
