@@ -25,19 +25,17 @@ NF4 = _from_bits(
     "3DA2FAFF 3E24CAE3 3E7C04DD 3EAD033A 3EE1A4B8 3F1007AB 3F3913B3 3F800000"
 )
 NF3 = _from_bits("BF800000 BEF50EE3 BE5E5A6B 00000000 3E24CAE3 3EAD033A 3F1007AB 3F800000")
-FP4_MAGNITUDES = torch.tensor([0.03125, 0.5, 1, 1.5, 2, 3, 4, 6])
-FP4 = torch.cat([FP4_MAGNITUDES, -FP4_MAGNITUDES])
+_FP4_MAGNITUDES = [0.03125, 0.5, 1, 1.5, 2, 3, 4, 6]
+FP4 = torch.tensor(_FP4_MAGNITUDES + [-x for x in _FP4_MAGNITUDES])
 
 
-def _e4m3_by_code() -> Tensor:
-    code = torch.arange(256)
+def _e4m3(code: int) -> float:
     exponent, fraction = code >> 3 & 15, code & 7
-    normal = torch.ldexp(1 + fraction / 8, exponent - 7)
-    size = torch.where(exponent == 0, fraction * 2.0**-9, normal)
-    return torch.where(code < 128, size, -size)
+    size = (1 + fraction / 8) * 2.0 ** (exponent - 7) if exponent else fraction * 2.0**-9
+    return size if code < 128 else -size
 
 
-E4M3 = _e4m3_by_code()
+E4M3 = torch.tensor([_e4m3(code) for code in range(256)])
 
 
 def half_fields(scales: Tensor) -> tuple[Tensor, ...]:
