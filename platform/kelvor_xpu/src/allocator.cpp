@@ -154,8 +154,8 @@ class Pool {
 
  private:
   /// Large blocks come from the system and not from malloc, which keeps much of what is freed. Weights are
-  /// streamed: with pages of 4 KB, address translation would cost a good part of the bandwidth. A huge page that
-  /// `wanted` bytes would fill in part is left to small ones, which take memory as they are touched.
+  /// streamed: with pages of 4 KB, address translation would cost a good part of the bandwidth. A huge page
+  /// that `wanted` bytes would fill in part is left to small ones, which take memory as they are touched.
   static void* fresh(std::size_t size, std::size_t wanted) {
     if (size < smallest_mapping) return std::aligned_alloc(alignment, size);
     const std::size_t margin = size < 2 * huge_page ? 0 : huge_page;
