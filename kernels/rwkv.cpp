@@ -151,23 +151,16 @@ struct rwkv_time_shift_kernel {
   bool streams;
 
   /// bfloat16 has a form of its own, x a + s (1 - a), and 1 - a is made once for all rows. The others take
-  /// s + a (x - s), half with a widened once. Of the reduced types every step rounds, the product too; float
-  /// contracts.
-  static constexpr bool by_products = std::same_as<IT, bfloat16>, widens = std::same_as<IT, sycl::half>;
+  /// s + a (x - s). Of the reduced types every step rounds, the product too; float contracts.
+  static constexpr bool by_products = std::same_as<IT, bfloat16>;
   const IT* rests = nullptr;
-  const float* widened = nullptr;
   void prepare(sycl::host::arena& memory) {
-    const auto count = static_cast<std::size_t>(mixes * channels);
     if constexpr (by_products) {
+      const auto count = static_cast<std::size_t>(mixes * channels);
       auto* rest = memory.allocate<IT>(count);
       for (std::size_t i = 0; i < count; i += 8)
         spmd::store(rest + i, spmd::lanes<IT, 8>(IT(1.0f)) - spmd::load<8>(mix + i));
       rests = rest;
-    } else if constexpr (widens) {
-      auto* wide = memory.allocate<float>(count);
-      for (std::size_t i = 0; i < count; i += 8)
-        spmd::store(wide + i, spmd::convert<float>(spmd::convert<IT>(spmd::load<8>(mix + i))));
-      widened = wide;
     }
   }
 
@@ -196,15 +189,13 @@ struct rwkv_time_shift_kernel {
     IT* to = out + at;
     // Walk, Write
     for (std::int64_t m = 0; m < count; ++m, factor += step, to += plane) {
-      const std::int64_t place = factor - mix;
+      const vec a = spmd::convert<IT>(read(factor));
       if constexpr (by_products) {
-        const vec a = spmd::convert<IT>(read(factor)), rest = read(rests + place);
+        const vec rest = read(rests + (factor - mix));
         spmd::stream_split(to, wide(x * a) + wide(s * rest), past_caches);
-      } else if constexpr (widens) {
-        const vec a = spmd::convert_exact<IT>(spmd::load<n>(widened + place));
+      } else if constexpr (spmd::reduced<IT>) {
         spmd::stream(to, wide(s) + wide(a * difference), past_caches);
       } else {
-        const vec a = spmd::convert<IT>(read(factor));
         spmd::stream(to, spmd::mad(wide(a), wide(difference), wide(s)), past_caches);
       }
     }
