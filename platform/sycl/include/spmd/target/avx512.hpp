@@ -3,18 +3,13 @@
 // the narrower target.
 
 #include "spmd/target/registers_256.hpp"
+#include "spmd/target/without_detours.hpp"
 
 namespace spmd::target {
 
 inline constexpr const char* name = "avx512";
 inline constexpr int register_bytes = 64;
 inline constexpr int gang_lanes = 32;
-inline constexpr bool rounds_by_adding = false;
-template <int Digits, class V>
-V rounded_by_adding(V) = delete;
-inline constexpr bool looks_up_fixed_point = false;
-template <int Bit, class V>
-vec<float, 8> fixed_point16(vec<std::uint8_t, 32>, vec<std::uint8_t, 32>, V) = delete;
 
 [[gnu::always_inline]] inline vec<float, 16> from_halves(vec<std::uint16_t, 16> bits) {
   return _mm512_cvtph_ps(reinterpret_cast<__m256i>(bits));

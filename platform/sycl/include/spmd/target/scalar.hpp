@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "spmd/target/without_detours.hpp"
 #include "spmd/vec.hpp"
 #include "sycl/half.hpp"
 
@@ -12,12 +13,6 @@ namespace spmd::target {
 inline constexpr const char* name = "scalar";
 inline constexpr int register_bytes = 32;
 inline constexpr int gang_lanes = 1;
-inline constexpr bool rounds_by_adding = false;
-template <int Digits, class V>
-V rounded_by_adding(V) = delete;
-inline constexpr bool looks_up_fixed_point = false;
-template <int Bit, class V>
-vec<float, 8> fixed_point16(vec<std::uint8_t, 32>, vec<std::uint8_t, 32>, V) = delete;
 
 /// f(i) in place i.
 template <class V, class F>
