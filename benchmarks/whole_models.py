@@ -3,7 +3,7 @@
 usage: whole_models.py [--folder FOLDER] [--layers N] [--variants NAME …] [--tokens N] [--prompt N] [--json FILE]
 
 The model has random weights in the shape of a 1.1-billion-parameter Llama. Each variant runs in a process of its own:
-ours (packed, on `xpu`), the code of transformers in bfloat16 on the CPU ("dense"), and that with every linear layer by
+ours (packed, in float with keys and values in half, on `xpu`), the code of transformers in bfloat16 on the CPU ("dense"), and that with every linear layer by
 PyTorch's product with 4-bit weights ("int4"). Caches are filled with random numbers before single tokens are timed.
 """
 
@@ -99,16 +99,16 @@ def run_ours(folder: Path, tokens: int, prompt: int) -> dict[str, Any]:
     if prompt:
         ids = torch.arange(prompt) % CONFIG["vocab_size"]
         start = time.perf_counter()
-        model(ids, model.new_cache(prompt), last=True).argmax()
+        model(ids, model.new_cache(prompt, "half"), last=True).argmax()
         result["prompt"] = time.perf_counter() - start
         result["memory with prompt"] = memory()
     token = torch.tensor([5])
     for past in PASTS:
         cache = None  # before there is a longer one
-        cache = model.new_cache(past + tokens + 1)
+        cache = model.new_cache(past + tokens + 1, "half")
         for layer in cache.layers:
-            layer.all_keys.normal_()
-            layer.all_values.normal_()
+            layer.stored.all_keys.normal_()
+            layer.stored.all_values.normal_()
             layer.cut(past)
         cache.length = past
         result[str(past)] = seconds_per_token(lambda: model(token, cache).argmax(), tokens)

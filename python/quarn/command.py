@@ -8,13 +8,14 @@ import resource
 import sys
 import time
 from pathlib import Path
-from typing import Any, Sequence
+from typing import Any, Sequence, get_args
 
 import torch
 
 from .choice import Choice
 from .formats import FORMATS
 from .generation import generate, perplexity
+from .kv_cache import CacheKind
 from .pretrained import from_pretrained, pack_pretrained
 from .progress import ProgressBar
 
@@ -53,7 +54,9 @@ def _parser() -> argparse.ArgumentParser:
     text.add_argument("--temperature", type=float, default=0.0, help="0: the likeliest token")
     text.add_argument("--top-p", type=float, default=1.0)
     text.add_argument("--seed", type=int, default=0)
-    text.add_argument("--fp8-cache", action="store_true", help="keys and values in bytes")
+    text.add_argument(
+        "--cache", choices=get_args(CacheKind), default="half", help="type of keys and values (%(default)s)"
+    )
     text.set_defaults(run=_generate)
 
     measured = commands.add_parser("perplexity", help="measure a model on a text")
@@ -141,7 +144,7 @@ def _generate(options: argparse.Namespace) -> None:
         options.top_p,
         options.seed,
         _stop_tokens(options.model),
-        options.fp8_cache,
+        options.cache,
     ):
         times.append(time.monotonic())
         tokens.append(token)

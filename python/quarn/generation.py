@@ -8,6 +8,8 @@ import torch
 from torch import Tensor
 from torch.nn import functional as F
 
+from .kv_cache import CacheKind
+
 
 def choose_token(logits: Tensor, temperature: float, top_p: float, generator: torch.Generator) -> int:
     """A token drawn from softmax(logits / temperature), from the likeliest ones that have top_p of the chances together;
@@ -31,12 +33,12 @@ def generate(
     top_p: float = 1.0,
     seed: int = 0,
     stop: Collection[int] = (),
-    fp8: bool = False,
+    cache: CacheKind = "model",
 ) -> Iterator[int]:
     """Yields up to `count` tokens that continue the prompt, each as soon as it is known; ends before one of `stop`.
 
-    model: of `from_pretrained`. fp8: with keys and values in a cache of bytes. ValueError for an empty prompt, a count below 1, or more tokens than the model was made
-    for.
+    model: of `from_pretrained`. cache: what keys and values are stored as. ValueError for an empty prompt, a count below
+    1, or more tokens than the model was made for.
     """
     if not prompt:
         raise ValueError("the prompt must not be empty")
@@ -46,10 +48,10 @@ def generate(
     if needed > model.config.context:
         raise ValueError(f"prompt and text must fit the context of {model.config.context} tokens, but are {needed}")
     generator = torch.Generator().manual_seed(seed)
-    cache = model.new_cache(needed, fp8=True) if fp8 else model.new_cache(needed)
+    past = model.new_cache(needed, cache)
     tokens = torch.tensor(prompt)
     for _ in range(count):
-        logits = model(tokens, cache, last=True)[0]
+        logits = model(tokens, past, last=True)[0]
         token = choose_token(logits, temperature, top_p, generator)
         if token in stop:
             return

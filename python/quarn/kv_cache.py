@@ -2,11 +2,14 @@
 
 from __future__ import annotations
 
-from typing import Sequence, Union
+from typing import Literal, Sequence, Union
 
 import torch
 from torch import Tensor
 from torch.nn import functional as F
+
+CacheKind = Literal["model", "half", "fp8"]
+"""What keys and values are stored as: in the model's type, in half where that is float, or in bytes."""
 
 
 class LayerCache:
@@ -39,20 +42,14 @@ class LayerCache:
         return F.scaled_dot_product_attention(rows, self.keys, self.values)
 
 
-class Fp8LayerCache:
-    """One layer's in bytes, for heads of 128 elements, on `xpu`."""
+class _RoundingCache:
+    """One layer's, that takes keys and values in the model's type and stores them in a smaller one."""
 
-    def __init__(self, kv_heads: int, capacity: int, device: torch.device, dtype: torch.dtype) -> None:
-        from .fp8_cache import HEAD_DIM, FP8Cache  # with tolvane, which needs the device
-
-        self._bytes = FP8Cache(1, kv_heads, capacity, device)
+    def __init__(self, kv_heads: int, head_dim: int, device: torch.device, dtype: torch.dtype) -> None:
         # forward_qkv returns views of a row more than it writes.
-        row = torch.empty(2, 1, kv_heads, 2, HEAD_DIM, device=device, dtype=dtype)
+        row = torch.empty(2, 1, kv_heads, 2, head_dim, device=device, dtype=dtype)
         self._row = row[0, :, :, :1], row[1, :, :, :1]
         self._new = self._row
-
-    def cut(self, length: int) -> None:
-        self._bytes.length = length
 
     def begin(self, count: int) -> tuple[Tensor, Tensor]:
         """As of LayerCache."""
@@ -63,8 +60,47 @@ class Fp8LayerCache:
         self._new = keys, values
         return self._new
 
+
+class HalfLayerCache(_RoundingCache):
+    """One layer's in half, for a model in another type."""
+
+    def __init__(self, kv_heads: int, capacity: int, head_dim: int, device: torch.device, dtype: torch.dtype) -> None:
+        super().__init__(kv_heads, head_dim, device, dtype)
+        self.stored = LayerCache(kv_heads, capacity, head_dim, device, torch.float16)
+
+    def cut(self, length: int) -> None:
+        self.stored.cut(length)
+
+    def _append(self) -> None:
+        for stored, new in zip(self.stored.begin(self._new[0].shape[2]), self._new):
+            stored.copy_(new)
+
     def finish(self) -> tuple[Tensor, Tensor]:
         """All keys and values in the model's type, the new ones too, rounded."""
+        self._append()
+        keys, values = self.stored.finish()
+        return keys.to(self._row[0].dtype), values.to(self._row[0].dtype)
+
+    def attend(self, query: Tensor) -> Tensor:
+        """As of LayerCache."""
+        self._append()
+        return self.stored.attend(query.half()).to(query.dtype)
+
+
+class Fp8LayerCache(_RoundingCache):
+    """One layer's in bytes, for heads of 128 elements, on `xpu`."""
+
+    def __init__(self, kv_heads: int, capacity: int, device: torch.device, dtype: torch.dtype) -> None:
+        from .fp8_cache import HEAD_DIM, FP8Cache  # with tolvane, which needs the device
+
+        super().__init__(kv_heads, HEAD_DIM, device, dtype)
+        self._bytes = FP8Cache(1, kv_heads, capacity, device)
+
+    def cut(self, length: int) -> None:
+        self._bytes.length = length
+
+    def finish(self) -> tuple[Tensor, Tensor]:
+        """As of HalfLayerCache."""
         from .fp8_cache import decode_fp8
 
         cache, dtype = self._bytes, self._row[0].dtype
@@ -78,7 +114,7 @@ class Fp8LayerCache:
         return self._bytes.attend(query)
 
 
-AnyLayerCache = Union[LayerCache, Fp8LayerCache]
+AnyLayerCache = Union[LayerCache, HalfLayerCache, Fp8LayerCache]
 
 
 class Cache:

@@ -6,14 +6,14 @@ through the operators of tolvane directly (`decoding.py`).
 
 from __future__ import annotations
 
-from typing import Any
+from typing import Any, get_args
 
 import torch
 from torch import Tensor, nn
 from torch.nn import functional as F
 
 from .decoding import Step, decoding_steps
-from .kv_cache import AnyLayerCache, Cache, Fp8LayerCache, LayerCache
+from .kv_cache import AnyLayerCache, Cache, CacheKind, Fp8LayerCache, HalfLayerCache, LayerCache
 from .llama_config import LlamaConfig
 from .rotary import rotate_into
 from .unloaded import Embedding, Linear, parameter
@@ -160,21 +160,24 @@ class Llama(nn.Module):
     def dtype(self) -> torch.dtype:
         return self.model.norm.weight.dtype
 
-    def new_cache(self, capacity: int | None = None, fp8: bool = False) -> Cache:
+    def new_cache(self, capacity: int | None = None, kind: CacheKind = "model") -> Cache:
         """An empty cache of `capacity` positions, by default as many as the model was made for.
 
-        fp8: in bytes, on `xpu`; ValueError where heads have another size than the 128 that this takes.
+        kind: "fp8" is for `xpu` only; ValueError where heads have another size than the 128 that it takes.
         """
         config, like = self.config, (self.device, self.dtype)
         capacity = capacity or config.context
-        if fp8 and config.head_dim != 128:
+        if kind not in get_args(CacheKind):
+            raise ValueError(f"a cache is one of {', '.join(get_args(CacheKind))}, not {kind!r}")
+        if kind == "fp8" and config.head_dim != 128:
             raise ValueError(f"a cache of bytes takes heads of 128, not of {config.head_dim}")
         give_back(self.device)
 
         def layer() -> AnyLayerCache:
-            if fp8:
+            if kind == "fp8":
                 return Fp8LayerCache(config.kv_heads, capacity, *like)
-            return LayerCache(config.kv_heads, capacity, config.head_dim, *like)
+            made = HalfLayerCache if kind == "half" and self.dtype == torch.float32 else LayerCache
+            return made(config.kv_heads, capacity, config.head_dim, *like)
 
         return Cache([layer() for _ in range(config.layers)], capacity)
 

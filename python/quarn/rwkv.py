@@ -8,6 +8,7 @@ from typing import Any
 import torch
 from torch import Tensor, nn
 
+from .kv_cache import CacheKind
 from .unloaded import Embedding, Linear, parameter
 
 PROMPT_ROWS = 512
@@ -189,8 +190,8 @@ class Rwkv(nn.Module):
         if self.rwkv.ln_out.weight.device.type != "xpu":
             raise RuntimeError("RWKV runs on xpu only")
 
-    def new_cache(self, capacity: int | None = None) -> RwkvState:
-        """The state before the first token; it takes in any number of them."""
+    def new_cache(self, capacity: int | None = None, kind: CacheKind = "model") -> RwkvState:
+        """The state before the first token; it takes in any number of them, and has no keys and values of any kind."""
         weight = self.rwkv.ln_out.weight
         return RwkvState(self.config, weight.device, weight.dtype)
 
