@@ -3,7 +3,6 @@
 // expansion.
 
 #include <ATen/core/Tensor.h>
-#include <ATen/ops/empty.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -15,6 +14,7 @@
 #include "linear_kernels.h"
 #include "linear_launchers.h"
 #include "linear_tiling.h"
+#include "new_tensor.h"
 
 namespace tolvane {
 
@@ -23,7 +23,7 @@ inline constexpr const char* linear_label = "qlinear_forward_xpu";
 /// A new tensor on the weight's device, in the input's element type.
 inline at::Tensor empty_for(const at::Tensor& input, const at::Tensor& weight, std::int64_t rows,
                             std::int64_t columns) {
-  return at::empty({rows, columns}, input.options().device(weight.device()));
+  return new_tensor({rows, columns}, input.options().device(weight.device()));
 }
 
 /// Expands rows start … start + rows - 1 of a weight of output_size rows into a new tensor, by the shape and

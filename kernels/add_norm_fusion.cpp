@@ -2,7 +2,6 @@
 
 #include "add_norm_fusion.h"
 
-#include <ATen/ops/empty.h>
 #include <c10/core/DeviceType.h>
 #include <c10/util/Exception.h>
 
@@ -11,6 +10,7 @@
 #include "checks.h"
 #include "dispatch.h"
 #include "item_sums.h"
+#include "new_tensor.h"
 #include "phases.h"
 #include "profiler_scope.h"
 #include "submit.h"
@@ -361,7 +361,7 @@ at::Tensor norm(const char* name, const at::Tensor& a, const at::Tensor& b, cons
   const std::int64_t rows = c10::multiply_integers(x.sizes().slice(0, axis));
   const std::int64_t n = c10::multiply_integers(x.sizes().slice(axis));
 
-  at::Tensor output = at::empty(x.sizes(), x.options());
+  at::Tensor output = new_tensor(x.sizes(), x.options());
   if (x.numel() == 0) return output;
   const at::Tensor rows_of_x = contiguous_rows(name, "input", x);
   const at::Tensor gamma = weight ? contiguous_rows(name, "weight", *weight) : at::Tensor();
@@ -369,7 +369,7 @@ at::Tensor norm(const char* name, const at::Tensor& a, const at::Tensor& b, cons
   const at::Tensor add1 = contiguous_rows(name, "addend", a.defined() ? a : b);
   const at::Tensor add2 = a.defined() ? contiguous_rows(name, "addend", b) : at::Tensor();
   if (!LayerNormKernelImpl<is_rms>({name, rows_of_x, add1, add2, gamma, beta, rows, n, eps, output}))
-    return at::empty({0});
+    return new_tensor({0});
   return output;
 }
 

@@ -1,6 +1,5 @@
 #include "dense_product.h"
 
-#include <ATen/ops/empty.h>
 #include <ATen/ops/mm.h>
 
 #include <algorithm>
@@ -8,6 +7,7 @@
 #include <type_traits>
 
 #include "dispatch.h"
+#include "new_tensor.h"
 #include "spmd/dense_product.hpp"
 #include "sycl/cpu.hpp"
 #include "sycl/pool.hpp"
@@ -62,7 +62,7 @@ constexpr std::int64_t sliced_rows = 64;
 dense_product::dense_product(const at::Tensor& input) : input_(input) {
   if (!is_own(input)) return;
   const std::int64_t rows = input.size(0), depth = input.size(1);
-  laid_out_ = at::empty({rows * spmd::padded_depth(depth)}, input.options().dtype(at::kFloat));
+  laid_out_ = new_tensor({rows * spmd::padded_depth(depth)}, input.options().dtype(at::kFloat));
   dispatch_own(input.scalar_type(), [&]<class T>(std::type_identity<T>) {
     in_parallel(spmd::tiles_of(rows),
                 [from = elements<T>(input), to = elements<float>(laid_out_), rows, depth](std::int64_t tile) {

@@ -2,7 +2,6 @@
 
 #include "kv.h"
 
-#include <ATen/ops/empty.h>
 #include <c10/core/DeviceType.h>
 #include <c10/util/Exception.h>
 
@@ -14,6 +13,7 @@
 
 #include "checks.h"
 #include "dispatch.h"
+#include "new_tensor.h"
 #include "spmd/spmd.hpp"
 #include "submit.h"
 
@@ -228,7 +228,7 @@ at::Tensor query_key_fp8_matmul(const at::Tensor& query_argument, const at::Tens
   check_heads(op, num_heads, num_kv_heads, input_size);
   TORCH_CHECK(head_dim == head_size, op, ": head_dim == 128 is needed, but got ", head_dim);
 
-  at::Tensor result = at::empty({batch, num_heads, 1, length}, query.options());
+  at::Tensor result = new_tensor({batch, num_heads, 1, length}, query.options());
   dispatch_attention(query.scalar_type(), [&]<class T>(std::type_identity<T>) {
     check_elements(op, "query", query, "key", key);
     TORCH_CHECK(length <= 1 || key.numel() == 0 || key.stride(2) == head_size, op,
@@ -260,7 +260,7 @@ at::Tensor attn_value_fp8_matmul(const at::Tensor& attn_argument, const at::Tens
   TORCH_CHECK(length <= std::numeric_limits<std::int32_t>::max(), op,
               ": at most 2147483647 positions are possible, but got ", length);
 
-  at::Tensor result = at::empty({batch, num_heads, 1, head_dim}, attn.options());
+  at::Tensor result = new_tensor({batch, num_heads, 1, head_dim}, attn.options());
   dispatch_attention(attn.scalar_type(), [&]<class T>(std::type_identity<T>) {
     TORCH_CHECK(head_dim % rows == 0, op, ": head_dim % RS == 0 is needed, a multiple of 4, but got ",
                 head_dim);

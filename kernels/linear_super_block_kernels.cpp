@@ -5,6 +5,7 @@
 #include "formats/iq2_xxs.h"
 #include "formats/q2_k.h"
 #include "linear_forward.h"
+#include "new_tensor.h"
 #include "submit.h"
 #include "sycl/sycl.hpp"
 
@@ -84,7 +85,7 @@ void quantize_xpu_kernel_q8_1(T* input, std::uint8_t* output, std::size_t /*batc
 at::Tensor quantize_row_q8_1(const at::Tensor& input, std::int64_t batch_size, std::int64_t state_size) {
   const std::int64_t bytes =
       batch_size * state_size / block_q8_1::block * static_cast<std::int64_t>(sizeof(block_q8_1));
-  at::Tensor output = at::empty({bytes}, input.options().dtype(at::ScalarType::Byte));
+  at::Tensor output = new_tensor({bytes}, input.options().dtype(at::ScalarType::Byte));
   dispatch_floating(linear_label, input.scalar_type(), [&]<class T>(std::type_identity<T>) {
     quantize_xpu_kernel_q8_1<T>(elements<T>(input), elements<std::uint8_t>(output),
                                 static_cast<std::size_t>(batch_size), static_cast<std::size_t>(state_size),

@@ -4,7 +4,6 @@
 
 #include <ATen/core/grad_mode.h>
 #include <ATen/ops/as_strided.h>
-#include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
 #include <algorithm>
@@ -20,6 +19,7 @@
 #include "dispatch.h"
 #include "formats/list.h"
 #include "matvec.h"
+#include "new_tensor.h"
 #include "submit.h"
 #include "sycl/math.hpp"
 
@@ -246,8 +246,8 @@ qkv_call checked(at::Tensor input, at::Tensor weight_q, at::Tensor weight_k, at:
 
 /// The query; keys and values are written to their caches.
 at::Tensor projected(const qkv_call& call) {
-  at::Tensor queries = at::empty({1, call.sizes[query] / call.head_dim, 1, call.head_dim},
-                                 call.input.options().device(call.weights[query].device()));
+  at::Tensor queries = new_tensor({1, call.sizes[query] / call.head_dim, 1, call.head_dim},
+                                  call.input.options().device(call.weights[query].device()));
   with_format(call.qtype, [&]<class Format>(std::type_identity<Format>, const char* label) {
     dispatch_floating(label, call.input.scalar_type(), [&]<class T>(std::type_identity<T>) {
       current_gpu_type() == gpu_summit ? launch<Format, T, 64>(call, queries)

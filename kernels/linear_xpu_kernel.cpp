@@ -3,7 +3,6 @@
 
 #include "linear_xpu_kernel.h"
 
-#include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
 #include <array>

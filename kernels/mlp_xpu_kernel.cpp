@@ -3,7 +3,6 @@
 
 #include "mlp_xpu_kernel.h"
 
-#include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
 #include <array>
@@ -15,6 +14,7 @@
 #include "dispatch.h"
 #include "formats/list.h"
 #include "matvec.h"
+#include "new_tensor.h"
 #include "profiler_scope.h"
 #include "submit.h"
 #include "sycl/math.hpp"
@@ -95,7 +95,7 @@ at::Tensor forward(const char* label, const at::Tensor& input, const at::Tensor&
   check_packed_weight("mlp_forward_xpu", "weight_gate", weight_gate, Format::qtype, state_size, output_size);
   check_packed_weight("mlp_forward_xpu", "weight_up", weight_up, Format::qtype, state_size, output_size);
 
-  at::Tensor output = at::empty({1, output_size}, input.options().device(weight_gate.device()));
+  at::Tensor output = new_tensor({1, output_size}, input.options().device(weight_gate.device()));
   dispatch_floating(label, input.scalar_type(), [&]<class T>(std::type_identity<T>) {
     launch<Format, T, sg_size, wg_size>(elements<T>(input), weight_gate.data_ptr<std::uint8_t>(),
                                         weight_up.data_ptr<std::uint8_t>(), elements<T>(output), state_size,

@@ -1,6 +1,5 @@
 // Rows of a packed table, picked by indices and expanded: the look-up of an embedding.
 
-#include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
 #include <utility>
@@ -9,6 +8,7 @@
 #include "dispatch.h"
 #include "formats/q2_k.h"
 #include "linear_xpu_kernel.h"
+#include "new_tensor.h"
 #include "submit.h"
 #include "sycl/sycl.hpp"
 
@@ -61,7 +61,7 @@ at::Tensor xpu_dequantize_rows(at::Tensor input, at::Tensor weight, int qtype, s
   TORCH_CHECK(input.dim() == 2, "dequantize_rows: input must have 2 dimensions, but has ", input.dim());
   const std::int64_t B = input.size(0), L = input.size(1);
   const auto options = weight.options().dtype(at::ScalarType::Float);
-  if (qtype != q2_k::qtype) return at::empty({B, L, state_size}, options);
+  if (qtype != q2_k::qtype) return new_tensor({B, L, state_size}, options);
   check_multiple(state_size, 64);
   check_row_length("dequantize_rows", state_size, q2_k::block);
   TORCH_CHECK(input.scalar_type() == at::ScalarType::Long,
@@ -74,7 +74,7 @@ at::Tensor xpu_dequantize_rows(at::Tensor input, at::Tensor weight, int qtype, s
   input = readable("dequantize_rows", "input", std::move(input));
   weight = readable("dequantize_rows", "weight", std::move(weight));
   check_indices(input, weight.size(0) / (state_size / q2_k::block * q2_k::record_bytes), state_size);
-  at::Tensor output = at::empty({B, L, state_size}, options);
+  at::Tensor output = new_tensor({B, L, state_size}, options);
   if (output.numel() == 0) return output;
   xpu_dequantize_rows_kernel_q2_k(weight.data_ptr<std::uint8_t>(), input.data_ptr<std::int64_t>(),
                                   elements<float>(output), static_cast<std::size_t>(B),

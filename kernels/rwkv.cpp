@@ -2,8 +2,8 @@
 // copy.
 
 #include "rwkv.h"
+#include "new_tensor.h"
 
-#include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
 #include <array>
@@ -296,7 +296,7 @@ at::Tensor rwkv_linear_attention_v4(at::Tensor time_decay, at::Tensor time_first
   time_decay = readable(op, "time_decay", std::move(time_decay));
   time_first = readable(op, "time_first", std::move(time_first));
 
-  at::Tensor result = at::empty({batch, tokens, channels}, key.options());
+  at::Tensor result = new_tensor({batch, tokens, channels}, key.options());
   dispatch_pair(key.scalar_type(), time_decay.scalar_type(),
                 [&]<class IT, class TT>(std::type_identity<IT>, std::type_identity<TT>) {
                   check_groups(op, channels, group_size);
@@ -350,7 +350,7 @@ at::Tensor rwkv_linear_attention_v5(at::Tensor time_decay, at::Tensor time_first
                 " must have stride 1, but has ", tensor.stride(3));
   }
 
-  at::Tensor result = at::empty({batch, tokens, heads, head_size}, key.options());
+  at::Tensor result = new_tensor({batch, tokens, heads, head_size}, key.options());
   const rwkv_linear_attention_kernel_v5<head_size> kernel{time_decay.data_ptr<float>(),
                                                           time_first.data_ptr<float>(),
                                                           receptance.data_ptr<float>(),
@@ -392,7 +392,7 @@ at::Tensor rwkv_time_shift(at::Tensor hidden, at::Tensor shifted, at::Tensor mix
   shifted = readable(op, "shifted", std::move(shifted));
   mix = readable(op, "mix", std::move(mix));
 
-  at::Tensor result = at::empty({mixes, batch, tokens, channels}, hidden.options());
+  at::Tensor result = new_tensor({mixes, batch, tokens, channels}, hidden.options());
   dispatch_pair(hidden.scalar_type(), mix.scalar_type(),
                 [&]<class IT, class MT>(std::type_identity<IT>, std::type_identity<MT>) {
                   check_groups(op, channels, group_size);

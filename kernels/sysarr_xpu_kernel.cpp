@@ -2,7 +2,6 @@
 // values are unpacked into register tiles and multiplied there. An explicit-SIMD kernel: a work-item is a
 // thread with whole tiles in registers.
 
-#include <ATen/ops/empty.h>
 #include <c10/util/Exception.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 #include "dispatch.h"
 #include "formats/list.h"
 #include "linear_xpu_kernel.h"
+#include "new_tensor.h"
 #include "spmd/dense_product.hpp"
 #include "submit.h"
 #include "sycl/ext/kelvor/esimd.hpp"
@@ -261,7 +261,7 @@ constexpr auto value_bytes = by_qtype<std::uint64_t>([]<class Format>(std::type_
 at::Tensor sysarr_forward(at::Tensor input, at::Tensor weight, std::int64_t batch_size,
                           std::int64_t state_size, std::int64_t output_size, std::int64_t /*size_hint*/,
                           int qtype, bool wide_tile) {
-  at::Tensor output = at::empty({batch_size, output_size}, input.options().device(weight.device()));
+  at::Tensor output = new_tensor({batch_size, output_size}, input.options().device(weight.device()));
   const std::int64_t scale_offset =
       state_size * output_size / QK * static_cast<std::int64_t>(value_bytes[qtype]);
   const std::uint8_t* values = weight.data_ptr<std::uint8_t>();
