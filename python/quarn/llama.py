@@ -103,6 +103,7 @@ class Layer(nn.Module):
 
     def forward(self, x: Tensor, tables: tuple[Tensor, Tensor], cache: AnyLayerCache) -> Tensor:
         x = x + self.self_attn(self.input_layernorm(x), tables, cache)
+        give_back(x.device)  # what the projections were expanded to, before the larger weights of the MLP are
         return x + self.mlp(self.post_attention_layernorm(x))
 
 
