@@ -82,7 +82,8 @@ template <class T>
 
 /// sums[r][c] += the products of `depth` elements of Rows activation rows with a panel.
 template <int Rows>
-void add_panel(const float* x, const float* panel, std::int64_t depth, float* sums) {
+[[gnu::flatten, gnu::noinline]] void add_panel(const float* x, const float* panel, std::int64_t depth,
+                                               float* sums) {
   row_tile<Rows, panel_columns> tile;
   tile.fill(lanes<float, panel_columns>(0.0f));
   for (std::int64_t k = 0; k < depth; k += 8) {
