@@ -9,18 +9,8 @@ inline constexpr const char* name = "avx2";
 inline constexpr int register_bytes = 32;
 inline constexpr int gang_lanes = 32;
 
-/// Whether rounding by rounded_by_adding takes less than T's own conversions.
+/// Whether spmd::rounded_by_adding takes less than T's own conversions.
 inline constexpr bool rounds_by_adding = true;
-
-/// x rounded to nearest even to `Digits` binary digits: 1.5 * 2^(24 - Digits) times its power of two is added
-/// and taken away again, which must not overflow. Registers stay with the units for floats: a change costs as
-/// much as this saves. 3 operations.
-template <int Digits>
-[[gnu::always_inline]] inline vec<float, 8> rounded_by_adding(vec<float, 8> x) {
-  const vec<float, 8> power = _mm256_and_ps(x, repeated<8>(std::bit_cast<float>(0x7F800000)));
-  const vec<float, 8> factor = repeated<8>(1.5f * (1 << (24 - Digits)));
-  return fma(-power, factor, fma(power, factor, x));
-}
 
 /// Whether fixed_point16 takes less than lookup16 where four codes of a word are looked up.
 inline constexpr bool looks_up_fixed_point = true;

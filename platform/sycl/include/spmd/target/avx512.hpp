@@ -11,6 +11,9 @@ inline constexpr const char* name = "avx512";
 inline constexpr int register_bytes = 64;
 inline constexpr int gang_lanes = 32;
 
+/// Whether spmd::rounded_by_adding takes less than T's own conversions.
+inline constexpr bool rounds_by_adding = true;
+
 [[gnu::always_inline]] inline vec<float, 16> from_halves(vec<std::uint16_t, 16> bits) {
   return _mm512_cvtph_ps(reinterpret_cast<__m256i>(bits));
 }

@@ -14,6 +14,9 @@ inline constexpr const char* name = "scalar";
 inline constexpr int register_bytes = 32;
 inline constexpr int gang_lanes = 1;
 
+/// Whether spmd::rounded_by_adding takes less than T's own conversions.
+inline constexpr bool rounds_by_adding = false;
+
 /// f(i) in place i.
 template <class V, class F>
 V filled(const F& f) {

@@ -1,13 +1,10 @@
 #pragma once
-// For targets that do without the detours which avx2.hpp takes around conversions and look-ups.
+// For targets that do without the detour which avx2.hpp takes around look-ups.
 
 #include "spmd/vec.hpp"
 
 namespace spmd::target {
 
-inline constexpr bool rounds_by_adding = false;
-template <int Digits, class V>
-V rounded_by_adding(V) = delete;
 inline constexpr bool looks_up_fixed_point = false;
 template <int Bit, class V>
 vec<float, 8> fixed_point16(vec<std::uint8_t, 32>, vec<std::uint8_t, 32>, V) = delete;
