@@ -3,8 +3,8 @@
 usage: whole_models.py [--folder FOLDER] [--layers N] [--variants NAME …] [--tokens N] [--prompt N] [--json FILE]
 
 The model has random weights in the shape of a 1.1-billion-parameter Llama. Each variant runs in a process of its own:
-ours (packed, in float with keys and values in half, on `xpu`), the code of transformers in bfloat16 on the CPU ("dense"), and that with every linear layer by
-PyTorch's product with 4-bit weights ("int4"). Caches are filled with random numbers before single tokens are timed.
+ours (packed, in float with keys and values in half, on `xpu`), the code of transformers in bfloat16 on the CPU
+("dense"), and that with every linear layer by PyTorch's product with 4-bit weights ("int4"). Caches are filled with random numbers before single tokens are timed.
 """
 
 from __future__ import annotations
