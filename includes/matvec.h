@@ -57,8 +57,8 @@ class activation_tiles {
   /// Whether no tile's sum of products is out of the range that spmd::mad_moderate wants, at any step and for
   /// any weights.
   [[gnu::always_inline]] bool moderate() const { return moderate_; }
-  static constexpr bool may_be_moderate =
-      spmd::rounds_moderate_faster<T> && Format::largest_whole_value < std::numeric_limits<float>::infinity();
+  static constexpr bool may_be_moderate = spmd::rounds_moderate_faster<T, Format::whole_values> &&
+                                          Format::largest_value < std::numeric_limits<float>::infinity();
 
   /// Activation `place` of tile first + l in lane l; `first` is a multiple of the width.
   template <int Width>
@@ -90,8 +90,7 @@ class activation_tiles {
       if constexpr (may_be_moderate) {
         float magnitude = 0;
         for (int k = 0; k < Format::tile; ++k) magnitude += std::abs(tile[k * lanes]);
-        moderate_ =
-            moderate_ && magnitude * Format::largest_whole_value < spmd::moderate<T>;  // false for NaN
+        moderate_ = moderate_ && magnitude * Format::largest_value < spmd::moderate<T>;  // false for NaN
       }
     }
   }
@@ -198,7 +197,7 @@ template <int Width, bool Moderate, class Format, class T, std::size_t Rounds, s
         const value x = input.template element<Width>(b0 + a, first[r], Format::order(k));
         if constexpr (Moderate) {
           const value so_far = k == 0 ? value(T(0.0f)) : sum[r * Rows + a];
-          sum[r * Rows + a] = spmd::mad_moderate(x, w, so_far);
+          sum[r * Rows + a] = spmd::mad_moderate<Format::whole_values>(x, w, so_far);
         } else if constexpr (k == 0) {
           sum[r * Rows + a] = x * w;
         } else {

@@ -26,8 +26,10 @@ struct format {
   /// Whether the host goes on while an expansion may still run, on the same two kinds of devices.
   static constexpr bool plain_expansion_on_summit = false;
   static constexpr bool plain_expansion = false;
-  /// The greatest magnitude of a value before the scale where all values are whole numbers, else infinite.
-  static constexpr float largest_whole_value = std::numeric_limits<float>::infinity();
+  /// The greatest magnitude of a value before the scale, infinite where some values are not finite or there
+  /// is no need to know; and whether all values are whole numbers.
+  static constexpr float largest_value = std::numeric_limits<float>::infinity();
+  static constexpr bool whole_values = false;
 };
 
 /// Formats whose values lie in one zone and whose scales in another one behind it.

@@ -12,6 +12,7 @@ namespace tolvane {
 struct fp4 : nibble_layout<0>, one_scale<sycl::half> {
   static constexpr int qtype = 16;
   static constexpr const char* name = "fp4";
+  static constexpr float largest_value = 6;
   static constexpr bool dequant = true;
 
   static constexpr std::array<float, 8> magnitudes = {0.03125f, 0.5f, 1, 1.5f, 2, 3, 4, 6};

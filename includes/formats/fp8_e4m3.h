@@ -11,6 +11,7 @@ namespace tolvane {
 struct fp8_e4m3 : byte_layout, one_scale<float> {
   static constexpr int qtype = 15;
   static constexpr const char* name = "fp8_e4m3";
+  static constexpr float largest_value = 480;
   static constexpr bool matrix_engine = true;
   static constexpr bool dequant = true;
 

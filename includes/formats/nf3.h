@@ -76,6 +76,7 @@ struct three_bit_layout : zoned_format {
 struct nf3 : three_bit_layout, one_scale<sycl::half> {
   static constexpr int qtype = 11;
   static constexpr const char* name = "nf3";
+  static constexpr float largest_value = 1;
 
   static constexpr std::array<float, 8> dequantNF3 = [] {
     constexpr std::array<std::uint32_t, 8> bits = {0xBF800000, 0xBEF50EE3, 0xBE5E5A6B, 0x00000000,

@@ -13,6 +13,7 @@ namespace tolvane {
 struct nf4 : nibble_layout<4>, one_scale<sycl::half> {
   static constexpr int qtype = 10;
   static constexpr const char* name = "nf4";
+  static constexpr float largest_value = 1;
   static constexpr int few_rows_on_summit = 14;
   static constexpr int few_rows = 14;
   static constexpr bool dequant = true;

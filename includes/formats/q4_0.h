@@ -10,7 +10,8 @@ namespace tolvane {
 struct q4_0 : nibble_layout<0>, one_scale<sycl::half> {
   static constexpr int qtype = 2;
   static constexpr const char* name = "q4_0";
-  static constexpr float largest_whole_value = 8;
+  static constexpr float largest_value = 8;
+  static constexpr bool whole_values = true;
   static constexpr int few_rows = 20;
   static constexpr int rows_on_igx = 8;
   static constexpr bool sliced_expansion = true;

@@ -10,7 +10,8 @@ namespace tolvane {
 struct q4_1 : nibble_layout<0>, scale_and_minimum {
   static constexpr int qtype = 3;
   static constexpr const char* name = "q4_1";
-  static constexpr float largest_whole_value = 15;
+  static constexpr float largest_value = 15;
+  static constexpr bool whole_values = true;
   static constexpr int few_rows_on_summit = 20;
   static constexpr int few_rows = 20;
 

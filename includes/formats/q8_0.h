@@ -10,7 +10,8 @@ namespace tolvane {
 struct q8_0 : byte_layout, one_scale<float> {
   static constexpr int qtype = 8;
   static constexpr const char* name = "q8_0";
-  static constexpr float largest_whole_value = 128;
+  static constexpr float largest_value = 128;
+  static constexpr bool whole_values = true;
   static constexpr bool matrix_engine = true;
   static constexpr bool dequant = true;
 

@@ -24,6 +24,8 @@ double reference_rounding(double x) {
   return std::same_as<T, half> ? reference::nearest_half(x) : reference::nearest_bfloat16(x);
 }
 
+constexpr bool rounds_in_floats = spmd::target::rounds_in_floats;
+
 template <class T>
 class Reduced : public testing::Test {};
 using ReducedTypes = testing::Types<half, bfloat16>;
@@ -67,8 +69,13 @@ TYPED_TEST(Reduced, RoundsFloatsAtEveryMidpoint) {
     const std::uint32_t offsets[8] = {0, 1, mid - 1, mid, mid + 1, mid + mid / 2, (1u << shift) - 1, 3};
     for (int l = 0; l < 8; ++l) near[l] = word + offsets[l];
     around = spmd::load<8>(near);
-    T result[8];
-    spmd::store(result, spmd::convert<T>(spmd::bit_cast<float>(around)));
+    const auto floats = spmd::bit_cast<float>(around);
+    T result[8], digits[8], moderate[8];
+    spmd::store(result, spmd::convert<T>(floats));
+    if constexpr (rounds_in_floats) {
+      spmd::store(digits, spmd::rounded_digits<T>(floats));
+      spmd::store(moderate, spmd::rounded_moderate<T>(floats));
+    }
     for (int l = 0; l < 8; ++l) {
       float x = 0;
       std::memcpy(&x, &near[l], 4);
@@ -76,6 +83,12 @@ TYPED_TEST(Reduced, RoundsFloatsAtEveryMidpoint) {
       const double expected = reference_rounding<T>(x);
       ASSERT_TRUE(reference::same(static_cast<float>(result[l]), expected)) << x << " for " << bits;
       ASSERT_EQ(T(x).bits(), result[l].bits());
+      if (!rounds_in_floats || std::abs(x) >= spmd::moderate<T>) continue;
+      ASSERT_EQ(static_cast<float>(moderate[l]), expected) << x;
+      const bool normal = std::abs(x) >= (std::same_as<T, half> ? 0x1p-14 : 0x1p-126);
+      if (normal || expected == x) {
+        ASSERT_EQ(static_cast<float>(digits[l]), expected) << x;
+      }
     }
   }
 }

@@ -133,13 +133,17 @@ template <const std::array<float, 16>& Table, class T, int Bit>
   return convert<T>(Table[word >> Bit & 15]);
 }
 
-/// table[code], negated where the bit above the three of the code is set. 4 operations.
+/// table[code], negated where the bit above the three of the code is set. 4 operations, or 2 where sixteen
+/// are looked up in one.
 template <class T, int Bit, int N>
 [[gnu::always_inline]] inline lanes<T, N> signed_table8(const std::array<float, 8>& table,
                                                         const lanes<std::uint32_t, N>& word) {
   const auto values = register_table<T>(table.data());
   return convert_exact<T>(per_register_as<float>(
-      [values](auto x) [[gnu::always_inline]] {
+      [values]<class V>(V x) [[gnu::always_inline]] {
+        if constexpr (sizeof(V) == 64 && target::looks_up_sixteen) {
+          return target::lookup16(values, -values, x >> Bit);
+        }
         const auto magnitude = reinterpret_cast<decltype(x)>(target::lookup8(values, x >> Bit));
         const auto sign = (x << (28 - Bit)) & 0x80000000u;
         return reinterpret_cast<decltype(target::lookup8(values, x))>(magnitude | sign);
@@ -155,10 +159,16 @@ template <class T, int Bit>
 /// The unsigned field of Width bits from bit Bit of each word, plus Offset, as float: the field is put into
 /// the mantissa of a float whose unit is its lowest bit, and the rest of that float is taken away again. 3
 /// operations, which use no shift or conversion port; where the field reaches into the exponent, the words
-/// are shifted down by 12 bits first, once for all such fields.
+/// are shifted down by 12 bits first, once for all such fields. Where a table is looked up in one operation,
+/// four bits take that and a shift.
 template <int Width, int Bit, int Offset, int N>
 [[gnu::always_inline]] inline lanes<float, N> field_value(const lanes<std::uint32_t, N>& word) {
-  if constexpr (Bit + Width > 23) {
+  if constexpr (Width == 4 && N >= 16 && target::looks_up_sixteen) {
+    constexpr auto low = constants<float, 8>([](int i) { return i + Offset; });
+    constexpr auto high = constants<float, 8>([](int i) { return i + 8 + Offset; });
+    return per_register_as<float>(
+        [low, high](auto x) [[gnu::always_inline]] { return target::lookup16(low, high, x >> Bit); }, word);
+  } else if constexpr (Bit + Width > 23) {
     return field_value<Width, Bit - 12, Offset>(word >> 12);
   } else {
     constexpr float unit_bias = static_cast<float>(1 << (23 - Bit));

@@ -320,36 +320,57 @@ requires(!is_lanes<T>) [[gnu::always_inline]] inline T mad(T a, T b, T c) {
 template <reduced T>
 inline constexpr int digits = std::same_as<T, half> ? 11 : 8;
 
-/// Whether mad_moderate takes less than mad.
-template <class T>
-inline constexpr bool rounds_moderate_faster = reduced<T>&& target::rounds_by_adding;
+/// Whether mad_moderate takes less than mad, for whole b or for any.
+template <class T, bool Whole>
+inline constexpr bool rounds_moderate_faster = reduced<T>&& target::rounds_in_floats &&
+                                               (Whole || target::compares_magnitudes);
 
-/// The registers' values rounded to nearest even to `Digits` binary digits: 1.5 * 2^(24 - Digits) times its
-/// power of two is added to each and taken away again, which must not overflow. Registers stay with the units
-/// for floats: a change costs as much as this saves. 3 operations.
-template <int Digits, int N>
-[[gnu::always_inline]] inline lanes<float, N> rounded_by_adding(const lanes<float, N>& exact) {
-  return per_register(
+/// A moderate x rounded to nearest even to T's binary digits, which are k less than x has: 2^k x, of which
+/// (2^k - 1) x is taken away. That is x but for the rounding of (2^k - 1) x, which is as coarse as 2^k x is;
+/// where it is finer, just above a power of two, x is too near to that power to be rounded elsewhere. At a
+/// tie 2^k x is even in units of the result's last digit, and so is what rounding made even taken from it. A
+/// zero's sign is lost. 2 operations.
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> rounded_digits(const lanes<float, N>& exact) {
+  return lanes<T, N>(per_register(
       []<class V>(V x) [[gnu::always_inline]] {
         constexpr int n = sizeof(V) / sizeof(float);
-        const auto bits = reinterpret_cast<vec<std::uint32_t, n>>(x);
-        const auto power = reinterpret_cast<V>(bits & std::bit_cast<std::uint32_t>(INFINITY));
-        const V factor = repeated<n>(1.5f * (1 << (24 - Digits)));
-        return target::fma(-power, factor, target::fma(power, factor, x));
+        constexpr float multiple = 1 << (24 - digits<T>);
+        return target::fma(x, V(repeated<n>(multiple)), -(x * repeated<n>(multiple - 1)));
       },
-      exact);
+      exact));
+}
+
+/// The same for an x that may lie below T's normal numbers, and is rounded like the smallest of these there:
+/// 2^k times a number of that size, from which x is taken away, has the units of 2^k x. 3 operations.
+template <reduced T, int N>
+[[gnu::always_inline]] inline lanes<T, N> rounded_moderate(const lanes<float, N>& exact) {
+  return lanes<T, N>(per_register(
+      []<class V>(V x) [[gnu::always_inline]] {
+        constexpr int n = sizeof(V) / sizeof(float);
+        constexpr float least = 1.5f * (std::same_as<T, half> ? 0x1p-14f : 0x1p-126f);
+        const V multiple = repeated<n>(static_cast<float>(1 << (24 - digits<T>)));
+        const V size = target::larger_magnitude(x, V(repeated<n>(least)));
+        return target::fma(size, multiple, -target::fma(size, multiple, -x));
+      },
+      exact));
 }
 
 /// Magnitudes below this are moderate. T holds twice as much, and float 2^17 times.
 template <reduced T>
 inline constexpr float moderate = std::same_as<T, half> ? 0x1p15f : 0x1p110f;
 
-/// mad for a moderate result, where b is whole and c a sum of such products: what lies below T's normal
-/// numbers is a value of T as it stands then. A zero's sign is lost.
-template <reduced T, int N>
+/// mad for a moderate result. `Whole` says that b is whole and c a sum of such products: what lies below T's
+/// normal numbers is a value of T as it stands then. A zero's sign is lost.
+template <bool Whole, reduced T, int N>
 [[gnu::always_inline]] inline lanes<T, N> mad_moderate(const lanes<T, N>& a, const lanes<T, N>& b,
                                                        const lanes<T, N>& c) {
-  return lanes<T, N>(rounded_by_adding<digits<T>>(mad(a.w, b.w, c.w)));
+  const auto exact = mad(a.w, b.w, c.w);
+  if constexpr (Whole) {
+    return rounded_digits<T>(exact);
+  } else {
+    return rounded_moderate<T>(exact);
+  }
 }
 
 }  // namespace spmd

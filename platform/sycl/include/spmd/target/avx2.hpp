@@ -9,8 +9,14 @@ inline constexpr const char* name = "avx2";
 inline constexpr int register_bytes = 32;
 inline constexpr int gang_lanes = 32;
 
-/// Whether spmd::rounded_by_adding takes less than T's own conversions.
-inline constexpr bool rounds_by_adding = true;
+/// Whether spmd::rounded_digits takes less than T's own conversions.
+inline constexpr bool rounds_in_floats = true;
+
+/// Whether larger_magnitude is one operation.
+inline constexpr bool compares_magnitudes = false;
+
+/// Whether lookup16 is one operation for sixteen codes.
+inline constexpr bool looks_up_sixteen = false;
 
 /// Whether fixed_point16 takes less than lookup16 where four codes of a word are looked up.
 inline constexpr bool looks_up_fixed_point = true;

@@ -11,8 +11,14 @@ inline constexpr const char* name = "avx512";
 inline constexpr int register_bytes = 64;
 inline constexpr int gang_lanes = 32;
 
-/// Whether spmd::rounded_by_adding takes less than T's own conversions.
-inline constexpr bool rounds_by_adding = true;
+/// Whether spmd::rounded_digits takes less than T's own conversions.
+inline constexpr bool rounds_in_floats = true;
+
+/// Whether larger_magnitude is one operation.
+inline constexpr bool compares_magnitudes = true;
+
+/// Whether lookup16 is one operation for sixteen codes.
+inline constexpr bool looks_up_sixteen = true;
 
 [[gnu::always_inline]] inline vec<float, 16> from_halves(vec<std::uint16_t, 16> bits) {
   return _mm512_cvtph_ps(reinterpret_cast<__m256i>(bits));
@@ -52,6 +58,10 @@ inline constexpr bool rounds_by_adding = true;
 [[gnu::always_inline]] inline vec<std::uint32_t, 16> odd_words(vec<std::uint32_t, 16> a,
                                                                vec<std::uint32_t, 16> b) {
   return shuffled<16>(a, b, [](int i) { return 2 * i + 1; });
+}
+
+[[gnu::always_inline]] inline vec<float, 16> larger_magnitude(vec<float, 16> x, vec<float, 16> least) {
+  return _mm512_range_ps(x, least, 0b0011);  // the larger magnitude, the first one's sign
 }
 
 /// One look-up in the table twice over: the index's higher bits may be anything.

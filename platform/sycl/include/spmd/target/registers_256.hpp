@@ -51,6 +51,12 @@ namespace spmd::target {
   return _mm256_sqrt_pd(x);
 }
 
+/// x, or where its magnitude is below `least` that with x's sign. 3 operations.
+[[gnu::always_inline]] inline vec<float, 8> larger_magnitude(vec<float, 8> x, vec<float, 8> least) {
+  const __m256 sign = _mm256_and_ps(x, _mm256_set1_ps(-0.0f));
+  return _mm256_or_ps(_mm256_max_ps(_mm256_andnot_ps(_mm256_set1_ps(-0.0f), x), least), sign);
+}
+
 /// Words 0, 2, 4 … of `a` and `b` behind it, and words 1, 3, 5 …. 2 shuffles.
 [[gnu::always_inline]] inline vec<std::uint32_t, 8> ordered_words(__m256 words) {
   return reinterpret_cast<vec<std::uint32_t, 8>>(_mm256_permute4x64_epi64(_mm256_castps_si256(words), 0xD8));

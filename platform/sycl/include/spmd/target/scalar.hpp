@@ -14,8 +14,16 @@ inline constexpr const char* name = "scalar";
 inline constexpr int register_bytes = 32;
 inline constexpr int gang_lanes = 1;
 
-/// Whether spmd::rounded_by_adding takes less than T's own conversions.
-inline constexpr bool rounds_by_adding = false;
+/// Whether spmd::rounded_digits takes less than T's own conversions.
+inline constexpr bool rounds_in_floats = false;
+
+/// Whether larger_magnitude is one operation.
+inline constexpr bool compares_magnitudes = false;
+
+/// Whether lookup16 is one operation for sixteen codes.
+inline constexpr bool looks_up_sixteen = false;
+
+vec<float, 8> larger_magnitude(vec<float, 8>, vec<float, 8>) = delete;
 
 /// f(i) in place i.
 template <class V, class F>
