@@ -176,6 +176,9 @@ template <int Count, class Body>
   call_each(body, std::make_integer_sequence<int, Count>());
 }
 
+/// How far before their use packed bytes are asked for.
+inline constexpr int bytes_ahead = 2048;
+
 /// Adds the products of tiles first[r] + l of a weight row and of activation rows b0 + a to acc[a] in lane l.
 /// `Moderate` says that all activations are.
 template <int Width, bool Moderate, class Format, class T, std::size_t Rounds, std::size_t Rows, class Live>
@@ -186,6 +189,10 @@ template <int Width, bool Moderate, class Format, class T, std::size_t Rounds, s
   // Load
   std::array<decltype(Format::template load<Width>(row.values, 0, live)), Rounds> tiles;
   inlined<Rounds>([&](auto r) __attribute__((always_inline)) {
+    if constexpr (Width > 1) {
+      constexpr int bytes = Width * Format::value_bytes / Format::tiles_per_block;
+      spmd::prefetch_once<bytes>(row.values + std::int64_t{first[r]} / Width * bytes + bytes_ahead);
+    }
     tiles[r] = Format::template load<Width>(row.values, first[r], live);
   });
   // Tile dot

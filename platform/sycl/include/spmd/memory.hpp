@@ -100,6 +100,13 @@ template <int N, class T>
   return from_buffer<N>(buffer);
 }
 
+/// Asks for the cache lines of `Bytes` bytes from p on, which will be read once: they take little of the
+/// caches from what is read again. Nothing need be there.
+template <int Bytes>
+[[gnu::always_inline]] inline void prefetch_once(const std::uint8_t* p) {
+  for (int byte = 0; byte < Bytes; byte += 64) target::prefetch_once(p + byte);
+}
+
 namespace detail {
 
 /// Floats as bfloat16s in the lower halves of words. Rounded says that they are bfloat16s already.

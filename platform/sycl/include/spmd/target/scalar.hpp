@@ -106,4 +106,6 @@ void stream(void* p, V x) {
   store(p, x);
 }
 
+inline void prefetch_once(const std::uint8_t*) {}
+
 }  // namespace spmd::target
