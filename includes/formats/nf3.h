@@ -29,11 +29,17 @@ struct three_bit_layout : zoned_format {
   static constexpr int run_start(int t, int run) { return t * 16 + run * 8; }
   static constexpr int order(int k) { return k; }
 
-  /// Per lane: the tile's four bytes of low bits, and its sixteen upper bits.
+  /// Per lane: the tile's four bytes of low bits, and its sixteen upper bits with others above them.
   template <int N>
   struct packed {
     spmd::varying_t<std::uint32_t, N> low, upper;
   };
+
+  /// The place of a word in the first of two registers or in the second, which begins N / 2 words later.
+  template <int N>
+  static constexpr int in_either(int word) {
+    return word < N ? word : word + N / 2;
+  }
 
   template <int N, class Live>
   static packed<N> load(const std::uint8_t* row, int first, Live live) {
@@ -43,6 +49,18 @@ struct three_bit_layout : zoned_format {
       const auto* low = reinterpret_cast<const std::uint32_t*>(at + 8);
       return {spmd::load<1>(low + first % 4),
               static_cast<std::uint32_t>(upper >> (16 * (first % 4)) & 0xFFFF)};
+    } else if constexpr (N == spmd::native_lanes<std::uint32_t> && !std::same_as<Live, spmd::first_lanes>) {
+      // Two registers hold the words of the lanes' blocks, N / 4 blocks of six words; they overlap.
+      using words = spmd::vec<std::uint32_t, N>;
+      const std::uint8_t* at = row + static_cast<std::int64_t>(first / 4) * value_bytes;
+      spmd::checked(at, N / 4 * value_bytes);
+      const auto one = spmd::loaded<words>(at), two = spmd::loaded<words>(at + N / 2 * 4);
+      const auto low = spmd::shuffled<N>(one, two, [](int l) { return in_either<N>(l / 4 * 6 + 2 + l % 4); });
+      const auto upper =
+          spmd::shuffled<N>(one, two, [](int l) { return in_either<N>(l / 4 * 6 + l % 4 / 2); });
+      constexpr auto down = spmd::constants<std::uint32_t, N>([](int l) { return l % 2 * 16; });
+      using lanes = spmd::lanes<std::uint32_t, N>;
+      return {lanes(low), lanes(upper >> down)};
     } else if constexpr (N > 8) {
       const packed<N / 2> a = load<N / 2>(row, first, spmd::lower_half(live));
       const packed<N / 2> b = load<N / 2>(row, first + N / 2, spmd::upper_half(live, N));
@@ -68,7 +86,7 @@ struct three_bit_layout : zoned_format {
   static spmd::varying_t<T, N> element(const packed<N>& codes, std::integral_constant<int, K>) {
     constexpr int bit = K / 4 * 8 + 6 - K % 4 * 2;
     const auto upper = K < 2 ? codes.upper << (2 - K) : codes.upper >> (K < 2 ? 0 : K - 2);
-    return Format::template value<T, 0>(((codes.low >> bit) & 3u) | (upper & 4u));
+    return Format::template value<T, 0>(((codes.low >> bit) & 3u) | (upper & ~3u));
   }
 };
 
